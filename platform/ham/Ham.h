@@ -1,0 +1,117 @@
+// Register windows. A Ham names a window onto a chip's registers: either a
+// file mapped into memory (a sysfs PCI resource file, or /dev/mem at a
+// physical base) or the processor's I/O port space. Its implementation
+// object carries the accesses; callers keep a Ptr to it and call it directly.
+//
+// Substitution: a provider installed with Ham::providerIs() is asked first
+// for the implementation of every window made afterwards; when it returns
+// null the real window is made. Tests and the board simulator use this to
+// put in-memory registers behind any window, chosen by file name or type.
+#pragma once
+#include <functional>
+
+#include "Types.h"
+#include "ham/Ptr.h"
+#include "ham/String.h"
+
+enum class HamType : int {
+    mappedFile = 3,  // a file mapped into memory; offsets are byte offsets
+    ioPort = 6,      // processor I/O ports; offsets are port numbers
+};
+
+struct PciAddress {
+    U16 domain = 0;
+    U16 bus = 0;
+    U8 device = 0;
+    U8 function = 0;
+};
+
+struct PciId {
+    U32 value = 0;  // 0: none given
+    PciId(U32 v = 0) : value(v) {}
+};
+
+// The access operations. Results are 0 on success; nothing in the module
+// looks at them.
+class HamImpl : public RefCounted {
+  public:
+    virtual int read32(U32 offset, U32* out) = 0;
+    virtual int write32(U32 offset, U32 value) = 0;
+    virtual int read16(U32 offset, U16* out) = 0;
+    virtual int read8(U32 offset, U8* out) = 0;
+    virtual int write8(U32 offset, U8 value) = 0;
+};
+
+// Everything that describes a window, as handed to a provider.
+struct HamSpec {
+    String name;
+    HamType type = HamType::mappedFile;
+    U32 base = 0;
+    U32 size = 0;      // 0: the whole file
+    String fileName;   // empty for I/O ports
+};
+
+using HamProvider = std::function<Ptr<HamImpl>(const HamSpec&)>;
+
+class Ham : public RefCounted {
+  public:
+    // Makes the window at once. A window that cannot be made ends the
+    // process with one line on stderr and exit status 1.
+    Ham(String name, HamType type, Ptr<Ham> parent, U32 base, U32 size, String fileName);
+
+    Ptr<HamImpl> hamImpl() const { return impl_; }
+    const HamSpec& spec() const { return spec_; }
+
+    // Installs (or, with an empty function, removes) the provider.
+    static void providerIs(HamProvider provider);
+
+  protected:
+    explicit Ham(const HamSpec& spec);
+
+  private:
+    void make();
+
+    HamSpec spec_;
+    Ptr<HamImpl> impl_;
+};
+
+// A window onto a memory resource ("resource0", ...) of a PCI function,
+// found by its address under /sys/bus/pci/devices.
+class PciHam : public Ham {
+  public:
+    PciHam(String name, U32 base, U32 size, String resource, String driver, String options,
+           PciAddress address, PciId id, bool writable);
+
+    static String resourcePath(const PciAddress& address, const String& resource);
+};
+
+// A window onto memory the process already has: the real mapped-file
+// window uses it over its mapping, benchmarks and simulators over a buffer.
+class MemoryHamImpl : public HamImpl {
+  public:
+    explicit MemoryHamImpl(volatile U8* base) : base_(base) {}
+
+    int read32(U32 offset, U32* out) override {
+        *out = *reinterpret_cast<volatile U32*>(base_ + offset);
+        return 0;
+    }
+    int write32(U32 offset, U32 value) override {
+        *reinterpret_cast<volatile U32*>(base_ + offset) = value;
+        return 0;
+    }
+    int read16(U32 offset, U16* out) override {
+        *out = *reinterpret_cast<volatile U16*>(base_ + offset);
+        return 0;
+    }
+    int read8(U32 offset, U8* out) override {
+        *out = base_[offset];
+        return 0;
+    }
+    int write8(U32 offset, U8 value) override {
+        base_[offset] = value;
+        return 0;
+    }
+
+  private:
+    volatile U8* base_;
+};

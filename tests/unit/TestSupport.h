@@ -1,0 +1,61 @@
+// The fake surroundings of one test: every OS call and register window of
+// the module goes to in-memory stand-ins, and what the module did is kept
+// in order, so that tests assert exact sequences. Nothing here reaches this
+// machine's /proc/cmdline, CPU, /dev/mem, /var/lock or I/O ports.
+#pragma once
+#include <string>
+#include <vector>
+
+#include "ham/FakeHam.h"
+#include "os/Os.h"
+
+class FakeBoard {
+  public:
+    FakeBoard();
+    ~FakeBoard();
+    FakeBoard(const FakeBoard&) = delete;
+    FakeBoard& operator=(const FakeBoard&) = delete;
+
+    // The kernel command line the fake shell's grep commands see.
+    std::string cmdline;
+    // What CPUID leaves 0 and 1 report.
+    Os::Cpuid leaf0{1, 0, 0, 0};
+    Os::Cpuid leaf1{};
+    // Sets leaf 1 for an AMD-style family (>= 0xF) and model.
+    void cpuIs(unsigned family, unsigned model);
+
+    // Memory that an mmap of /dev/mem returns (sized on demand), and the
+    // errno that open("/dev/mem") fails with instead, when non-zero.
+    std::vector<unsigned char> devMem;
+    int devMemOpenErrno = 0;
+
+    // Register windows.
+    FakeHams hams;
+
+    // In order: "lock <path>", "window <name> <file>", "shell <command>",
+    // "open <path>", "mmap <length> <offset>", "sleep <s>", "usleep <us>",
+    // "fopen <path>".
+    std::vector<std::string> events;
+    std::vector<std::string> eventsStartingWith(const std::string& prefix) const;
+
+    // Lock files land in this private directory, under the requested path's
+    // last component.
+    std::string lockDir;
+
+    // Files that fopen() is sent to instead: requested path -> real path.
+    // Unlisted paths fail with ENOENT.
+    void fileIs(const std::string& path, const std::string& contents);
+
+  private:
+    std::vector<std::pair<std::string, std::string>> files_;
+};
+
+// The trace mask of the module's handle for the life of a scope.
+class TraceLevels {
+  public:
+    explicit TraceLevels(unsigned mask);
+    ~TraceLevels();
+
+  private:
+    unsigned saved_;
+};

@@ -1,0 +1,269 @@
+// The pin interface base: lock file, test mode, registry, plain-named
+// functions, bit-field helpers, tracing and the register-window layer.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <typeinfo>
+
+#include "StubBackend.h"
+#include "TestSupport.h"
+#include "ham/FakeHam.h"
+#include "xilinx/XilTrace.h"
+#include "xilinx/amd/EkabiniIntf.h"
+#include "xilinx/backends/CaveCreekPCHIntf.h"
+#include "xilinx/backends/CedarForkPCHIntf.h"
+#include "xilinx/backends/IntelGbeControllerIntf.h"
+#include "xilinx/backends/PericomGen3Intf.h"
+#include "xilinx/backends/PlxPex8600Intf.h"
+#include "xilinx/backends/PlxPex8700Intf.h"
+#include "xilinx/backends/Sb820Intf.h"
+#include "xilinx/hal/Hal.h"
+#include "xilinx/hal/HalWindow.h"
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+// ---- lock file ----
+
+TEST(LockName, DecimalFieldsAndNoFunction) {
+    char a[256], b[256];
+    xilLockName(a, 0, 0x1a, 0x14);
+    EXPECT_STREQ(a, "0_26_20_jtag");
+    xilLockName(b, 0x10, 0xff, 0x1f);
+    EXPECT_STREQ(b, "16_255_31_jtag");
+}
+
+TEST(Lock, TakenOnVarLockBeforeAnyWindow) {
+    FakeBoard board;
+    struct WindowIntf : StubIntf {
+        WindowIntf(const char* lock, std::vector<std::string>* c) : StubIntf(lock, c) {
+            ham = new Ham("probeHam", HamType::mappedFile, nullptr, 0, 0, "/sys/bus/pci/devices/0000:00:14.0/resource0");
+        }
+        Ptr<Ham> ham;
+    };
+    std::vector<std::string> calls;
+    new WindowIntf("0_0_20_jtag", &calls);
+    EXPECT_THAT(board.events, ElementsAre("lock /var/lock/0_0_20_jtag",
+                                          "window probeHam /sys/bus/pci/devices/0000:00:14.0/resource0"));
+    struct stat st;
+    ASSERT_EQ(::stat((board.lockDir + "/0_0_20_jtag").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0400u);
+}
+
+TEST(Lock, SecondInterfaceForTheSameDeviceIsRefused) {
+    FakeBoard board;
+    std::vector<std::string> calls;
+    new StubIntf("0_0_20_jtag", &calls);
+    new StubIntf("0_0_21_jtag", &calls);  // another device: its own lock
+    EXPECT_EXIT(new StubIntf("0_0_20_jtag", &calls), ::testing::ExitedWithCode(1),
+                "^Lock file is locked by another process\\.$");
+}
+
+TEST(Lock, StaleLockFileDoesNotBlock) {
+    FakeBoard board;
+    std::ofstream(board.lockDir + "/0_3_0_jtag") << "left behind";
+    std::vector<std::string> calls;
+    new StubIntf("0_3_0_jtag", &calls);
+    std::ifstream in(board.lockDir + "/0_3_0_jtag");
+    EXPECT_EQ(in.peek(), std::char_traits<char>::eof());  // truncated
+}
+
+TEST(Lock, CreationFailureNamesTheSystemError) {
+    FakeBoard board;
+    Os::hooks().creat = [](const char*, mode_t) {
+        errno = EACCES;
+        return -1;
+    };
+    std::vector<std::string> calls;
+    EXPECT_EXIT(new StubIntf("0_0_20_jtag", &calls), ::testing::ExitedWithCode(1),
+                "^Failed to create lock file: Permission denied\n$");
+}
+
+TEST(Lock, TestModeUsesTheTmpFileAndTracesBothPaths) {
+    FakeBoard board;
+    TraceLevels levels(0x2);
+    XilIntf_testModeIs(7);
+    std::vector<std::string> calls;
+    ::testing::internal::CaptureStderr();
+    new StubIntf("0_0_20_jtag", &calls);
+    std::string err = ::testing::internal::GetCapturedStderr();
+    XilIntf_testModeIs(0);
+    EXPECT_THAT(board.events, ElementsAre("lock /tmp/xilinxTestLockFile"));
+    EXPECT_THAT(err, HasSubstr("Xilinx/1 xilinx/XilIntf.cpp:"));
+    EXPECT_THAT(err, HasSubstr(" XilIntf: lockfile is /var/lock/0_0_20_jtag\n"));
+    EXPECT_THAT(err, HasSubstr(" XilIntf: Using test lock file /tmp/xilinxTestLockFile instead\n"));
+}
+
+// ---- registry ----
+
+TEST(Registry, FactoriesAreRegisteredInTheirFixedOrder) {
+    auto& r = XilIntfFactory::registry();
+    ASSERT_EQ(XilIntfFactory::count(), 8u);
+    EXPECT_EQ(typeid(*r[0]), typeid(Sb820Factory));
+    EXPECT_EQ(typeid(*r[1]), typeid(EkabiniGpioFactory));
+    EXPECT_EQ(typeid(*r[2]), typeid(CaveCreekPCHFactory));
+    EXPECT_EQ(typeid(*r[3]), typeid(PlxPex8600Factory));
+    EXPECT_EQ(typeid(*r[4]), typeid(PlxPex8700Factory));
+    EXPECT_EQ(typeid(*r[5]), typeid(IntelGbeControllerFactory));
+    EXPECT_EQ(typeid(*r[6]), typeid(CedarForkPCHFactory));
+    EXPECT_EQ(typeid(*r[7]), typeid(PericomGen3Factory));
+}
+
+TEST(Registry, FirstAcceptingFactoryWinsAndLaterOnesAreNotAsked) {
+    FakeBoard board;
+    std::vector<std::string> calls;
+    StubFactory a("alpha", &calls), b("beta", &calls), b2("beta", &calls), c("gamma", &calls);
+    RegistrySwap swap({&a, &b, &b2, &c});
+    EXPECT_EQ(XilIntfFactory::factory("beta"), &b);
+    EXPECT_THAT(calls, ElementsAre("manages alpha beta", "manages beta beta"));
+    calls.clear();
+    XilIntf* intf = XilIntf_bySystem("beta", 0x8086, 0x1533, 0, 0x1a, 0x14, 3);
+    EXPECT_EQ(intf, b.last);
+    EXPECT_THAT(calls, ElementsAre("manages alpha beta", "manages beta beta", "new beta 32902 5427 0_26_20_jtag fn 3"));
+}
+
+TEST(Registry, UnknownNameAsksEveryFactoryAndGivesNull) {
+    std::vector<std::string> calls;
+    StubFactory a("alpha", &calls), b("beta", &calls);
+    RegistrySwap swap({&a, &b, &a});  // the same factory twice is listed twice
+    EXPECT_EQ(XilIntf_bySystem("zeta", 0, 0, 0, 0, 0, 0), nullptr);
+    EXPECT_THAT(calls, ElementsAre("manages alpha zeta", "manages beta zeta", "manages alpha zeta"));
+}
+
+// ---- plain-named functions ----
+
+TEST(PlainFunctions, NonZeroIsHighAndTdoIsZeroOrOne) {
+    FakeBoard board;
+    std::vector<std::string> calls;
+    StubIntf* intf = new StubIntf("0_0_1_jtag", &calls);
+    XilIntf_tdiIs(intf, 2);
+    XilIntf_tdiIs(intf, -1);
+    XilIntf_tmsIs(intf, 0);
+    XilIntf_tckIs(intf, 256);
+    XilIntf_ledIs(intf, 5);
+    XilIntf_select(intf, "x");
+    XilIntf_cleanup(intf, "y");
+    EXPECT_THAT(calls, ElementsAre("tdiIs 1", "tdiIs 1", "tmsIs 0", "tckIs 1", "warningIs 1", "select x", "cleanup y"));
+    EXPECT_EQ(XilIntf_tdo(intf), 1);
+    intf->tdoLevel = false;
+    EXPECT_EQ(XilIntf_tdo(intf), 0);
+}
+
+// ---- bit fields ----
+
+TEST(Hal, BitmaskAndBitsIs) {
+    EXPECT_EQ(Hal::bitmask<U32>(4, 7), 0xf0u);
+    EXPECT_EQ(Hal::bitmask<U32>(0, 31), 0xffffffffu);
+    EXPECT_EQ(Hal::bitmask<U16>(3, 3), 0x8u);
+    EXPECT_EQ(Hal::bitmask<U16>(0, 15), 0xffffu);
+    U32 v = 0xffffffff;
+    Hal::bitsIs<U32>(v, 8, 11, 0x5);
+    EXPECT_EQ(v, 0xfffff5ffu);
+    U32 one = 0x12345678;
+    Hal::bitsIs<U32>(one, 3, 3, 1);
+    EXPECT_EQ(one, 0x12345678u | 0x8u);
+    Hal::bitsIs<U32>(one, 4, 4, 0);
+    EXPECT_EQ(one, (0x12345678u | 0x8u) & ~0x10u);
+    U32 whole = 0xdeadbeef;
+    Hal::bitsIs<U32>(whole, 0, 31, 0x01234567u);
+    EXPECT_EQ(whole, 0x01234567u);
+    U16 w = 0x8f00;
+    Hal::bitsIs<U16>(w, 8, 11, U16(0x1));
+    EXPECT_EQ(w, 0x8100u);
+    EXPECT_EQ(Hal::bits<U16>(0x8b00, 8, 11), 0xbu);
+    EXPECT_EQ(Hal::bits<U32>(0x80000000u, 31, 31), 1u);
+}
+
+TEST(HalDeathTest, PreconditionsGuardTheCallersTables) {
+    EXPECT_DEATH(Hal::bitmask<U32>(5, 4), "from <= to");
+    U32 v = 0;
+    EXPECT_DEATH(Hal::bitsIs<U32>(v, 0, 3, 0x10), "\\(newValue & ~mask\\) == 0");
+}
+
+// ---- tracing ----
+
+TEST(Trace, LevelSpecifications) {
+    EXPECT_EQ(TraceHandle::maskFromSpec("Xilinx/0-3,5", "Xilinx"), 0x2fu);
+    EXPECT_EQ(TraceHandle::maskFromSpec("Other/1 Xilinx/2", "Xilinx"), 0x4u);
+    EXPECT_EQ(TraceHandle::maskFromSpec("1;3", "Xilinx"), 0xau);
+    EXPECT_EQ(TraceHandle::maskFromSpec("*/*", "Xilinx"), 0xffffffffu);
+    EXPECT_EQ(TraceHandle::maskFromSpec("Xilinx/x,40,2", "Xilinx"), 0x4u);  // nonsense is ignored
+    EXPECT_EQ(TraceHandle::maskFromSpec(nullptr, "Xilinx"), 0u);
+}
+
+TEST(Trace, DisabledStatementEvaluatesNothing) {
+    TraceLevels levels(0x1);
+    int evaluated = 0;
+    auto piece = [&] { return ++evaluated; };
+    ::testing::internal::CaptureStderr();
+    XTRACE(3, "tckIs " << piece());
+    XTRACE(0, "tdo " << piece() << " " << true << std::hex << " 0x" << 255u << " " << _fmt("%04x", 0x14));
+    std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(evaluated, 1);
+    EXPECT_THAT(err, ::testing::MatchesRegex("Xilinx/0 xilinx/XilIntf.cpp:[0-9]+ TestBody: tdo 1 true 0xff 0014\n"));
+}
+
+// ---- register windows ----
+
+TEST(Ham, MappedFileReadsAndWritesLittleEndian) {
+    char path[] = "/tmp/kelvorn-ham-XXXXXX";
+    int fd = ::mkstemp(path);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::ftruncate(fd, 0x2000), 0);
+    ::close(fd);
+    Ptr<Ham> ham = new Ham("fileHam", HamType::mappedFile, nullptr, 0x1000, 0, path);
+    Ptr<HamImpl> impl = ham->hamImpl();
+    impl->write32(0x10, 0x11223344);
+    impl->write8(0x20, 0xab);
+    U8 b = 0;
+    U16 h = 0;
+    U32 w = 0;
+    impl->read8(0x10, &b);
+    impl->read16(0x12, &h);
+    impl->read32(0x20, &w);
+    EXPECT_EQ(b, 0x44);
+    EXPECT_EQ(h, 0x1122);
+    EXPECT_EQ(w, 0xabu);
+    std::ifstream in(path, std::ios::binary);
+    in.seekg(0x1010);
+    EXPECT_EQ(in.get(), 0x44);  // base 0x1000 of the file
+    ::unlink(path);
+}
+
+TEST(HamDeathTest, WindowThatCannotBeMadeEndsTheRunWithOneLine) {
+    EXPECT_EXIT(new Ham("theJamHam", HamType::mappedFile, nullptr, 0, 0, "/nonexistent/resource0"),
+                ::testing::ExitedWithCode(1),
+                "^register window theJamHam: cannot open /nonexistent/resource0: No such file or directory\n$");
+}
+
+TEST(Ham, SysfsWindowHonoursTestModeWithTraces) {
+    FakeBoard board;
+    TraceLevels levels(0x2);
+    XilIntf::testMode = true;
+    ::testing::internal::CaptureStderr();
+    Ptr<Ham> ham = Hal::sysfsWindow("theSb820Ham", "resource5", 0, 0, 0x14, 0, true);
+    std::string err = ::testing::internal::GetCapturedStderr();
+    XilIntf::testMode = false;
+    Hal::sysfsWindow("PericomGen3Ham", "resource0", 0, 3, 0, 1, false);
+    EXPECT_THAT(board.events, ElementsAre("window theSb820Ham /tmp/xilinxTestMemMapFile",
+                                          "window PericomGen3Ham /sys/bus/pci/devices/0000:03:00.1/resource0"));
+    EXPECT_THAT(err, HasSubstr("Ham fname is /sys/bus/pci/devices/0000:00:14.0/resource5\n"));
+    EXPECT_THAT(err, HasSubstr("Using test ham fname /tmp/xilinxTestMemMapFile instead\n"));
+    EXPECT_THAT(err, HasSubstr("Ham created\n"));
+}
+
+TEST(Ham, PciHamFindsTheResourceByAddress) {
+    FakeHams hams;
+    Ptr<Ham> ham = new PciHam("0_3_0_jtag", 0, 0x100000, "resource0", "", "", PciAddress{0, 3, 0, 0}, 0, true);
+    ASSERT_EQ(hams.opened().size(), 1u);
+    EXPECT_EQ(hams.opened()[0].fileName, "/sys/bus/pci/devices/0000:03:00.0/resource0");
+    EXPECT_EQ(hams.opened()[0].size, 0x100000u);
+    ham->hamImpl()->write32(0x18, 0x80);
+    U8 v;
+    ham->hamImpl()->read8(0x18, &v);
+    EXPECT_THAT(hams["/sys/bus/pci/devices/0000:03:00.0/resource0"].log(), ElementsAre("W32 0x18=0x80", "R8 0x18=0x80"));
+}

@@ -1,0 +1,3 @@
+#include "tool/Kelvorn.h"
+
+int main(int argc, char** argv) { return kelvornMain(argc, argv); }

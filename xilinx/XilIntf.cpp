@@ -1,0 +1,112 @@
+#include "xilinx/XilIntf.h"
+
+#include <sys/file.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+#include "os/Os.h"
+#include "xilinx/XilIntfFactory.h"
+#include "xilinx/XilTrace.h"
+#include "xilinx/amd/EkabiniIntf.h"
+#include "xilinx/backends/CaveCreekPCHIntf.h"
+#include "xilinx/backends/CedarForkPCHIntf.h"
+#include "xilinx/backends/IntelGbeControllerIntf.h"
+#include "xilinx/backends/PericomGen3Intf.h"
+#include "xilinx/backends/PlxPex8600Intf.h"
+#include "xilinx/backends/PlxPex8700Intf.h"
+#include "xilinx/backends/Sb820Intf.h"
+
+bool XilIntf::testMode = false;
+
+static const char kLockedMessage[] = "Lock file is locked by another process.";  // 39 bytes, no newline
+
+XilIntf::XilIntf(const char* lockName) {
+    char path[256];
+    std::snprintf(path, sizeof path, "/var/lock/%s", lockName);
+    XTRACE(1, "lockfile is " << path);
+    const char* file = path;
+    if (testMode) {
+        file = testLockFile;
+        XTRACE(1, "Using test lock file " << file << " instead");
+    }
+    int fd = Os::creat(file, 0400);
+    if (fd < 0) {
+        std::fflush(stdout);
+        std::perror("Failed to create lock file");
+        std::exit(1);
+    }
+    // The descriptor stays open for the life of the process: that is the lock.
+    if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        std::fflush(stdout);
+        if (errno == EWOULDBLOCK) {
+            std::fwrite(kLockedMessage, 1, sizeof kLockedMessage - 1, stderr);
+            std::exit(1);
+        }
+        std::perror("Error locking lock file");
+        std::exit(1);
+    }
+}
+
+void xilLockName(char (&buf)[256], U16 domain, U8 bus, U8 device) {
+    std::snprintf(buf, sizeof buf, "%d_%d_%d_jtag", domain, bus, device);
+}
+
+// ---- registry ----
+
+std::vector<XilIntfFactory*>& XilIntfFactory::registry() {
+    static std::vector<XilIntfFactory*> list;
+    return list;
+}
+
+void XilIntfFactory::registerFactory(XilIntfFactory* factory) { registry().push_back(factory); }
+
+XilIntfFactory* XilIntfFactory::factory(const char* deviceName) {
+    for (XilIntfFactory* f : registry())
+        if (f->manages(deviceName)) return f;
+    return nullptr;
+}
+
+namespace {
+
+// The one place that makes the factories. The order decides which backend
+// wins a name that two of them accept on a board ("fodak" and "komefi":
+// the SB820 first, the SoC GPIO on the boards the SB820 factory rejects).
+// Being in the same file as XilIntf_bySystem, it is linked whenever the
+// lookup is, also from a static library.
+struct Registration {
+    Registration() {
+        XilIntfFactory::registerFactory(new Sb820Factory);
+        XilIntfFactory::registerFactory(new EkabiniGpioFactory);
+        XilIntfFactory::registerFactory(new CaveCreekPCHFactory);
+        XilIntfFactory::registerFactory(new PlxPex8600Factory);
+        XilIntfFactory::registerFactory(new PlxPex8700Factory);
+        XilIntfFactory::registerFactory(new IntelGbeControllerFactory);
+        XilIntfFactory::registerFactory(new CedarForkPCHFactory);
+        XilIntfFactory::registerFactory(new PericomGen3Factory);
+    }
+} registration;
+
+}  // namespace
+
+// ---- plain-named functions ----
+
+extern "C" {
+
+XilIntf* XilIntf_bySystem(const char* deviceName, U16 pciVendor, U16 pciDevice, U16 domain, U8 bus, U8 device,
+                          U8 function) {
+    XilIntfFactory* f = XilIntfFactory::factory(deviceName);
+    return f ? f->newXilIntf(pciVendor, pciDevice, domain, bus, device, function) : nullptr;
+}
+
+void XilIntf_select(XilIntf* intf, const char* deviceName) { intf->select(deviceName); }
+void XilIntf_tdiIs(XilIntf* intf, int value) { intf->tdiIs(value != 0); }
+void XilIntf_tmsIs(XilIntf* intf, int value) { intf->tmsIs(value != 0); }
+void XilIntf_tckIs(XilIntf* intf, int value) { intf->tckIs(value != 0); }
+int XilIntf_tdo(XilIntf* intf) { return static_cast<U8>(intf->tdo()); }
+void XilIntf_cleanup(XilIntf* intf, const char* deviceName) { intf->cleanup(deviceName); }
+void XilIntf_ledIs(XilIntf* intf, int on) { intf->warningIs(on != 0); }
+void XilIntf_testModeIs(int on) { XilIntf::testMode = on != 0; }
+
+}  // extern "C"

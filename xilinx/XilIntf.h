@@ -1,0 +1,42 @@
+// The JTAG pin interface: TCK, TMS and TDI driven, TDO read, through the
+// GPIO pins of whatever chip on the board carries them. One backend per
+// kind of GPIO block derives from XilIntf; a factory per backend decides
+// which device names it serves (XilIntfFactory.h).
+//
+// Interfaces are never destroyed: each holds an exclusive lock file for its
+// PCI device (domain, bus and device; not the function) until the process
+// ends, so a second process for the same device is refused.
+#pragma once
+#include "Types.h"
+
+class XilIntf {
+  public:
+    // Takes the lock "/var/lock/<lockName>" (in test mode
+    // "/tmp/xilinxTestLockFile"), or ends the process with status 1.
+    explicit XilIntf(const char* lockName);
+
+    virtual void tdiIs(bool value) = 0;
+    virtual void tmsIs(bool value) = 0;
+    virtual void tckIs(bool value) = 0;
+    virtual bool tdo() = 0;
+    virtual void select(const char* deviceName) = 0;
+    virtual void cleanup(const char* deviceName) = 0;
+    virtual void warningIs(bool on) = 0;
+
+    // Moves the lock file, and the register file of the backends that
+    // honour it, to fixed files under /tmp. Set through XilIntf_testModeIs.
+    static bool testMode;
+
+    static constexpr const char* testLockFile = "/tmp/xilinxTestLockFile";
+    static constexpr const char* testMemMapFile = "/tmp/xilinxTestMemMapFile";
+
+  protected:
+    XilIntf(const XilIntf&) = delete;
+    XilIntf& operator=(const XilIntf&) = delete;
+    ~XilIntf() = default;  // never called: interfaces live until the process ends
+};
+
+// Formats the lock name "<domain>_<bus>_<device>_jtag" (decimal) into buf.
+void xilLockName(char (&buf)[256], U16 domain, U8 bus, U8 device);
+
+#include "xilinx/XilIntfC.h"
