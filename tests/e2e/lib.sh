@@ -1,0 +1,98 @@
+# Shared set-up for end-to-end tests of the built binaries. Each run happens
+# in a private mount namespace whose /proc/cmdline, /dev, /sys/bus/pci/devices,
+# /var/lock and /tmp are this test's own files, so nothing reaches this
+# machine's hardware, lock directory or kernel command line.
+#
+#   source "$(dirname "$0")/lib.sh" "$1"      # $1: the build directory
+#   e2e_cmdline "console=ttyS0 platform=gozip"
+#   e2e_pci 0000:00:14.0 resource5 0x1000   # a sparse resource file
+#   e2e_devmem 0x100000000                  # a sparse file as /dev/mem
+#   e2e_run kelvorn fodak 0000:00:14.0 tdo  # status in $E2E_STATUS, output in $E2E_OUT/$E2E_ERR
+#   e2e_start kelvorn ...; ...; e2e_wait    # the same, in the background
+#   expect_eq "$(rd8 "$(e2e_pci_file 0000:00:14.0 resource5)" 0x1bd)" 0x40 "TCK driven high"
+#   e2e_done
+set -uo pipefail
+
+if [ "$(id -u)" != 0 ] || ! unshare -m --propagation private true 2>/dev/null; then
+  echo "skipped: needs root and mount namespaces"
+  exit 77
+fi
+
+E2E_BUILD=$(cd "${1:?build directory}" && pwd)
+# Outside /tmp, which the runs replace with a directory of their own.
+E2E_DIR=$(mktemp -d /var/tmp/kelvorn-e2e.XXXXXX)
+trap 'rm -rf "$E2E_DIR"' EXIT
+mkdir -p "$E2E_DIR"/{pci,lock,dev,tmp,bin}
+: >"$E2E_DIR/dev/null"
+echo "console=ttyS0 quiet" >"$E2E_DIR/cmdline"
+E2E_PASSED=0
+E2E_FAILED=0
+
+e2e_cmdline() { echo "$1" >"$E2E_DIR/cmdline"; }
+e2e_pci_file() { echo "$E2E_DIR/pci/$1/$2"; }
+e2e_pci() {  # address resource size
+  mkdir -p "$E2E_DIR/pci/$1"
+  truncate -s "$3" "$E2E_DIR/pci/$1/$2"
+}
+e2e_devmem() { truncate -s "$1" "$E2E_DIR/dev/mem"; }
+e2e_lock_dir() { echo "$E2E_DIR/lock"; }
+e2e_tmp_dir() { echo "$E2E_DIR/tmp"; }
+
+# The command line that runs a binary of the build inside the namespace.
+_e2e_cmd() {
+  local bin=$1; shift
+  [ -x "$E2E_DIR/bin/$bin" ] || cp "$E2E_BUILD/bin/$bin" "$E2E_DIR/bin/$bin"
+  E2E_ARGV=(unshare -m --propagation private sh -c '
+    d=$1; shift
+    mount --bind "$d/cmdline" /proc/cmdline &&
+    mount --bind "$d/pci" /sys/bus/pci/devices &&
+    mount --bind "$d/lock" /var/lock &&
+    mount --bind "$d/dev" /dev &&
+    mount --bind "$d/tmp" /tmp || exit 99
+    exec "$@"' sh "$E2E_DIR" "$E2E_DIR/bin/$bin" "$@")
+}
+
+e2e_run() {
+  _e2e_cmd "$@"
+  "${E2E_ARGV[@]}" >"$E2E_DIR/out" 2>"$E2E_DIR/err"
+  E2E_STATUS=$?
+  E2E_OUT=$(cat "$E2E_DIR/out")
+  E2E_ERR=$(cat "$E2E_DIR/err")
+}
+
+e2e_start() {
+  _e2e_cmd "$@"
+  "${E2E_ARGV[@]}" >"$E2E_DIR/bg.out" 2>"$E2E_DIR/bg.err" &
+  E2E_BG=$!
+}
+e2e_wait() {
+  wait "$E2E_BG"
+  E2E_STATUS=$?
+  E2E_OUT=$(cat "$E2E_DIR/bg.out")
+  E2E_ERR=$(cat "$E2E_DIR/bg.err")
+}
+
+# Register contents of a file standing for a window, as 0x-prefixed hex.
+rd8() { printf '0x%x\n' "$(od -An -tu1 -j $(($2)) -N1 "$1" | tr -d ' ')"; }
+rd16() { printf '0x%x\n' "$(od -An -tu2 --endian=little -j $(($2)) -N2 "$1" | tr -d ' ')"; }
+rd32() { printf '0x%x\n' "$(od -An -tu4 --endian=little -j $(($2)) -N4 "$1" | tr -d ' ')"; }
+wr8() { printf "$(printf '\\x%02x' $(($3)))" | dd of="$1" bs=1 seek=$(($2)) conv=notrunc status=none; }
+wr32() {
+  local v=$(($3))
+  printf "$(printf '\\x%02x\\x%02x\\x%02x\\x%02x' $((v & 255)) $((v >> 8 & 255)) $((v >> 16 & 255)) $((v >> 24 & 255)))" |
+    dd of="$1" bs=1 seek=$(($2)) conv=notrunc status=none
+}
+
+expect_eq() {  # actual expected what
+  if [ "$1" == "$2" ]; then
+    E2E_PASSED=$((E2E_PASSED + 1))
+  else
+    E2E_FAILED=$((E2E_FAILED + 1))
+    printf 'FAIL: %s\n  expected: %q\n  actual:   %q\n' "$3" "$2" "$1"
+  fi
+}
+
+e2e_done() {
+  echo "$E2E_PASSED passed, $E2E_FAILED failed"
+  [ "$E2E_FAILED" = 0 ]
+}
