@@ -103,8 +103,10 @@ Ham::Ham(String name, HamType type, Ptr<Ham>, U32 base, U32 size, String fileNam
 
 Ham::Ham(const HamSpec& spec) : spec_(spec) { make(); }
 
+Ptr<HamImpl> Ham::provided(const HamSpec& spec) { return provider() ? provider()(spec) : nullptr; }
+
 void Ham::make() {
-    if (provider()) impl_ = provider()(spec_);
+    impl_ = provided(spec_);
     if (impl_) return;
     if (spec_.type == HamType::ioPort)
         impl_ = new IoPortHamImpl(spec_);

@@ -64,6 +64,10 @@ class Ham : public RefCounted {
 
     // Installs (or, with an empty function, removes) the provider.
     static void providerIs(HamProvider provider);
+    // What the provider puts behind a window of this description; null when
+    // there is no provider or it declines. For code that maps a window by
+    // itself but must still be open to substitution.
+    static Ptr<HamImpl> provided(const HamSpec& spec);
 
   protected:
     explicit Ham(const HamSpec& spec);
