@@ -53,6 +53,12 @@ void xilLockName(char (&buf)[256], U16 domain, U8 bus, U8 device) {
     std::snprintf(buf, sizeof buf, "%d_%d_%d_jtag", domain, bus, device);
 }
 
+void xilUnknownDevice(const char* deviceName) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "Unknown device: %s\n", deviceName);
+    std::exit(1);
+}
+
 // ---- registry ----
 
 std::vector<XilIntfFactory*>& XilIntfFactory::registry() {

@@ -39,4 +39,9 @@ class XilIntf {
 // Formats the lock name "<domain>_<bus>_<device>_jtag" (decimal) into buf.
 void xilLockName(char (&buf)[256], U16 domain, U8 bus, U8 device);
 
+// A backend's select() given a name it has no pins for: writes
+// "Unknown device: <name>" and a newline to stderr and ends the process
+// with status 1, before any pin is touched.
+[[noreturn]] void xilUnknownDevice(const char* deviceName);
+
 #include "xilinx/XilIntfC.h"
