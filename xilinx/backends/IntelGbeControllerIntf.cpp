@@ -1,7 +1,5 @@
 #include "xilinx/backends/IntelGbeControllerIntf.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "xilinx/XilTrace.h"
@@ -144,11 +142,7 @@ bool IntelGbeControllerIntf::tdo() {
 // and puts the warning LED in its quiet blinking mode.
 void IntelGbeControllerIntf::select(const char* deviceName) {
     const Device* d = findDevice(deviceName);
-    if (!d) {
-        std::fflush(stdout);
-        std::fprintf(stderr, "Unknown device: %s\n", deviceName);
-        std::exit(1);
-    }
+    if (!d) xilUnknownDevice(deviceName);
     warningLed = d->warningLed;
     tdiPin = d->tdiPin;
     tmsPin = d->tmsPin;

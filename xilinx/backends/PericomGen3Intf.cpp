@@ -1,7 +1,5 @@
 #include "xilinx/backends/PericomGen3Intf.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "xilinx/XilTrace.h"
@@ -62,11 +60,7 @@ void PericomGen3Intf::levelIs(U32 pin, bool level) { bitIs(bankReg(gpioOutOffset
 
 void PericomGen3Intf::select(const char* deviceName) {
     const Device* d = findDevice(deviceName);
-    if (!d) {
-        std::fflush(stdout);
-        std::fprintf(stderr, "Unknown device: %s\n", deviceName);
-        std::exit(1);
-    }
+    if (!d) xilUnknownDevice(deviceName);
     blockBase = d->blockBase;
     impl = ham->hamImpl();
     tckPin = d->tckPin;
