@@ -1,0 +1,173 @@
+// The SB820 backend over a fake resource5: the exact control-byte traffic of
+// select, the pin cache, cleanup, the counters and the platform test.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "TestSupport.h"
+#include "xilinx/XilTrace.h"
+#include "xilinx/backends/Sb820Intf.h"
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+namespace {
+
+const char kResource5[] = "/sys/bus/pci/devices/0000:00:14.0/resource5";
+
+class Sb820 : public ::testing::Test {
+  protected:
+    Sb820() {
+        board.cmdline = "console=ttyS0 platform=mosavo";
+        // Every control byte starts as an input with bits 3, 1, 0 set, which must survive.
+        for (U32 gpio : {189, 171, 49, 61, 60, 41, 50}) regs.poke(0x100 + gpio, 0x2b, 8);
+        // Register accesses and waits in one trail.
+        Os::hooks().usleep = [this](unsigned us) {
+            flush();
+            trail.push_back("usleep " + std::to_string(us));
+            return 0;
+        };
+    }
+
+    void flush() {
+        for (auto& a : regs.log()) trail.push_back(a);
+        regs.clearLog();
+    }
+
+    std::vector<std::string> takeLog() {
+        flush();
+        std::vector<std::string> out;
+        out.swap(trail);
+        return out;
+    }
+
+    XilIntf* selected() {
+        XilIntf* intf = XilIntf_bySystem("fodak", 0, 0, 0, 0, 0x14, 0);
+        intf->select("fodak");
+        takeLog();
+        return intf;
+    }
+
+    FakeBoard board;
+    FakeHamImpl& regs = board.hams[kResource5];
+    std::vector<std::string> trail;
+};
+
+}  // namespace
+
+TEST_F(Sb820, FactoryTestsThePlatformBeforeTheName) {
+    Sb820Factory f;
+    EXPECT_TRUE(f.manages("fodak"));
+    EXPECT_TRUE(f.manages("komefi"));
+    EXPECT_FALSE(f.manages("Fodak"));
+    EXPECT_FALSE(f.manages("fodak2"));
+    EXPECT_EQ(board.events.front(), "shell /bin/grep -qE \"platform=(gozip|bupul)\" /proc/cmdline");
+    for (const char* platform : {"platform=gozip", "quiet platform=bupul"}) {
+        board.cmdline = platform;
+        EXPECT_FALSE(f.manages("fodak")) << platform;
+        EXPECT_FALSE(f.manages("komefi")) << platform;
+    }
+}
+
+TEST_F(Sb820, LockThenWindowOnResource5OrTheTestFile) {
+    XilIntf_bySystem("komefi", 0, 0, 0, 0x1a, 0x14, 3);
+    EXPECT_THAT(board.eventsStartingWith("lock"), ElementsAre("lock /var/lock/0_26_20_jtag"));
+    EXPECT_THAT(board.eventsStartingWith("window"),
+                ElementsAre("window theSb820Ham /sys/bus/pci/devices/0000:1a:14.3/resource5"));
+    board.events.clear();
+    XilIntf_testModeIs(1);
+    XilIntf_bySystem("fodak", 0, 0, 0, 0, 0x14, 0);
+    XilIntf_testModeIs(0);
+    EXPECT_THAT(board.eventsStartingWith("lock"), ElementsAre("lock /tmp/xilinxTestLockFile"));
+    EXPECT_THAT(board.eventsStartingWith("window"), ElementsAre("window theSb820Ham /tmp/xilinxTestMemMapFile"));
+    EXPECT_TRUE(regs.log().empty());  // nothing touched before select
+}
+
+TEST_F(Sb820, SelectDrivesOutputsThenLevelsBetweenTwoWaits) {
+    regs.poke(0x13d, 0xab, 8);  // TDO pin high
+    XilIntf* intf = XilIntf_bySystem("fodak", 0, 0, 0, 0, 0x14, 0);
+    TraceLevels levels(0x2);
+    ::testing::internal::CaptureStderr();
+    intf->select("komefi");
+    std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_THAT(takeLog(),
+                ElementsAre(  // drivers on: TCK, TDI, TMS, the three setup pins
+                    "R8 0x1bd=0x2b", "W8 0x1bd=0xb", "R8 0x1ab=0x2b", "W8 0x1ab=0xb", "R8 0x131=0x2b",
+                    "W8 0x131=0xb", "R8 0x13c=0x2b", "W8 0x13c=0xb", "R8 0x129=0x2b", "W8 0x129=0xb",
+                    "R8 0x132=0x2b", "W8 0x132=0xb",
+                    // TDO an input
+                    "R8 0x13d=0xab", "W8 0x13d=0xab", "usleep 1000",
+                    // setup levels: high, low, low
+                    "R8 0x13c=0xb", "W8 0x13c=0x4b", "R8 0x129=0xb", "W8 0x129=0xb", "R8 0x132=0xb",
+                    "W8 0x132=0xb",
+                    // TCK, TDI, TMS low
+                    "R8 0x1bd=0xb", "W8 0x1bd=0xb", "R8 0x1ab=0xb", "W8 0x1ab=0xb", "R8 0x131=0xb",
+                    "W8 0x131=0xb", "usleep 1000"));
+    for (const char* line : {"setOutput 189\n", "setOutput 171\n", "setOutput 49\n", "setOutput 60\n",
+                             "setOutput 41\n", "setOutput 50\n", "setInput 61\n"})
+        EXPECT_THAT(err, HasSubstr(line));
+}
+
+TEST_F(Sb820, RepeatedLevelIsCachedAndCountedOnce) {
+    XilIntf* intf = selected();
+    TraceLevels levels(0x8 | 0x20);
+    ::testing::internal::CaptureStderr();
+    intf->tckIs(true);
+    intf->tckIs(true);
+    intf->tckIs(true);
+    intf->cleanup("fodak");
+    std::string err = ::testing::internal::GetCapturedStderr();
+    auto log = takeLog();
+    ASSERT_GE(log.size(), 2u);
+    EXPECT_THAT(std::vector<std::string>(log.begin(), log.begin() + 2), ElementsAre("R8 0x1bd=0xb", "W8 0x1bd=0x4b"));
+    EXPECT_EQ(std::count(log.begin(), log.end(), "W8 0x1bd=0x4b"), 1);
+    std::vector<std::string> tckLines;
+    for (size_t p = err.find("tckIs "); p != std::string::npos; p = err.find("tckIs ", p + 1))
+        tckLines.push_back(err.substr(p, err.find('\n', p) - p));
+    EXPECT_THAT(tckLines, ElementsAre("tckIs true", "tckIs true", "tckIs true"));
+    EXPECT_THAT(err, HasSubstr(" cleanup: jtag totals: tdo 0 tdi 0 tms 0 tck 1\n"));
+}
+
+TEST_F(Sb820, FirstCallAfterSelectAlwaysWritesThenOnlyChangesDo) {
+    XilIntf* intf = selected();
+    intf->tckIs(false);  // already low, still written
+    intf->tckIs(false);
+    intf->tdiIs(true);
+    intf->tdiIs(false);
+    intf->tmsIs(true);
+    intf->tmsIs(true);
+    EXPECT_THAT(takeLog(), ElementsAre("R8 0x1bd=0xb", "W8 0x1bd=0xb", "R8 0x1ab=0xb", "W8 0x1ab=0x4b",
+                                       "W8 0x1ab=0xb", "R8 0x131=0xb", "W8 0x131=0x4b"));
+}
+
+TEST_F(Sb820, TdoReadsBit7AndCountsEveryCall) {
+    XilIntf* intf = selected();
+    regs.poke(0x13d, 0x80, 8);
+    EXPECT_EQ(XilIntf_tdo(intf), 1);
+    regs.poke(0x13d, 0x7f, 8);
+    EXPECT_EQ(XilIntf_tdo(intf), 0);
+    EXPECT_THAT(takeLog(), ElementsAre("R8 0x13d=0x80", "R8 0x13d=0x7f"));
+    TraceLevels levels(0x20);
+    ::testing::internal::CaptureStderr();
+    intf->cleanup("x");
+    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("jtag totals: tdo 2 tdi 0 tms 0 tck 0\n"));
+}
+
+TEST_F(Sb820, CleanupTurnsEveryDrivenPinIntoAnInputAndLeavesTdo) {
+    XilIntf* intf = selected();
+    XilIntf_ledIs(intf, 1);
+    XilIntf_tckIs(intf, 1);
+    takeLog();
+    XilIntf_cleanup(intf, "fodak");
+    EXPECT_THAT(takeLog(), ElementsAre("R8 0x1bd=0x4b", "W8 0x1bd=0x6b", "R8 0x1ab=0xb", "W8 0x1ab=0x2b",
+                                       "R8 0x131=0xb", "W8 0x131=0x2b", "R8 0x13c=0x4b", "W8 0x13c=0x6b",
+                                       "R8 0x129=0xb", "W8 0x129=0x2b", "R8 0x132=0xb", "W8 0x132=0x2b"));
+}
+
+TEST_F(Sb820, UnknownDeviceEndsTheRun) {
+    XilIntf* intf = XilIntf_bySystem("fodak", 0, 0, 0, 0, 0x14, 0);
+    EXPECT_EXIT(intf->select("komefi "), ::testing::ExitedWithCode(1), "^Unknown device: komefi \n$");
+}
