@@ -59,9 +59,11 @@ std::vector<std::string> FakeHamImpl::log() const {
 
 FakeHams::FakeHams() {
     Ham::providerIs([this](const HamSpec& spec) -> Ptr<HamImpl> {
+        const std::string& key = spec.fileName.empty() ? spec.name : spec.fileName;
+        if (declined_.count(key)) return nullptr;
         opened_.push_back(spec);
         if (onOpen) onOpen(spec);
-        return Ptr<HamImpl>(&(*this)[spec.fileName.empty() ? spec.name : spec.fileName]);
+        return Ptr<HamImpl>(&(*this)[key]);
     });
 }
 

@@ -6,6 +6,7 @@
 // opens its window and read the log afterwards.
 #pragma once
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -52,6 +53,12 @@ class FakeHams {
     // file, of this name); made on first mention, before or after the window.
     FakeHamImpl& operator[](const std::string& key);
 
+    // From now on the provider declines windows on this file (or of this
+    // name): they are not listed in opened() and do not call onOpen. For
+    // code that maps such a window itself through the Os hooks (the SoC GPIO
+    // window on /dev/mem); a Ham made on a declined file opens the real one.
+    void decline(const std::string& key) { declined_.insert(key); }
+
     // Every window made while installed, in order.
     const std::vector<HamSpec>& opened() const { return opened_; }
 
@@ -61,4 +68,5 @@ class FakeHams {
   private:
     std::map<std::string, Ptr<FakeHamImpl>> fakes_;
     std::vector<HamSpec> opened_;
+    std::set<std::string> declined_;
 };
