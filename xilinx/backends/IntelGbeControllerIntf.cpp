@@ -90,7 +90,8 @@ U32 IntelGbeControllerIntf::read32(U32 offset) {
     return value;
 }
 
-void IntelGbeControllerIntf::write32(U32 offset, U32 value) {
+// Inline, like sdpBitIs: both are on the pin path.
+inline void IntelGbeControllerIntf::write32(U32 offset, U32 value) {
     ham->write32(offset, value);
     XTRACE(2, "write32 [0x" << std::hex << offset << "] <= 0x" << value);
 }
@@ -102,7 +103,7 @@ U16 IntelGbeControllerIntf::read16(U32 offset) {
     return value;
 }
 
-U8 IntelGbeControllerIntf::sdpBitIs(int pin, U8 SdpPin::*bit, bool level) {
+inline U8 IntelGbeControllerIntf::sdpBitIs(int pin, U8 SdpPin::*bit, bool level) {
     const SdpPin& p = sdpPins[static_cast<U8>(pin)];
     Reg& r = reg[p.reg];
     U32 mask = 1u << (p.*bit);

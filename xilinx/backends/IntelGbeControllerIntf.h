@@ -20,11 +20,6 @@ class IntelGbeControllerIntf : public XilIntf {
     void cleanup(const char* deviceName) override;
     void warningIs(bool on) override;
 
-    // One register access each, traced at level 2.
-    U32 read32(U32 offset);
-    void write32(U32 offset, U32 value);
-    U16 read16(U32 offset);
-
     struct SdpPin {
         U8 reg;  // index into reg
         U8 dataBit;
@@ -32,6 +27,10 @@ class IntelGbeControllerIntf : public XilIntf {
     };
 
   private:
+    // One register access each, traced at level 2.
+    U32 read32(U32 offset);
+    void write32(U32 offset, U32 value);
+    U16 read16(U32 offset);
     // Sets or clears one bit of an SDP's register in the cached copy and
     // writes the whole register; returns the register's index.
     U8 sdpBitIs(int pin, U8 SdpPin::*bit, bool level);
