@@ -88,7 +88,8 @@ void PlxPex8600Intf::setInput(U8 pin) {
     directionIs(pin, kDirInput);
 }
 
-void PlxPex8600Intf::drive(U8 pin, bool level, bool fromCache) {
+// Inline: it is the whole of a TCK edge.
+inline void PlxPex8600Intf::drive(U8 pin, bool level, bool fromCache) {
     unsigned g = group(pin);
     U32 value;
     if (fromCache && cachedAddr[g] != 0) {

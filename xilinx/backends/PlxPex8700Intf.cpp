@@ -1,6 +1,5 @@
 #include "xilinx/backends/PlxPex8700Intf.h"
 
-#include <cassert>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -30,9 +29,6 @@ constexpr U32 kBlockOutputData = 0xA48;
 constexpr U32 kDirOutput = 4;
 constexpr U32 kDirInput = 0;
 
-// GPIO numbers of the switch; 255 stands for no pin.
-constexpr U8 MIN_PIN = 0;
-constexpr U8 MAX_PIN = 10;
 constexpr U8 kGpio10 = 10;
 constexpr U8 kNoPin = 255;
 
@@ -63,9 +59,6 @@ const PinTable* pinTable(const char* deviceName) {
     return nullptr;
 }
 
-// The pin tables hold nothing else; a wrong entry stops here.
-void checkPin(U8 pin) { assert(pin >= MIN_PIN and pin <= MAX_PIN); }
-
 }  // namespace
 
 PlxPex8700Intf::PlxPex8700Intf(U16, U16, U16 domain, U8 bus, U8 device, U8 function, const char* lockName)
@@ -95,16 +88,6 @@ void PlxPex8700Intf::setDir(U8 pin, U32 dir) {
     impl->read32(dirOffset, &value);
     Hal::bitsIs<U32>(value, static_cast<U16>(3 * pin), static_cast<U16>(3 * pin + 2), dir);
     impl->write32(dirOffset, value);
-}
-
-void PlxPex8700Intf::setPin(U8 pin, bool level, bool fromCache) {
-    checkPin(pin);
-    U32 value = cachedOut;
-    if (!fromCache) impl->read32(outputOffset, &value);
-    U32 bit = U32(1) << pin;
-    value = level ? value | bit : value & ~bit;
-    cachedOut = value;
-    impl->write32(outputOffset, value);
 }
 
 bool PlxPex8700Intf::getPin(U8 pin) {

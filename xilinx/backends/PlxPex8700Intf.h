@@ -8,6 +8,8 @@
 // otherwise writes the value last written; every other write reads first
 // and keeps that value current.
 #pragma once
+#include <cassert>
+
 #include "ham/Ham.h"
 #include "xilinx/XilIntfFactory.h"
 
@@ -23,14 +25,22 @@ class PlxPex8700Intf : public XilIntf {
     void cleanup(const char* deviceName) override;
     void warningIs(bool) override {}
 
+    // GPIO numbers; 255 (no pin) never reaches the helpers below.
+    static constexpr U8 MIN_PIN = 0;
+    static constexpr U8 MAX_PIN = 10;
+
     // Drives pin to level; with fromCache the other bits come from the
-    // value last written instead of the register.
+    // value last written instead of the register. Inline: it is the whole
+    // of a TCK edge.
     void setPin(U8 pin, bool level, bool fromCache);
     // dir: 4 output, 0 input.
     void setDir(U8 pin, U32 dir);
     bool getPin(U8 pin);
 
   private:
+    // The pin tables hold nothing else; a wrong entry stops here.
+    static void checkPin(U8 pin) { assert(pin >= MIN_PIN and pin <= MAX_PIN); }
+
     U32 dirOffset;
     U32 dir10Offset;
     U32 inputOffset;
@@ -46,6 +56,16 @@ class PlxPex8700Intf : public XilIntf {
     U32 tckCount;
     U32 cachedOut;
 };
+
+inline void PlxPex8700Intf::setPin(U8 pin, bool level, bool fromCache) {
+    checkPin(pin);
+    U32 value = cachedOut;
+    if (!fromCache) impl->read32(outputOffset, &value);
+    U32 bit = U32(1) << pin;
+    value = level ? value | bit : value & ~bit;
+    cachedOut = value;
+    impl->write32(outputOffset, value);
+}
 
 class PlxPex8700Factory : public XilIntfFactory {
   public:
