@@ -1,0 +1,96 @@
+// The pin path of every backend, with tracing off: after select, pin
+// changes and TDO reads make no allocation, no OS call and no output.
+// Windows here are plain memory, so the only cost left is the backends' own.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "TestSupport.h"
+#include "xilinx/XilIntf.h"
+
+// The replacement operator new below hands out malloc'ed memory, so the
+// matching delete frees it; GCC cannot see that pairing through inlining.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+
+namespace {
+bool counting = false;
+unsigned long allocations = 0;
+}  // namespace
+
+void* operator new(std::size_t n) {
+    if (counting) ++allocations;
+    if (void* p = std::malloc(n ? n : 1)) return p;
+    throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+
+namespace {
+
+struct Case {
+    const char* device;
+    const char* cmdline;
+    U8 pciDevice;  // each case its own PCI device, so its own lock
+};
+
+const Case kCases[] = {
+    {"fodak", "console=ttyS0", 1},                  // SB820
+    {"mubarScd", "", 2},                            // Cave Creek
+    {"rotanSeret", "", 3},                          // PEX 8600
+    {"nipig2Scd", "", 4},                           // PEX 8700, relocated block
+    {"penetScd", "", 5},                            // GbE
+    {"kubezShimScd", "platform=kubez", 6},          // Cedar Fork
+    {"togif", "", 7},                               // Pericom
+    {"tabukccpuSwitchScd", "platform=tabukccpu", 8},  // AMD SoC GPIO (R1000)
+};
+
+class PinPath : public ::testing::TestWithParam<Case> {};
+
+}  // namespace
+
+TEST_P(PinPath, NoAllocationNoSystemCallNoOutput) {
+    const Case& c = GetParam();
+    FakeBoard board;
+    board.cmdline = c.cmdline;
+    board.cpuIs(0x17, 0x18);  // R1000
+    board.fileIs("/sys/bus/pci/devices/0000:00:02.0/config", std::string(0x48, 0) + std::string("\x81\xf5\0\0", 4));
+    std::vector<std::vector<U8>> memories;
+    memories.reserve(4);
+    Ham::providerIs([&](const HamSpec& s) -> Ptr<HamImpl> {
+        // The SoC GPIO window is mapped by its backend itself: over
+        // board.devMem, through the faked /dev/mem.
+        if (s.name == "gpioWindow" && s.base == 0xFED80000u) return nullptr;
+        memories.emplace_back(s.size ? s.size + 0x1000 : 0x100000);
+        return new MemoryHamImpl(memories.back().data());
+    });
+    XilIntf* intf = XilIntf_bySystem(c.device, 0, 0, 0, 0, c.pciDevice, 0);
+    ASSERT_NE(intf, nullptr) << c.device;
+    XilIntf_select(intf, c.device);
+    XilIntf_ledIs(intf, 0);
+
+    size_t events = board.events.size();
+    ::testing::internal::CaptureStderr();
+    counting = true;
+    int tdo = 0;
+    for (int i = 0; i < 64; ++i) {
+        XilIntf_tmsIs(intf, i & 4);
+        XilIntf_tdiIs(intf, i & 2);
+        XilIntf_tckIs(intf, 0);
+        tdo += XilIntf_tdo(intf);
+        XilIntf_tckIs(intf, 1);
+    }
+    counting = false;
+    std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(allocations, 0u);
+    EXPECT_EQ(board.events.size(), events);
+    EXPECT_EQ(err, "");
+    EXPECT_GE(tdo, 0);
+    XilIntf_cleanup(intf, c.device);
+    Ham::providerIs(nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryBackend, PinPath, ::testing::ValuesIn(kCases),
+                         [](const ::testing::TestParamInfo<Case>& i) { return std::string(i.param.device); });
