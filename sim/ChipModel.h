@@ -46,8 +46,8 @@ class ChipModel : public HamImpl {
     U32 seen(U32 offset, int width = 32) const;
 
     struct Access {
-        char op;     // 'R' or 'W'
-        int width;   // 8, 16 or 32
+        char op;    // 'R' or 'W'
+        int width;  // 8, 16 or 32
         U32 offset;
         U32 value;   // what was read or written
         U32 before;  // what a read saw just before a write

@@ -89,7 +89,7 @@ TEST_F(Jtag, ShiftIrReturnsTheCapturedBitsAndLoadsTheInstructions) {
     Bits other = jtag::bitsOf(0x2a, 6);
     in.insert(in.end(), other.begin(), other.end());
     Bits out = tap.shiftIr(in, TapState::PauseIr);
-    EXPECT_EQ(jtag::valueOf(out, 0, 8), 0x01u);   // ...01 from the device nearest TDO
+    EXPECT_EQ(jtag::valueOf(out, 0, 8), 0x01u);  // ...01 from the device nearest TDO
     EXPECT_EQ(jtag::valueOf(out, 8, 6), 0x01u);
     EXPECT_EQ(tap.state(), TapState::PauseIr);
     EXPECT_EQ(chain.instruction(0), sim::kIdcodeInstruction);  // not before Update-IR

@@ -39,11 +39,11 @@ TEST(SimChain, KnownTmsStreamVisitsEveryState) {
     Pins pins{chain};
     const int tms[] = {0, 1, 0, 0, 1, 0, 1, 0, 1, 1, 1, 1, 0, 0, 1, 0, 1, 0, 1, 1, 0, 1, 1, 1};
     const TapState expected[] = {
-        TapState::RunTestIdle, TapState::SelectDrScan, TapState::CaptureDr, TapState::ShiftDr,
-        TapState::Exit1Dr,     TapState::PauseDr,      TapState::Exit2Dr,   TapState::ShiftDr,
+        TapState::RunTestIdle, TapState::SelectDrScan, TapState::CaptureDr,    TapState::ShiftDr,
+        TapState::Exit1Dr,     TapState::PauseDr,      TapState::Exit2Dr,      TapState::ShiftDr,
         TapState::Exit1Dr,     TapState::UpdateDr,     TapState::SelectDrScan, TapState::SelectIrScan,
-        TapState::CaptureIr,   TapState::ShiftIr,      TapState::Exit1Ir,   TapState::PauseIr,
-        TapState::Exit2Ir,     TapState::ShiftIr,      TapState::Exit1Ir,   TapState::UpdateIr,
+        TapState::CaptureIr,   TapState::ShiftIr,      TapState::Exit1Ir,      TapState::PauseIr,
+        TapState::Exit2Ir,     TapState::ShiftIr,      TapState::Exit1Ir,      TapState::UpdateIr,
         TapState::RunTestIdle, TapState::SelectDrScan, TapState::SelectIrScan, TapState::TestLogicReset,
     };
     EXPECT_EQ(chain.state(), TapState::TestLogicReset);  // as at power-up
@@ -71,12 +71,12 @@ TEST(SimChain, OnlyTckEdgesStepAndTdoChangesOnTheFallingEdge) {
     chain.tckIs(false, true, false);
     EXPECT_EQ(chain.state(), TapState::TestLogicReset);
     Pins pins{chain};
-    pins.tms({0, 1, 0});  // Capture-DR
+    pins.tms({0, 1, 0});              // Capture-DR
     chain.tckIs(true, false, false);  // into Shift-DR
     EXPECT_EQ(chain.state(), TapState::ShiftDr);
     EXPECT_TRUE(chain.tdo());  // not driven yet: the pull-up
     chain.tckIs(false, false, false);
-    EXPECT_TRUE(chain.tdo());  // bit 0 of the IDCODE
+    EXPECT_TRUE(chain.tdo());         // bit 0 of the IDCODE
     chain.tckIs(true, false, false);  // shifts
     EXPECT_TRUE(chain.tdo());         // still bit 0 until the falling edge
     chain.tckIs(false, false, false);
@@ -89,7 +89,7 @@ TEST(SimChain, IdcodeAfterResetAndIrCapture) {
     pins.tms({1, 1, 1, 1, 1, 0, 1, 0, 0});  // Shift-DR
     EXPECT_EQ(pins.shift(32), 0x0a5c7035u);
     EXPECT_EQ(pins.shift(32, 0xdeadbeef), 0u);  // then the zeros shifted in behind it
-    pins.tms({1, 1, 1, 1, 0, 0});                // Exit1, Update, Select-DR, Select-IR, Capture-IR, Shift-IR
+    pins.tms({1, 1, 1, 1, 0, 0});               // Exit1, Update, Select-DR, Select-IR, Capture-IR, Shift-IR
     EXPECT_EQ(chain.state(), TapState::ShiftIr);
     EXPECT_EQ(pins.shift(8, 0xff), 0x01u);
 }

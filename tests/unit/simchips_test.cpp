@@ -143,7 +143,7 @@ TEST(SimChips, PlxPex8600DirectionPairs) {
 
 TEST(SimChips, PlxPex8700DefaultAndRelocatedBlocks) {
     PlxPex8700Model c("PlxPex8700Ham", 0x63);  // block 3, bits above it set
-    c.write32(0x600, 4u << 27);                 // GPIO 9 an output
+    c.write32(0x600, 4u << 27);                // GPIO 9 an output
     c.write32(0x624, 1u << 9);
     EXPECT_EQ(driveOf(c, 9), "1");
     EXPECT_EQ(driveOf(c, PlxPex8700Model::kRelocated | 9), "z");

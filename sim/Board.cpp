@@ -1,0 +1,278 @@
+#include "sim/Board.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <regex>
+
+#include "os/FakeShell.h"
+#include "os/Os.h"
+
+namespace sim {
+
+namespace {
+
+// The physical bases of the two /dev/mem windows.
+constexpr U32 kFchGpioBase = 0xFED80000;
+constexpr U32 kCedarForkBase = 0xfd000000;
+constexpr U32 kGbeWindowSize = 0x100000;
+constexpr U32 kCaveCreekConfigOffset = 0x48;
+
+// The lock directory of the installed board, removed when the process
+// ends, also by exit() from deep inside the module.
+std::string& lockDirToRemove() {
+    static std::string dir;
+    return dir;
+}
+
+void removeLockDir() {
+    std::string& dir = lockDirToRemove();
+    if (dir.empty()) return;
+    if (DIR* d = ::opendir(dir.c_str())) {
+        while (dirent* e = ::readdir(d))
+            if (std::strcmp(e->d_name, ".") && std::strcmp(e->d_name, "..")) ::unlink((dir + "/" + e->d_name).c_str());
+        ::closedir(d);
+    }
+    ::rmdir(dir.c_str());
+    dir.clear();
+}
+
+U32 vendorWord(const char* four) {
+    U32 v;
+    std::memcpy(&v, four, 4);
+    return v;
+}
+
+// CPUID as a processor of this family and model reports it: AMD style
+// (base family 0xF plus an extended family) from family 0xF on, Intel
+// style (the family in the base field) below.
+Os::Cpuid cpuidOf(unsigned family, unsigned model, U32 leaf) {
+    Os::Cpuid r;
+    bool amd = family >= 0xF;
+    if (leaf == 0) {
+        r.eax = 0xD;
+        r.ebx = vendorWord(amd ? "Auth" : "Genu");
+        r.edx = vendorWord(amd ? "enti" : "ineI");
+        r.ecx = vendorWord(amd ? "cAMD" : "ntel");
+    } else if (leaf == 1) {
+        unsigned base = amd ? 0xF : family, extended = amd ? family - 0xF : 0;
+        r.eax = (extended & 0xFF) << 20 | ((model >> 4) & 0xF) << 16 | (base & 0xF) << 8 | (model & 0xF) << 4;
+    }
+    return r;
+}
+
+bool isGbeLockName(const std::string& name) {
+    static const std::regex lockName("[0-9]+_[0-9]+_[0-9]+_jtag");
+    return std::regex_match(name, lockName);
+}
+
+bool endsWith(const std::string& s, const char* tail) {
+    size_t n = std::strlen(tail);
+    return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
+}
+
+char stateChar(const ChipModel& chip, U32 pin) {
+    Drive d = chip.drive(pin);
+    return d.driven ? (d.level ? '1' : '0') : 'z';
+}
+
+}  // namespace
+
+std::vector<DeviceSpec> defaultChain() { return {{0x0a5c7035, 8}, {0x1b4d2093, 6}}; }
+
+Board::Board(BoardConfig config) : config_(std::move(config)), chain_(config_.chain) {
+    std::memcpy(configSpace_ + kCaveCreekConfigOffset, &kCaveCreekGpioBaseRegister, 4);
+}
+
+Board::~Board() {
+    Ham::providerIs({});
+    Os::resetHooks();
+    removeLockDir();
+}
+
+std::string Board::cmdline() const {
+    std::string c = "BOOT_IMAGE=/vmlinuz console=ttyS0,115200";
+    if (!config_.platform.empty()) c += " platform=" + config_.platform;
+    return c + " quiet";
+}
+
+void Board::install() {
+    const char* tmp = std::getenv("TMPDIR");
+    std::string tmpl = std::string(tmp && *tmp ? tmp : "/tmp") + "/kelvorn-sim-XXXXXX";
+    if (!::mkdtemp(&tmpl[0])) {
+        std::perror("kelvorn-sim: cannot make a lock directory");
+        std::exit(1);
+    }
+    lockDir_ = tmpl;
+    lockDirToRemove() = lockDir_;
+    static bool registered = false;
+    if (!registered) registered = std::atexit(removeLockDir) == 0;
+
+    Os::Hooks& h = Os::hooks();
+    std::string line = cmdline();
+    h.system = [line](const char* command) { return Os::fakeCmdlineShell(command, line) << 8; };
+    h.cpuid = [family = config_.family, model = config_.model](U32 leaf) { return cpuidOf(family, model, leaf); };
+    h.open = [](const char* path, int) {
+        std::fprintf(stderr, "kelvorn-sim: refused to open %s\n", path);
+        errno = EACCES;
+        return -1;
+    };
+    h.mmap = [](void*, size_t, int, int, int, off_t) -> void* {
+        std::fprintf(stderr, "kelvorn-sim: refused to map memory\n");
+        errno = EACCES;
+        return MAP_FAILED;
+    };
+    h.pageSize = [] { return 4096L; };
+    h.sleep = [hold = config_.holdSeconds](unsigned) { return hold ? ::sleep(hold) : 0u; };
+    h.usleep = [](unsigned) { return 0; };
+    h.creat = [dir = lockDir_](const char* path, mode_t mode) {
+        const char* slash = std::strrchr(path, '/');
+        return ::creat((dir + "/" + (slash ? slash + 1 : path)).c_str(), mode);
+    };
+    h.fopen = [this](const char* path, const char* mode) { return openConfig(path, mode); };
+    Ham::providerIs([this](const HamSpec& spec) { return Ptr<HamImpl>(modelFor(spec)); });
+}
+
+FILE* Board::openConfig(const char* path, const char* mode) {
+    if (!endsWith(path, "/config") || std::strpbrk(mode, "wa+")) {
+        std::fprintf(stderr, "kelvorn-sim: no file %s\n", path);
+        errno = ENOENT;
+        return nullptr;
+    }
+    return ::fmemopen(configSpace_, sizeof configSpace_, "r");
+}
+
+Ptr<ChipModel> Board::modelFor(const HamSpec& spec) {
+    char base[16];
+    std::snprintf(base, sizeof base, "%x", spec.base);
+    std::string key = spec.name + "|" + spec.fileName + "|" + base;
+    auto it = models_.find(key);
+    if (it != models_.end()) return it->second;
+
+    const std::string& name = spec.name;
+    bool devMem = spec.fileName == "/dev/mem";
+    Ptr<ChipModel> m;
+    Chip chip = Chip::sb820;
+    if (name == "theSb820Ham") {
+        m = new Sb820Model(name);
+    } else if (name == "gpioWindow" && devMem && spec.base == kFchGpioBase) {
+        FchPads pads = fchPadsOf(config_.family, config_.model);
+        m = new FchGpioModel(name, pads.layout, gpioFunctions(pads));
+        chip = Chip::fchGpio;
+    } else if (name == "theCaveCreekPCHIOHam" && spec.type == HamType::ioPort) {
+        m = new CaveCreekModel(name, kCaveCreekGpioBaseRegister & 0xff80);
+        chip = Chip::caveCreek;
+    } else if (name == "CedarForkGpioHam" && devMem && spec.base == kCedarForkBase) {
+        m = new CedarForkModel(name);
+        chip = Chip::cedarFork;
+    } else if (name == "theJamHam") {
+        m = new PlxPex8600Model(name);
+        chip = Chip::plxPex8600;
+    } else if (name == "PlxPex8700Ham") {
+        m = new PlxPex8700Model(name, kPex8700BlockRegister);
+        chip = Chip::plxPex8700;
+    } else if (name == "PericomGen3Ham") {
+        m = new PericomGen3Model(name);
+        chip = Chip::pericomGen3;
+    } else if (isGbeLockName(name) && endsWith(spec.fileName, "/resource0") && spec.size == kGbeWindowSize) {
+        m = new IntelGbeModel(name);
+        chip = Chip::intelGbe;
+    } else {
+        // Never decline: a declined window would be made for real.
+        std::fprintf(stderr, "kelvorn-sim: no model for window %s (%s), plain memory behind it\n", name.c_str(),
+                     spec.fileName.empty() ? "I/O ports" : spec.fileName.c_str());
+        m = new ChipModel(name);
+        models_[key] = m;
+        return m;
+    }
+    ChipModel* raw = m.ptr();
+    m->onAccess = [this, raw](const ChipModel::Access& a) { accessed(*raw, a); };
+    models_[key] = m;
+    if (!wired_) attach(m, chip);
+    return m;
+}
+
+void Board::attach(const Ptr<ChipModel>& model, Chip chip) {
+    for (Wiring w : wiringsOf(config_.device)) {
+        if (w.chip != chip) continue;
+        Wiring board = w;
+        if (chip == Chip::fchGpio && !resolveFch(w, fchPadsOf(config_.family, config_.model))) {
+            std::fprintf(stderr, "kelvorn-sim: %s is not wired to this processor's GPIO pads\n",
+                         config_.device.c_str());
+            return;
+        }
+        if (config_.rewire) config_.rewire(w);
+        auto label = [chip](U32 pin) {
+            char s[32];
+            if (chip == Chip::cedarFork)
+                std::snprintf(s, sizeof s, "pad 0x%x", pin);
+            else
+                std::snprintf(s, sizeof s, "GPIO%u", pin & 0xff);
+            return std::string(s);
+        };
+        wired_ = model;
+        tck_ = {"TCK", w.tck, kAnyLevel};
+        tdi_ = {"TDI", w.tdi, kAnyLevel};
+        tms_ = {"TMS", w.tms, kAnyLevel};
+        tdo_ = {"TDO", w.tdo, kAnyLevel};
+        route_.clear();
+        for (size_t i = 0; i < w.route.size(); ++i)
+            route_.push_back({label(board.route[i].pin), w.route[i].pin, w.route[i].level});
+        settle();
+        last_ = snapshot();
+        return;
+    }
+}
+
+void Board::settle() {
+    const ChipModel& c = *wired_;
+    bool routed = true;
+    for (const Signal& r : route_) {
+        Drive d = c.drive(r.pin);
+        routed = routed && d.driven && (r.level == kAnyLevel || d.level == (r.level != 0));
+    }
+    Drive tck = c.drive(tck_.pin), tms = c.drive(tms_.pin), tdi = c.drive(tdi_.pin);
+    // Undriven TMS and TDI read high (the device's pull-ups); an undriven TCK makes no edges.
+    if (routed && tck.driven) chain_.tckIs(tck.level, !tms.driven || tms.level, !tdi.driven || tdi.level);
+    wired_->externalLevelIs(tdo_.pin, !routed || chain_.tdo());
+}
+
+Board::Snapshot Board::snapshot() const {
+    Snapshot s;
+    for (const Signal* sig : {&tck_, &tdi_, &tms_}) s.states.push_back(std::string(1, stateChar(*wired_, sig->pin)));
+    s.states.push_back(wired_->level(tdo_.pin) ? "1" : "0");
+    for (const Signal& r : route_) s.states.push_back(std::string(1, stateChar(*wired_, r.pin)));
+    s.tap = chain_.state();
+    return s;
+}
+
+void Board::accessed(ChipModel& model, const ChipModel::Access& a) {
+    if (a.op != 'W') return;
+    bool onChain = &model == wired_.ptr();
+    if (onChain) settle();
+    if (!config_.showWrites) return;
+    int digits = a.width / 4;
+    std::string line = "sim: " + model.window();
+    char buf[96];
+    std::snprintf(buf, sizeof buf, " W%d 0x%x: 0x%0*x -> 0x%0*x", a.width, a.offset, digits, a.before, digits, a.value);
+    line += buf;
+    if (onChain) {
+        Snapshot now = snapshot();
+        std::vector<const Signal*> signals{&tck_, &tdi_, &tms_, &tdo_};
+        for (const Signal& r : route_) signals.push_back(&r);
+        for (size_t i = 0; i < signals.size(); ++i)
+            if (now.states[i] != last_.states[i])
+                line += "  " + signals[i]->label + " " + last_.states[i] + "->" + now.states[i];
+        if (now.tap != last_.tap)
+            line += std::string("  TAP ") + jtag::stateName(last_.tap) + "->" + jtag::stateName(now.tap);
+        last_ = now;
+    }
+    std::fprintf(stderr, "%s\n", line.c_str());
+}
+
+}  // namespace sim

@@ -1,0 +1,90 @@
+// A simulated board for the production code: a platform word on the kernel
+// command line, a processor, and a JTAG chain that hangs on the pins the
+// selected device's wiring names. Installed, it stands behind every
+// register window (Ham::providerIs) and every OS call (Os::hooks) of the
+// process: every chip kind exists at every PCI address, nothing reaches
+// this machine's memory, I/O ports, lock directory or kernel command line.
+#pragma once
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "sim/ChipModel.h"
+#include "sim/JtagChain.h"
+#include "sim/Wiring.h"
+
+namespace sim {
+
+// Two devices: a CPLD-sized one nearest TDO, an FPGA-sized one behind it.
+std::vector<DeviceSpec> defaultChain();
+
+// What the Cave Creek LPC function's configuration register 0x48 holds:
+// the GPIO base 0x580 with the I/O-space bit.
+constexpr U32 kCaveCreekGpioBaseRegister = 0x00000581;
+// The PEX 8700 register at 0x354: block 3 in bits 4-0, above them bits the
+// GPIO code must mask off.
+constexpr U32 kPex8700BlockRegister = 0x00000063;
+
+struct BoardConfig {
+    std::string platform;  // empty: no platform word on the command line
+    unsigned family = 0x16, model = 0x30;
+    std::vector<DeviceSpec> chain = defaultChain();
+    std::string device;        // whose wiring the chain hangs on
+    unsigned holdSeconds = 0;  // replaces the tool's ten-second hold
+    bool showWrites = false;   // every register write on stderr, with what it did to the pins
+    // Test-only: a change to the device's wiring (a swapped pin) before the
+    // chain is hung on it.
+    std::function<void(Wiring&)> rewire;
+};
+
+class Board {
+  public:
+    explicit Board(BoardConfig config);
+    ~Board();  // puts the real hooks and windows back
+    Board(const Board&) = delete;
+    Board& operator=(const Board&) = delete;
+
+    void install();
+
+    const BoardConfig& config() const { return config_; }
+    std::string cmdline() const;
+    JtagChain& chain() { return chain_; }
+    // The chip the chain hangs on, once a window of the wired chip kind has
+    // been opened; null before.
+    ChipModel* wiredChip() const { return wired_.ptr(); }
+    // The model behind a window, made on first request (what the window
+    // provider hands out).
+    Ptr<ChipModel> modelFor(const HamSpec& spec);
+
+  private:
+    struct Signal {
+        std::string label;
+        U32 pin;
+        int level;  // route pins: the level they must be driven to
+    };
+    struct Snapshot {
+        std::vector<std::string> states;
+        jtag::TapState tap;
+    };
+
+    void attach(const Ptr<ChipModel>& model, Chip chip);
+    void settle();
+    void accessed(ChipModel& model, const ChipModel::Access& a);
+    Snapshot snapshot() const;
+    FILE* openConfig(const char* path, const char* mode);
+
+    BoardConfig config_;
+    JtagChain chain_;
+    std::map<std::string, Ptr<ChipModel>> models_;
+    Ptr<ChipModel> wired_;
+    Signal tck_, tdi_, tms_, tdo_;
+    std::vector<Signal> route_;
+    Snapshot last_;
+    std::string lockDir_;
+    unsigned char configSpace_[256] = {};  // every PCI function's configuration space
+};
+
+}  // namespace sim

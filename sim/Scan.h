@@ -1,0 +1,16 @@
+// The scan that kelvorn-sim runs: select a device through the plain-named
+// functions, reset its chain, read the IDCODEs, clean up.
+#pragma once
+#include <cstdio>
+
+namespace sim {
+
+constexpr int kScanFound = 0;
+constexpr int kScanNoDevice = 1;  // all ones or all zeros on TDO
+constexpr int kScanCannot = 2;    // bad address, or no backend serves the name
+
+// Prints each IDCODE as 0x%08x on its own line of out, the device nearest
+// TDO first; failures go to stderr. Returns one of the statuses above.
+int scan(const char* device, const char* pciAddress, FILE* out);
+
+}  // namespace sim
