@@ -242,13 +242,29 @@ void Board::settle() {
     wired_->externalLevelIs(tdo_.pin, !routed || chain_.tdo());
 }
 
+std::vector<const Board::Signal*> Board::signals() const {
+    std::vector<const Signal*> all{&tck_, &tdi_, &tms_, &tdo_};
+    for (const Signal& r : route_) all.push_back(&r);
+    return all;
+}
+
+// Driven pins as 0 or 1, undriven ones as z; TDO as the level the chip reads.
 Board::Snapshot Board::snapshot() const {
     Snapshot s;
-    for (const Signal* sig : {&tck_, &tdi_, &tms_}) s.states.push_back(std::string(1, stateChar(*wired_, sig->pin)));
-    s.states.push_back(wired_->level(tdo_.pin) ? "1" : "0");
-    for (const Signal& r : route_) s.states.push_back(std::string(1, stateChar(*wired_, r.pin)));
+    for (const Signal* sig : signals())
+        s.states.push_back(sig == &tdo_ ? (wired_->level(tdo_.pin) ? "1" : "0")
+                                        : std::string(1, stateChar(*wired_, sig->pin)));
     s.tap = chain_.state();
     return s;
+}
+
+std::string Board::pins() const {
+    if (!wired_) return "";
+    Snapshot now = snapshot();
+    std::vector<const Signal*> all = signals();
+    std::string out;
+    for (size_t i = 0; i < all.size(); ++i) out += (i ? " " : "") + all[i]->label + "=" + now.states[i];
+    return out;
 }
 
 void Board::accessed(ChipModel& model, const ChipModel::Access& a) {
@@ -263,11 +279,10 @@ void Board::accessed(ChipModel& model, const ChipModel::Access& a) {
     line += buf;
     if (onChain) {
         Snapshot now = snapshot();
-        std::vector<const Signal*> signals{&tck_, &tdi_, &tms_, &tdo_};
-        for (const Signal& r : route_) signals.push_back(&r);
-        for (size_t i = 0; i < signals.size(); ++i)
+        std::vector<const Signal*> all = signals();
+        for (size_t i = 0; i < all.size(); ++i)
             if (now.states[i] != last_.states[i])
-                line += "  " + signals[i]->label + " " + last_.states[i] + "->" + now.states[i];
+                line += "  " + all[i]->label + " " + last_.states[i] + "->" + now.states[i];
         if (now.tap != last_.tap)
             line += std::string("  TAP ") + jtag::stateName(last_.tap) + "->" + jtag::stateName(now.tap);
         last_ = now;

@@ -55,6 +55,9 @@ class Board {
     // The chip the chain hangs on, once a window of the wired chip kind has
     // been opened; null before.
     ChipModel* wiredChip() const { return wired_.ptr(); }
+    // The wired pins as the chip sets them: "TCK=0 TDI=z ... GPIO60=1" (z:
+    // not driven; TDO: the level read). Empty while nothing is wired.
+    std::string pins() const;
     // The model behind a window, made on first request (what the window
     // provider hands out).
     Ptr<ChipModel> modelFor(const HamSpec& spec);
@@ -73,6 +76,7 @@ class Board {
     void attach(const Ptr<ChipModel>& model, Chip chip);
     void settle();
     void accessed(ChipModel& model, const ChipModel::Access& a);
+    std::vector<const Signal*> signals() const;
     Snapshot snapshot() const;
     FILE* openConfig(const char* path, const char* mode);
 
