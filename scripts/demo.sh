@@ -1,7 +1,31 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and shows the tool at work.
+# Installs what is missing, builds, and shows the tool at work on simulated
+# boards: kelvorn-sim runs the production code against register-level models
+# of the GPIO chips with a JTAG chain on the wired pins, so nothing here
+# touches this machine's hardware.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
 scripts/build.sh build
-build/bin/kelvorn || true
+sim=build/bin/kelvorn-sim
+
+show() {
+  echo
+  echo "\$ kelvorn-sim $*"
+  local status=0
+  "$sim" "$@" || status=$?
+  echo "(exit status $status)"
+}
+
+echo "== IDCODE scans through the GPIO pins of several chips (default chain: two devices) =="
+show --platform gozip --cpu 0x16:0x30 scan fodak 0000:00:14.0     # the SoC's own GPIO (Steppe Eagle)
+show --platform mosavo scan fodak 0000:00:14.0                    # the same name on an SB820 board
+show scan rotanMotub 0000:03:00.0                                 # a PEX 8600 switch
+show scan nipig2Scd 0000:04:00.0                                  # a PEX 8700, relocated GPIO block
+show scan penetScd 0000:05:00.0                                   # a GbE controller's SDP pins
+show --platform telub --cpu 0x19:0x44 --chain 0x12345679:5,0x0abcdef1:7,0x2468ace1:10 scan tumarScd 0000:00:14.0
+
+echo
+echo "== One pin change, and what it did to the registers (z: not driven) =="
+show --show-writes --platform mosavo -- fodak 0000:00:14.0 tck 1
+show --platform gozip -- pabev_misc 0000:00:14.0 tck 1            # a pin this board class may not use
