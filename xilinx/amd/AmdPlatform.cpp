@@ -21,11 +21,30 @@ struct Platform {
     int platformClass;
 };
 constexpr Platform kPlatforms[] = {
-    {"gozip", 0x01},     {"lubug", 0x02},     {"bupul", 0x04},      {"pizagu", 0x08}, {"mosavo", 0x10},
-    {"fezub", 0x20},     {"goneg", 0x20},     {"fetup", 0x20},      {"vadeku", 0x02}, {"gogos", 0x10},
-    {"mafulprime", 0x04}, {"maful", 0x02},    {"sozemo", 0x02},     {"nusak", 0x01},  {"mupene", 0x02},
-    {"bameb", 0x04},     {"bugil", 0x04},     {"telub", 0x01},      {"mukom", 0x01},  {"tabukhcpu", 0x01},
-    {"padud", 0x01},     {"tumar", 0x01},     {"tabukccpu", 0x02},  {"mubarplus", 0x01},
+    {"gozip",      0x01},
+    {"lubug",      0x02},
+    {"bupul",      0x04},
+    {"pizagu",     0x08},
+    {"mosavo",     0x10},
+    {"fezub",      0x20},
+    {"goneg",      0x20},
+    {"fetup",      0x20},
+    {"vadeku",     0x02},
+    {"gogos",      0x10},
+    {"mafulprime", 0x04},
+    {"maful",      0x02},
+    {"sozemo",     0x02},
+    {"nusak",      0x01},
+    {"mupene",     0x02},
+    {"bameb",      0x04},
+    {"bugil",      0x04},
+    {"telub",      0x01},
+    {"mukom",      0x01},
+    {"tabukhcpu",  0x01},
+    {"padud",      0x01},
+    {"tumar",      0x01},
+    {"tabukccpu",  0x02},
+    {"mubarplus",  0x01},
 };
 
 // The SoC kinds by CPUID family and model range (both included), with the
