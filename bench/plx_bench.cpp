@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <string>
 
 #include "ham/Ham.h"
@@ -20,7 +19,7 @@ alignas(64) volatile U8 bar8600[0x1000];
 alignas(64) volatile U8 bar8700[0x1000];
 
 // Every window gets the buffer of its PCI function (bus 3: PEX 8600, bus 7:
-// PEX 8700), and lock files go to a private directory, not /var/lock.
+// PEX 8700), and lock files are nameless files in /tmp, not in /var/lock.
 void setUpOnce() {
     static bool done = false;
     if (done) return;
@@ -30,12 +29,7 @@ void setUpOnce() {
         bool is8600 = spec.fileName.find("0000:03:00.0") != std::string::npos;
         return new MemoryHamImpl(is8600 ? bar8600 : bar8700);
     });
-    static char lockDir[] = "/tmp/kelvorn-bench-XXXXXX";
-    if (!::mkdtemp(lockDir)) std::abort();
-    Os::hooks().creat = [](const char* path, mode_t mode) {
-        std::string name(path);
-        return ::creat((std::string(lockDir) + name.substr(name.rfind('/'))).c_str(), mode);
-    };
+    Os::hooks().creat = [](const char*, mode_t mode) { return ::open("/tmp", O_TMPFILE | O_WRONLY, mode); };
 }
 
 XilIntf* selected(XilIntfFactory&& factory, const char* deviceName, U8 bus) {
