@@ -79,7 +79,8 @@ void Sb820Intf::select(const char* deviceName) {
 
 // The first call for a pin reads its control byte (the driver is on since
 // select) and always writes; later calls write only when the level changes.
-void Sb820Intf::levelIs(PinCache& cache, U8 gpio, bool level, U32& count) {
+// Inline: it is the whole of a pin change.
+inline void Sb820Intf::levelIs(PinCache& cache, U8 gpio, bool level, U32& count) {
     if (cache.offset == 0) {
         cache.offset = kControlBase + gpio;
         U8 byte;
