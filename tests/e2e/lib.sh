@@ -32,9 +32,9 @@ e2e_cmdline() { echo "$1" >"$E2E_DIR/cmdline"; }
 e2e_pci_file() { echo "$E2E_DIR/pci/$1/$2"; }
 e2e_pci() {  # address resource size
   mkdir -p "$E2E_DIR/pci/$1"
-  truncate -s "$3" "$E2E_DIR/pci/$1/$2"
+  truncate -s "$(($3))" "$E2E_DIR/pci/$1/$2"
 }
-e2e_devmem() { truncate -s "$1" "$E2E_DIR/dev/mem"; }
+e2e_devmem() { truncate -s "$(($1))" "$E2E_DIR/dev/mem"; }
 e2e_lock_dir() { echo "$E2E_DIR/lock"; }
 e2e_tmp_dir() { echo "$E2E_DIR/tmp"; }
 
