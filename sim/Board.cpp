@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <regex>
 
 #include "os/FakeShell.h"
 #include "os/Os.h"
@@ -66,9 +65,13 @@ Os::Cpuid cpuidOf(unsigned family, unsigned model, U32 leaf) {
     return r;
 }
 
+// "<domain>_<bus>_<device>_jtag": the name the GbE backend gives its window.
 bool isGbeLockName(const std::string& name) {
-    static const std::regex lockName("[0-9]+_[0-9]+_[0-9]+_jtag");
-    return std::regex_match(name, lockName);
+    unsigned domain, bus, device;
+    int end = -1;
+    return name[0] >= '0' && name[0] <= '9' &&
+           std::sscanf(name.c_str(), "%u_%u_%u_jtag%n", &domain, &bus, &device, &end) == 3 &&
+           end == static_cast<int>(name.size());
 }
 
 bool endsWith(const std::string& s, const char* tail) {
