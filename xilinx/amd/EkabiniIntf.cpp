@@ -1,7 +1,6 @@
 #include "xilinx/amd/EkabiniIntf.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "os/Os.h"
@@ -112,12 +111,7 @@ void EkabiniIntf::eachDrivenPin(void (*operation)(U8 gpio)) const {
 
 void EkabiniIntf::select(const char* deviceName) {
     const Wiring* wiring = wiringOf(deviceName);
-    if (!wiring) {
-        std::fflush(stdout);
-        std::fprintf(stderr, "Unknown device: %s\n", deviceName);
-        std::fflush(stderr);
-        std::exit(1);
-    }
+    if (!wiring) xilUnknownDevice(deviceName);
     wiring_ = *wiring;  // nothing of an earlier selection carries over
     eachDrivenPin(amd::setOutputFn);
     amd::setInputFn(wiring_.tdo);

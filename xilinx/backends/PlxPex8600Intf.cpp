@@ -1,7 +1,6 @@
 #include "xilinx/backends/PlxPex8600Intf.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "xilinx/XilTrace.h"
@@ -105,11 +104,7 @@ inline void PlxPex8600Intf::drive(U8 pin, bool level, bool fromCache) {
 
 void PlxPex8600Intf::select(const char* deviceName) {
     const PinTable* t = pinTable(deviceName);
-    if (!t) {
-        std::fflush(stdout);
-        std::fprintf(stderr, "Unknown device: %s\n", deviceName);
-        std::exit(1);
-    }
+    if (!t) xilUnknownDevice(deviceName);
     impl = ham->hamImpl();
     tckPin = t->tck;
     tdiPin = t->tdi;
