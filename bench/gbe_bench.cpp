@@ -26,8 +26,8 @@ struct Setup {
             std::string name(path);
             return ::creat((lockDir + "/" + name.substr(name.rfind('/') + 1)).c_str(), mode);
         };
-        Ham::providerIs([this](const HamSpec& spec) -> Ptr<HamImpl> {
-            std::vector<U8>& mem = windows[spec.fileName];
+        Ham::providerIs([this](const HamDesc& desc) -> Ptr<HamImpl> {
+            std::vector<U8>& mem = windows[desc.fileName];
             mem.resize(0x100000);
             return new MemoryHamImpl(mem.data());
         });

@@ -25,8 +25,8 @@ void setUpOnce() {
     if (done) return;
     done = true;
     _defaultTraceHandle().levelMaskIs(0);
-    Ham::providerIs([](const HamSpec& spec) -> Ptr<HamImpl> {
-        bool is8600 = spec.fileName.find("0000:03:00.0") != std::string::npos;
+    Ham::providerIs([](const HamDesc& desc) -> Ptr<HamImpl> {
+        bool is8600 = desc.fileName.find("0000:03:00.0") != std::string::npos;
         return new MemoryHamImpl(is8600 ? bar8600 : bar8700);
     });
     Os::hooks().creat = [](const char*, mode_t mode) { return ::open("/tmp", O_TMPFILE | O_WRONLY, mode); };

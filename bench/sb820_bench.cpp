@@ -21,7 +21,7 @@ alignas(64) volatile U8 resource5[0x200];
 // /var/lock; select's settle waits are skipped.
 XilIntf* selected() {
     _defaultTraceHandle().levelMaskIs(0);
-    Ham::providerIs([](const HamSpec&) -> Ptr<HamImpl> { return new MemoryHamImpl(resource5); });
+    Ham::providerIs([](const HamDesc&) -> Ptr<HamImpl> { return new MemoryHamImpl(resource5); });
     static char lockDir[] = "/tmp/kelvorn-bench-XXXXXX";
     if (!::mkdtemp(lockDir)) std::abort();
     Os::hooks().creat = [](const char* path, mode_t mode) {

@@ -86,7 +86,7 @@ char stateChar(const ChipModel& chip, U32 pin) {
 
 }  // namespace
 
-std::vector<DeviceSpec> defaultChain() { return {{0x0a5c7035, 8}, {0x1b4d2093, 6}}; }
+std::vector<DeviceDesc> defaultChain() { return {{0x0a5c7035, 8}, {0x1b4d2093, 6}}; }
 
 Board::Board(BoardConfig config) : config_(std::move(config)), chain_(config_.chain) {
     std::memcpy(configSpace_ + kCaveCreekConfigOffset, &kCaveCreekGpioBaseRegister, 4);
@@ -138,7 +138,7 @@ void Board::install() {
         return ::creat((dir + "/" + (slash ? slash + 1 : path)).c_str(), mode);
     };
     h.fopen = [this](const char* path, const char* mode) { return openConfig(path, mode); };
-    Ham::providerIs([this](const HamSpec& spec) { return Ptr<HamImpl>(modelFor(spec)); });
+    Ham::providerIs([this](const HamDesc& desc) { return Ptr<HamImpl>(modelFor(desc)); });
 }
 
 FILE* Board::openConfig(const char* path, const char* mode) {
@@ -150,27 +150,27 @@ FILE* Board::openConfig(const char* path, const char* mode) {
     return ::fmemopen(configSpace_, sizeof configSpace_, "r");
 }
 
-Ptr<ChipModel> Board::modelFor(const HamSpec& spec) {
+Ptr<ChipModel> Board::modelFor(const HamDesc& desc) {
     char base[16];
-    std::snprintf(base, sizeof base, "%x", spec.base);
-    std::string key = spec.name + "|" + spec.fileName + "|" + base;
+    std::snprintf(base, sizeof base, "%x", desc.base);
+    std::string key = desc.name + "|" + desc.fileName + "|" + base;
     auto it = models_.find(key);
     if (it != models_.end()) return it->second;
 
-    const std::string& name = spec.name;
-    bool devMem = spec.fileName == "/dev/mem";
+    const std::string& name = desc.name;
+    bool devMem = desc.fileName == "/dev/mem";
     Ptr<ChipModel> m;
     Chip chip = Chip::sb820;
     if (name == "theSb820Ham") {
         m = new Sb820Model(name);
-    } else if (name == "gpioWindow" && devMem && spec.base == kFchGpioBase) {
+    } else if (name == "gpioWindow" && devMem && desc.base == kFchGpioBase) {
         FchPads pads = fchPadsOf(config_.family, config_.model);
         m = new FchGpioModel(name, pads.layout, gpioFunctions(pads));
         chip = Chip::fchGpio;
-    } else if (name == "theCaveCreekPCHIOHam" && spec.type == HamType::ioPort) {
+    } else if (name == "theCaveCreekPCHIOHam" && desc.type == HamType::ioPort) {
         m = new CaveCreekModel(name, kCaveCreekGpioBaseRegister & 0xff80);
         chip = Chip::caveCreek;
-    } else if (name == "CedarForkGpioHam" && devMem && spec.base == kCedarForkBase) {
+    } else if (name == "CedarForkGpioHam" && devMem && desc.base == kCedarForkBase) {
         m = new CedarForkModel(name);
         chip = Chip::cedarFork;
     } else if (name == "theJamHam") {
@@ -182,13 +182,13 @@ Ptr<ChipModel> Board::modelFor(const HamSpec& spec) {
     } else if (name == "PericomGen3Ham") {
         m = new PericomGen3Model(name);
         chip = Chip::pericomGen3;
-    } else if (isGbeLockName(name) && endsWith(spec.fileName, "/resource0") && spec.size == kGbeWindowSize) {
+    } else if (isGbeLockName(name) && endsWith(desc.fileName, "/resource0") && desc.size == kGbeWindowSize) {
         m = new IntelGbeModel(name);
         chip = Chip::intelGbe;
     } else {
         // Never decline: a declined window would be made for real.
         std::fprintf(stderr, "kelvorn-sim: no model for window %s (%s), plain memory behind it\n", name.c_str(),
-                     spec.fileName.empty() ? "I/O ports" : spec.fileName.c_str());
+                     desc.fileName.empty() ? "I/O ports" : desc.fileName.c_str());
         m = new ChipModel(name);
         models_[key] = m;
         return m;

@@ -19,7 +19,7 @@
 namespace sim {
 
 // Two devices: a CPLD-sized one nearest TDO, an FPGA-sized one behind it.
-std::vector<DeviceSpec> defaultChain();
+std::vector<DeviceDesc> defaultChain();
 
 // What the Cave Creek LPC function's configuration register 0x48 holds:
 // the GPIO base 0x580 with the I/O-space bit.
@@ -31,7 +31,7 @@ constexpr U32 kPex8700BlockRegister = 0x00000063;
 struct BoardConfig {
     std::string platform;  // empty: no platform word on the command line
     unsigned family = 0x16, model = 0x30;
-    std::vector<DeviceSpec> chain = defaultChain();
+    std::vector<DeviceDesc> chain = defaultChain();
     std::string device;        // whose wiring the chain hangs on
     unsigned holdSeconds = 0;  // replaces the tool's ten-second hold
     bool showWrites = false;   // every register write on stderr, with what it did to the pins
@@ -60,7 +60,7 @@ class Board {
     std::string pins() const;
     // The model behind a window, made on first request (what the window
     // provider hands out).
-    Ptr<ChipModel> modelFor(const HamSpec& spec);
+    Ptr<ChipModel> modelFor(const HamDesc& desc);
 
   private:
     struct Signal {

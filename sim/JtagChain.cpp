@@ -6,9 +6,9 @@ namespace sim {
 
 using jtag::TapState;
 
-JtagChain::JtagChain(std::vector<DeviceSpec> devices) {
+JtagChain::JtagChain(std::vector<DeviceDesc> devices) {
     assert(!devices.empty());
-    for (const DeviceSpec& d : devices) {
+    for (const DeviceDesc& d : devices) {
         assert(d.irLength >= 2 && d.irLength <= 32);
         devices_.push_back(Device{d});
     }
@@ -18,7 +18,7 @@ void JtagChain::Device::rising(bool tms, bool tdi) {
     unsigned drLength = idcodeSelected() ? 32 : 1;
     switch (state) {
         case TapState::CaptureDr:
-            drShift = idcodeSelected() ? spec.idcode : 0;  // BYPASS captures 0
+            drShift = idcodeSelected() ? desc.idcode : 0;  // BYPASS captures 0
             break;
         case TapState::ShiftDr:
             drShift = (drShift >> 1) | (static_cast<uint32_t>(tdi) << (drLength - 1));
@@ -27,7 +27,7 @@ void JtagChain::Device::rising(bool tms, bool tdi) {
             irShift = 0x1;  // ...01, as the standard fixes the two low bits
             break;
         case TapState::ShiftIr:
-            irShift = (irShift >> 1) | (static_cast<uint32_t>(tdi) << (spec.irLength - 1));
+            irShift = (irShift >> 1) | (static_cast<uint32_t>(tdi) << (desc.irLength - 1));
             break;
         default:
             break;
@@ -38,7 +38,7 @@ void JtagChain::Device::rising(bool tms, bool tdi) {
 
 void JtagChain::Device::falling() {
     if (state == TapState::UpdateIr) {
-        uint32_t allOnes = spec.irLength == 32 ? 0xffffffffu : (1u << spec.irLength) - 1;
+        uint32_t allOnes = desc.irLength == 32 ? 0xffffffffu : (1u << desc.irLength) - 1;
         instruction = irShift & allOnes;
     }
     tdoDriven = state == TapState::ShiftDr || state == TapState::ShiftIr;

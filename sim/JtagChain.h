@@ -12,7 +12,7 @@
 
 namespace sim {
 
-struct DeviceSpec {
+struct DeviceDesc {
     uint32_t idcode;
     unsigned irLength;  // 2 to 32
 };
@@ -23,7 +23,7 @@ constexpr uint32_t kIdcodeInstruction = 0x1;
 class JtagChain {
   public:
     // Devices in scan order: the one nearest TDO first.
-    explicit JtagChain(std::vector<DeviceSpec> devices);
+    explicit JtagChain(std::vector<DeviceDesc> devices);
 
     // The level on TCK now, with TMS and TDI as they are. Only a change of
     // TCK does anything: a rising edge steps every controller, a falling
@@ -40,7 +40,7 @@ class JtagChain {
 
   private:
     struct Device {
-        DeviceSpec spec;
+        DeviceDesc desc;
         jtag::TapState state = jtag::TapState::TestLogicReset;
         uint32_t instruction = kIdcodeInstruction;
         uint32_t irShift = 0;

@@ -36,7 +36,7 @@ std::string parseCpu(const std::string& text, unsigned* family, unsigned* model)
 }
 
 // "IDCODE:IRLEN[,IDCODE:IRLEN...]", the device nearest TDO first.
-std::string parseChain(const std::string& text, std::vector<sim::DeviceSpec>* chain) {
+std::string parseChain(const std::string& text, std::vector<sim::DeviceDesc>* chain) {
     chain->clear();
     size_t start = 0;
     while (start <= text.size()) {
@@ -56,10 +56,10 @@ std::string parseChain(const std::string& text, std::vector<sim::DeviceSpec>* ch
     return "";
 }
 
-std::string chainText(const std::vector<sim::DeviceSpec>& chain) {
+std::string chainText(const std::vector<sim::DeviceDesc>& chain) {
     std::string s;
     char buf[32];
-    for (const sim::DeviceSpec& d : chain) {
+    for (const sim::DeviceDesc& d : chain) {
         std::snprintf(buf, sizeof buf, "%s0x%08x:%u", s.empty() ? "" : ",", d.idcode, d.irLength);
         s += buf;
     }

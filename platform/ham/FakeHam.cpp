@@ -58,11 +58,11 @@ std::vector<std::string> FakeHamImpl::log() const {
 }
 
 FakeHams::FakeHams() {
-    Ham::providerIs([this](const HamSpec& spec) -> Ptr<HamImpl> {
-        const std::string& key = spec.fileName.empty() ? spec.name : spec.fileName;
+    Ham::providerIs([this](const HamDesc& desc) -> Ptr<HamImpl> {
+        const std::string& key = desc.fileName.empty() ? desc.name : desc.fileName;
         if (declined_.count(key)) return nullptr;
-        opened_.push_back(spec);
-        if (onOpen) onOpen(spec);
+        opened_.push_back(desc);
+        if (onOpen) onOpen(desc);
         return Ptr<HamImpl>(&(*this)[key]);
     });
 }

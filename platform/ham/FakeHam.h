@@ -60,13 +60,13 @@ class FakeHams {
     void decline(const std::string& key) { declined_.insert(key); }
 
     // Every window made while installed, in order.
-    const std::vector<HamSpec>& opened() const { return opened_; }
+    const std::vector<HamDesc>& opened() const { return opened_; }
 
     // Called as each window is made, before its fake is handed out.
-    std::function<void(const HamSpec&)> onOpen;
+    std::function<void(const HamDesc&)> onOpen;
 
   private:
     std::map<std::string, Ptr<FakeHamImpl>> fakes_;
-    std::vector<HamSpec> opened_;
+    std::vector<HamDesc> opened_;
     std::set<std::string> declined_;
 };

@@ -18,10 +18,10 @@ HamProvider& provider() {
     return p;
 }
 
-[[noreturn]] void windowFailed(const HamSpec& spec, const char* what, int err) {
+[[noreturn]] void windowFailed(const HamDesc& desc, const char* what, int err) {
     std::fflush(stdout);
-    std::fprintf(stderr, "register window %s: %s %s: %s\n", spec.name.c_str(), what,
-                 spec.fileName.empty() ? "I/O ports" : spec.fileName.c_str(), std::strerror(err));
+    std::fprintf(stderr, "register window %s: %s %s: %s\n", desc.name.c_str(), what,
+                 desc.fileName.empty() ? "I/O ports" : desc.fileName.c_str(), std::strerror(err));
     std::exit(1);
 }
 
@@ -30,18 +30,18 @@ class MappedFileHamImpl : public MemoryHamImpl {
   public:
     using MemoryHamImpl::MemoryHamImpl;
 
-    static Ptr<HamImpl> make(const HamSpec& spec) {
-        int fd = ::open(spec.fileName.c_str(), O_RDWR | O_SYNC);
-        if (fd < 0) windowFailed(spec, "cannot open", errno);
-        size_t size = spec.size;
+    static Ptr<HamImpl> make(const HamDesc& desc) {
+        int fd = ::open(desc.fileName.c_str(), O_RDWR | O_SYNC);
+        if (fd < 0) windowFailed(desc, "cannot open", errno);
+        size_t size = desc.size;
         if (size == 0) {
             struct stat st;
-            if (::fstat(fd, &st) != 0) windowFailed(spec, "cannot stat", errno);
-            if (st.st_size <= static_cast<off_t>(spec.base)) windowFailed(spec, "cannot map", EINVAL);
-            size = static_cast<size_t>(st.st_size) - spec.base;
+            if (::fstat(fd, &st) != 0) windowFailed(desc, "cannot stat", errno);
+            if (st.st_size <= static_cast<off_t>(desc.base)) windowFailed(desc, "cannot map", EINVAL);
+            size = static_cast<size_t>(st.st_size) - desc.base;
         }
-        void* p = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, spec.base);
-        if (p == MAP_FAILED) windowFailed(spec, "cannot map", errno);
+        void* p = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, desc.base);
+        if (p == MAP_FAILED) windowFailed(desc, "cannot map", errno);
         ::close(fd);  // the mapping keeps the file
         return new MappedFileHamImpl(static_cast<volatile U8*>(p));
     }
@@ -51,7 +51,7 @@ class MappedFileHamImpl : public MemoryHamImpl {
 // access, so a window that is never used never asks for it.
 class IoPortHamImpl : public HamImpl {
   public:
-    explicit IoPortHamImpl(const HamSpec& spec) : spec_(spec) {}
+    explicit IoPortHamImpl(const HamDesc& desc) : desc_(desc) {}
 
     int read32(U32 port, U32* out) override {
         permit();
@@ -82,36 +82,36 @@ class IoPortHamImpl : public HamImpl {
   private:
     void permit() {
         if (permitted_) return;
-        if (::iopl(3) != 0) windowFailed(spec_, "cannot get permission for", errno);
+        if (::iopl(3) != 0) windowFailed(desc_, "cannot get permission for", errno);
         permitted_ = true;
     }
 
-    HamSpec spec_;
+    HamDesc desc_;
     bool permitted_ = false;
 };
 
 }  // namespace
 
 Ham::Ham(String name, HamType type, Ptr<Ham>, U32 base, U32 size, String fileName) {
-    spec_.name = std::move(name);
-    spec_.type = type;
-    spec_.base = base;
-    spec_.size = size;
-    spec_.fileName = std::move(fileName);
+    desc_.name = std::move(name);
+    desc_.type = type;
+    desc_.base = base;
+    desc_.size = size;
+    desc_.fileName = std::move(fileName);
     make();
 }
 
-Ham::Ham(const HamSpec& spec) : spec_(spec) { make(); }
+Ham::Ham(const HamDesc& desc) : desc_(desc) { make(); }
 
-Ptr<HamImpl> Ham::provided(const HamSpec& spec) { return provider() ? provider()(spec) : nullptr; }
+Ptr<HamImpl> Ham::provided(const HamDesc& desc) { return provider() ? provider()(desc) : nullptr; }
 
 void Ham::make() {
-    impl_ = provided(spec_);
+    impl_ = provided(desc_);
     if (impl_) return;
-    if (spec_.type == HamType::ioPort)
-        impl_ = new IoPortHamImpl(spec_);
+    if (desc_.type == HamType::ioPort)
+        impl_ = new IoPortHamImpl(desc_);
     else
-        impl_ = MappedFileHamImpl::make(spec_);
+        impl_ = MappedFileHamImpl::make(desc_);
 }
 
 void Ham::providerIs(HamProvider p) { provider() = std::move(p); }
@@ -123,9 +123,9 @@ String PciHam::resourcePath(const PciAddress& a, const String& resource) {
     return String(path);
 }
 
-static HamSpec pciSpec(const String& name, U32 base, U32 size, const PciAddress& a,
+static HamDesc pciDesc(const String& name, U32 base, U32 size, const PciAddress& a,
                        const String& resource) {
-    HamSpec s;
+    HamDesc s;
     s.name = name;
     s.type = HamType::mappedFile;
     s.base = base;
@@ -136,4 +136,4 @@ static HamSpec pciSpec(const String& name, U32 base, U32 size, const PciAddress&
 
 PciHam::PciHam(String name, U32 base, U32 size, String resource, String, String, PciAddress address,
                PciId, bool)
-    : Ham(pciSpec(name, base, size, address, resource)) {}
+    : Ham(pciDesc(name, base, size, address, resource)) {}

@@ -43,7 +43,7 @@ class HamImpl : public RefCounted {
 };
 
 // Everything that describes a window, as handed to a provider.
-struct HamSpec {
+struct HamDesc {
     String name;
     HamType type = HamType::mappedFile;
     U32 base = 0;
@@ -51,7 +51,7 @@ struct HamSpec {
     String fileName;   // empty for I/O ports
 };
 
-using HamProvider = std::function<Ptr<HamImpl>(const HamSpec&)>;
+using HamProvider = std::function<Ptr<HamImpl>(const HamDesc&)>;
 
 class Ham : public RefCounted {
   public:
@@ -60,22 +60,22 @@ class Ham : public RefCounted {
     Ham(String name, HamType type, Ptr<Ham> parent, U32 base, U32 size, String fileName);
 
     Ptr<HamImpl> hamImpl() const { return impl_; }
-    const HamSpec& spec() const { return spec_; }
+    const HamDesc& desc() const { return desc_; }
 
     // Installs (or, with an empty function, removes) the provider.
     static void providerIs(HamProvider provider);
     // What the provider puts behind a window of this description; null when
     // there is no provider or it declines. For code that maps a window by
     // itself but must still be open to substitution.
-    static Ptr<HamImpl> provided(const HamSpec& spec);
+    static Ptr<HamImpl> provided(const HamDesc& desc);
 
   protected:
-    explicit Ham(const HamSpec& spec);
+    explicit Ham(const HamDesc& desc);
 
   private:
     void make();
 
-    HamSpec spec_;
+    HamDesc desc_;
     Ptr<HamImpl> impl_;
 };
 

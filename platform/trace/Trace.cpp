@@ -34,10 +34,10 @@ bool levelsToMask(const char* s, size_t n, U32* mask) {
 // The value is a list of entries separated by spaces or semicolons. An
 // entry is "<handle>/<levels>" or just "<levels>" for every handle; levels
 // are a comma-separated list of numbers, ranges "a-b", or "*" for all.
-U32 TraceHandle::maskFromSpec(const char* spec, const char* name) {
+U32 TraceHandle::maskFromSetting(const char* desc, const char* name) {
     U32 mask = 0;
-    if (!spec) return 0;
-    std::string all(spec);
+    if (!desc) return 0;
+    std::string all(desc);
     size_t pos = 0;
     while (pos < all.size()) {
         size_t end = all.find_first_of(" ;", pos);
@@ -64,7 +64,7 @@ U32 TraceHandle::maskFromSpec(const char* spec, const char* name) {
 }
 
 TraceHandle::TraceHandle(const char* name, bool)
-    : name_(name), mask_(maskFromSpec(std::getenv("KELVORN_TRACE"), name)) {}
+    : name_(name), mask_(maskFromSetting(std::getenv("KELVORN_TRACE"), name)) {}
 
 void TraceStream::append(const char* s, size_t n) {
     size_t room = sizeof buf_ - 1 - len_;

@@ -27,7 +27,7 @@ class TraceHandle {
     const char* name() const { return name_; }
 
     // The mask that a KELVORN_TRACE value gives a handle of this name.
-    static U32 maskFromSpec(const char* spec, const char* name);
+    static U32 maskFromSetting(const char* desc, const char* name);
 
   private:
     const char* name_;

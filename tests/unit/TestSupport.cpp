@@ -65,7 +65,7 @@ FakeBoard::FakeBoard() {
         errno = ENOENT;
         return nullptr;
     };
-    hams.onOpen = [this](const HamSpec& s) { events.push_back("window " + s.name + " " + s.fileName); };
+    hams.onOpen = [this](const HamDesc& s) { events.push_back("window " + s.name + " " + s.fileName); };
 }
 
 FakeBoard::~FakeBoard() {

@@ -115,8 +115,8 @@ TEST_F(Amd, SocKindAndWindowFromFamilyAndModel) {
         SCOPED_TRACE(hex(c.family) + " " + hex(c.model));
         boardIs("gozip", c.family, c.model);
         amd::validatePlatform();
-        const HamSpec& spec = board.hams.opened().back();
-        EXPECT_EQ(spec.name + " " + spec.fileName + " " + hex(spec.base) + " " + hex(spec.size),
+        const HamDesc& desc = board.hams.opened().back();
+        EXPECT_EQ(desc.name + " " + desc.fileName + " " + hex(desc.base) + " " + hex(desc.size),
                   "gpioWindow /dev/mem 0xfed80000 " + hex(c.kind == SocKind::kabini ? 0x1000 : 0x2000));
         const amd::Family& f = amd::family(c.kind, true);
         EXPECT_TRUE(amd::getBitFn == f.getBit && amd::setBitFn == f.setBit && amd::setInputFn == f.setInput &&
@@ -425,7 +425,7 @@ TEST_F(Amd, UnknownDeviceEndsTheRunBeforeAnyWrite) {
         int write8(U32 o, U8 v) override { return std::fputs("W8\n", stderr), FakeHamImpl::write8(o, v); }
         int write32(U32 o, U32 v) override { return std::fputs("W32\n", stderr), FakeHamImpl::write32(o, v); }
     };
-    Ham::providerIs([](const HamSpec&) { return Ptr<HamImpl>(new TellingHam); });
+    Ham::providerIs([](const HamDesc&) { return Ptr<HamImpl>(new TellingHam); });
     boardIs("gozip", 0x16, 0x05);
     EkabiniIntf* intf = newIntf();
     EXPECT_EXIT(intf->select("Fodak"), ::testing::ExitedWithCode(1), "^Unknown device: Fodak\n$");

@@ -146,7 +146,7 @@ TEST_F(CaveCreek, UnknownDeviceEndsTheRun) {
 // The backend cannot work without the base: one line naming the file and
 // the reason, status 1, and no window (a window made would show on stderr).
 TEST_F(CaveCreek, UnreadableConfigEndsTheRunBeforeAnyWindow) {
-    board.hams.onOpen = [](const HamSpec& s) { std::fprintf(stderr, "window %s\n", s.name.c_str()); };
+    board.hams.onOpen = [](const HamDesc& s) { std::fprintf(stderr, "window %s\n", s.name.c_str()); };
     EXPECT_EXIT(CaveCreekPCHFactory().newXilIntf(0, 0, 0, 0, 0x1f, 0), ::testing::ExitedWithCode(1),
                 "^cannot read GPIO base from /sys/bus/pci/devices/0000:00:1f.0/config: "
                 "No such file or directory\n$");

@@ -187,12 +187,12 @@ TEST(HalDeathTest, PreconditionsGuardTheCallersTables) {
 // ---- tracing ----
 
 TEST(Trace, LevelSpecifications) {
-    EXPECT_EQ(TraceHandle::maskFromSpec("Xilinx/0-3,5", "Xilinx"), 0x2fu);
-    EXPECT_EQ(TraceHandle::maskFromSpec("Other/1 Xilinx/2", "Xilinx"), 0x4u);
-    EXPECT_EQ(TraceHandle::maskFromSpec("1;3", "Xilinx"), 0xau);
-    EXPECT_EQ(TraceHandle::maskFromSpec("*/*", "Xilinx"), 0xffffffffu);
-    EXPECT_EQ(TraceHandle::maskFromSpec("Xilinx/x,40,2", "Xilinx"), 0x4u);  // nonsense is ignored
-    EXPECT_EQ(TraceHandle::maskFromSpec(nullptr, "Xilinx"), 0u);
+    EXPECT_EQ(TraceHandle::maskFromSetting("Xilinx/0-3,5", "Xilinx"), 0x2fu);
+    EXPECT_EQ(TraceHandle::maskFromSetting("Other/1 Xilinx/2", "Xilinx"), 0x4u);
+    EXPECT_EQ(TraceHandle::maskFromSetting("1;3", "Xilinx"), 0xau);
+    EXPECT_EQ(TraceHandle::maskFromSetting("*/*", "Xilinx"), 0xffffffffu);
+    EXPECT_EQ(TraceHandle::maskFromSetting("Xilinx/x,40,2", "Xilinx"), 0x4u);  // nonsense is ignored
+    EXPECT_EQ(TraceHandle::maskFromSetting(nullptr, "Xilinx"), 0u);
 }
 
 TEST(Trace, DisabledStatementEvaluatesNothing) {

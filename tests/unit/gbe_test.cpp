@@ -75,7 +75,7 @@ TEST(GbeFactory, TakesExactlyItsTwoNames) {
 TEST_F(Gbe, OpensOneMegabyteOfResource0NamedByTheLock) {
     make();
     EXPECT_THAT(board.events, ElementsAre("lock /var/lock/0_3_0_jtag", std::string("window 0_3_0_jtag ") + kResource));
-    const HamSpec& s = board.hams.opened()[0];
+    const HamDesc& s = board.hams.opened()[0];
     EXPECT_EQ(s.base, 0u);
     EXPECT_EQ(s.size, 0x100000u);
     EXPECT_TRUE(regs.log().empty());

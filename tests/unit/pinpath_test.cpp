@@ -59,7 +59,7 @@ TEST_P(PinPath, NoAllocationNoSystemCallNoOutput) {
     board.fileIs("/sys/bus/pci/devices/0000:00:02.0/config", std::string(0x48, 0) + std::string("\x81\xf5\0\0", 4));
     std::vector<std::vector<U8>> memories;
     memories.reserve(4);
-    Ham::providerIs([&](const HamSpec& s) -> Ptr<HamImpl> {
+    Ham::providerIs([&](const HamDesc& s) -> Ptr<HamImpl> {
         // The SoC GPIO window is mapped by its backend itself: over
         // board.devMem, through the faked /dev/mem.
         if (s.name == "gpioWindow" && s.base == 0xFED80000u) return nullptr;

@@ -62,7 +62,7 @@ TEST(SimBoard, EveryWindowGetsAModelNeverTheRealThing) {
     Ptr<HamImpl> gbe =
         Ptr<Ham>(new PciHam("0_3_0_jtag", 0, 0x100000, "resource0", "", "", {0, 3, 0, 0}, 0, true))->hamImpl();
     EXPECT_TRUE(dynamic_cast<IntelGbeModel*>(gbe.ptr()));
-    HamSpec fch;
+    HamDesc fch;
     fch.name = "gpioWindow";
     fch.base = 0xFED80000;
     fch.size = 0x2000;
@@ -177,7 +177,7 @@ TEST(SimBoard, TheChainHangsOnTheWiredPinsBehindTheMux) {
 
 TEST(SimBoard, SocWiringFollowsTheProcessorsPads) {
     BoardConfig c = boardFor("fodak", "gozip");
-    HamSpec fch;
+    HamDesc fch;
     fch.name = "gpioWindow";
     fch.size = 0x2000;
     fch.base = 0xFED80000;

@@ -118,7 +118,7 @@ const Case kCases[] = {
     {"togif_fan", "", 0x16, 0x30, "PericomGen3Ham"},
 };
 
-const std::vector<sim::DeviceSpec> kChain{{0x12345679, 5}, {0x0abcdef1, 7}, {0x2468ace1, 10}};
+const std::vector<sim::DeviceDesc> kChain{{0x12345679, 5}, {0x0abcdef1, 7}, {0x2468ace1, 10}};
 const char kIdcodes[] = "0x12345679\n0x0abcdef1\n0x2468ace1\n";
 
 // The child: scans on its own board, reports on stderr, ends with the scan's status.

@@ -134,13 +134,13 @@ int validatePlatform() {
     const Soc& soc = identifySoc();
     // A provider (a test, the board simulator) may stand in for the window;
     // then every access goes through it, otherwise straight to the mapping.
-    HamSpec spec;
-    spec.name = "gpioWindow";
-    spec.type = HamType::mappedFile;
-    spec.base = kFchBase;
-    spec.size = soc.windowLength;
-    spec.fileName = kDevMem;
-    if (Ptr<HamImpl> substitute = Ham::provided(spec))
+    HamDesc desc;
+    desc.name = "gpioWindow";
+    desc.type = HamType::mappedFile;
+    desc.base = kFchBase;
+    desc.size = soc.windowLength;
+    desc.fileName = kDevMem;
+    if (Ptr<HamImpl> substitute = Ham::provided(desc))
         useSoc(soc.kind, nullptr, substitute);
     else
         useSoc(soc.kind, mapDevMem(soc.windowLength), nullptr);
