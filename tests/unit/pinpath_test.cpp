@@ -1,6 +1,7 @@
-// The pin path of every backend, with tracing off: after select, pin
-// changes and TDO reads make no allocation, no OS call and no output.
-// Windows here are plain memory, so the only cost left is the backends' own.
+// The pin path of every backend. With tracing off, after select, pin
+// changes and TDO reads make no allocation, no OS call and no output
+// (windows here are plain memory, so the only cost left is the backends'
+// own); before select they touch no register at all.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -10,6 +11,7 @@
 
 #include "TestSupport.h"
 #include "xilinx/XilIntf.h"
+#include "xilinx/amd/AmdPlatform.h"
 
 // The replacement operator new below hands out malloc'ed memory, so the
 // matching delete frees it; GCC cannot see that pairing through inlining.
@@ -53,6 +55,7 @@ class PinPath : public ::testing::TestWithParam<Case> {};
 
 TEST_P(PinPath, NoAllocationNoSystemCallNoOutput) {
     const Case& c = GetParam();
+    amd::resetForTests();  // the SoC backend detects its board once per process
     FakeBoard board;
     board.cmdline = c.cmdline;
     board.cpuIs(0x17, 0x18);  // R1000
@@ -90,6 +93,28 @@ TEST_P(PinPath, NoAllocationNoSystemCallNoOutput) {
     EXPECT_GE(tdo, 0);
     XilIntf_cleanup(intf, c.device);
     Ham::providerIs(nullptr);
+}
+
+// Callers select first; a player that does not still must not reach a
+// register through pins that were never assigned.
+TEST_P(PinPath, NothingBeforeSelectTouchesARegister) {
+    const Case& c = GetParam();
+    amd::resetForTests();  // the SoC backend detects its board once per process
+    FakeBoard board;
+    board.cmdline = c.cmdline;
+    board.cpuIs(0x17, 0x18);
+    board.fileIs("/sys/bus/pci/devices/0000:00:02.0/config", std::string(0x48, 0) + std::string("\x81\xf5\0\0", 4));
+    XilIntf* intf = XilIntf_bySystem(c.device, 0, 0, 0, 0, c.pciDevice, 0);
+    ASSERT_NE(intf, nullptr) << c.device;
+    XilIntf_tckIs(intf, 1);
+    XilIntf_tmsIs(intf, 1);
+    XilIntf_tdiIs(intf, 1);
+    EXPECT_EQ(XilIntf_tdo(intf), 0);
+    XilIntf_ledIs(intf, 1);
+    XilIntf_cleanup(intf, c.device);
+    ASSERT_FALSE(board.hams.opened().empty());
+    for (const HamDesc& w : board.hams.opened())
+        EXPECT_TRUE(board.hams[w.fileName.empty() ? w.name : w.fileName].log().empty()) << w.name;
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryBackend, PinPath, ::testing::ValuesIn(kCases),

@@ -82,6 +82,7 @@ void Sb820Intf::select(const char* deviceName) {
 // Inline: it is the whole of a pin change.
 inline void Sb820Intf::levelIs(PinCache& cache, U8 gpio, bool level, U32& count) {
     if (cache.offset == 0) {
+        if (gpio == kNoPin) return;  // before select: no pin, no register
         cache.offset = kControlBase + gpio;
         U8 byte;
         impl->read8(cache.offset, &byte);
