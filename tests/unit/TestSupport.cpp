@@ -97,3 +97,18 @@ TraceLevels::TraceLevels(unsigned mask) : saved_(_defaultTraceHandle().levelMask
     _defaultTraceHandle().levelMaskIs(mask);
 }
 TraceLevels::~TraceLevels() { _defaultTraceHandle().levelMaskIs(saved_); }
+
+Accesses& Accesses::read(U32 offset, U32 value) {
+    push_back(FakeHamImpl::Access{'R', width_, offset, value}.str());
+    return *this;
+}
+
+Accesses& Accesses::write(U32 offset, U32 value) {
+    push_back(FakeHamImpl::Access{'W', width_, offset, value}.str());
+    return *this;
+}
+
+Accesses& Accesses::rmw(U32 offset, std::initializer_list<U32> values) {
+    for (auto v = values.begin(); v + 1 < values.end(); ++v) read(offset, v[0]).write(offset, v[1]);
+    return *this;
+}

@@ -3,6 +3,7 @@
 // in order, so that tests assert exact sequences. Nothing here reaches this
 // machine's /proc/cmdline, CPU, /dev/mem, /var/lock or I/O ports.
 #pragma once
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -58,4 +59,19 @@ class TraceLevels {
 
   private:
     unsigned saved_;
+};
+
+// An expected FakeHamImpl::log(), built in order: Accesses().read(0x640, 8)
+// .rmw(0x62c, {a, b, c}) is "R32 0x640=0x8", "R32 0x62c=a", "W32 0x62c=b",
+// "R32 0x62c=b", "W32 0x62c=c".
+class Accesses : public std::vector<std::string> {
+  public:
+    explicit Accesses(int width = 32) : width_(width) {}
+    Accesses& read(U32 offset, U32 value);
+    Accesses& write(U32 offset, U32 value);
+    // Read-modify-writes of one register, each reading what the one before wrote.
+    Accesses& rmw(U32 offset, std::initializer_list<U32> values);
+
+  private:
+    int width_;
 };
