@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 #include "TestSupport.h"
 #include "xilinx/backends/CedarForkPCHIntf.h"
@@ -21,43 +20,32 @@ class CedarFork : public ::testing::Test {
 
     XilIntf* make() { return CedarForkPCHFactory().newXilIntf(0, 0, 0, 0, 0x1f, 2); }
 
-    // Pads start as inputs (bits 9..8 = 01b) with their output level bit set
-    // and bits 30 and 26 set, which must survive every write.
-    void padsAre(std::initializer_list<U32> pads, U32 dw0 = 0x44000101) {
-        for (U32 pad : pads) regs.poke(pad, dw0);
+    // The factory's answer, after checking the line it prints whatever it answers.
+    bool manages(const char* name) {
+        ::testing::internal::CaptureStdout();
+        bool result = CedarForkPCHFactory().manages(name);
+        std::fflush(stdout);
+        EXPECT_EQ(::testing::internal::GetCapturedStdout(), std::string("CHECKING FPGA ") + name + "\n");
+        return result;
     }
 
     FakeBoard board;
     FakeHamImpl& regs = board.hams["/dev/mem"];
 };
 
-std::string managed(CedarForkPCHFactory& f, const char* name, bool& result) {
-    ::testing::internal::CaptureStdout();
-    result = f.manages(name);
-    std::fflush(stdout);
-    return ::testing::internal::GetCapturedStdout();
-}
-
 }  // namespace
 
 TEST_F(CedarFork, FactoryPrintsEveryNameAndTestsThePlatform) {
-    CedarForkPCHFactory f;
-    bool ok;
-    for (const char* name : {"disalSwitchJtagMuxSel0False", "disalSwitchJtagMuxSel0True", "kubezShimScd"}) {
-        EXPECT_EQ(managed(f, name, ok), std::string("CHECKING FPGA ") + name + "\n");
-        EXPECT_TRUE(ok) << name;
-    }
-    EXPECT_EQ(managed(f, "kubezshimscd", ok), "CHECKING FPGA kubezshimscd\n");
-    EXPECT_FALSE(ok);
+    for (const char* name : {"disalSwitchJtagMuxSel0False", "disalSwitchJtagMuxSel0True", "kubezShimScd"})
+        EXPECT_TRUE(manages(name)) << name;
+    EXPECT_FALSE(manages("kubezshimscd"));
     EXPECT_EQ(board.events.back(), "shell /bin/grep -qE \"platform=(sosepi|disal|kubez)\" /proc/cmdline");
     for (const char* cmdline : {"platform=sosepi2", "quiet platform=kubez"}) {
         board.cmdline = cmdline;
-        managed(f, "kubezShimScd", ok);
-        EXPECT_TRUE(ok) << cmdline;
+        EXPECT_TRUE(manages("kubezShimScd")) << cmdline;
     }
     board.cmdline = "platform=mosavo sosepi";
-    EXPECT_EQ(managed(f, "kubezShimScd", ok), "CHECKING FPGA kubezShimScd\n");
-    EXPECT_FALSE(ok);
+    EXPECT_FALSE(manages("kubezShimScd"));
 }
 
 TEST_F(CedarFork, UnknownNameReachesTheFactoryAndPrintsOnlyItsLine) {
@@ -65,6 +53,7 @@ TEST_F(CedarFork, UnknownNameReachesTheFactoryAndPrintsOnlyItsLine) {
     EXPECT_EQ(XilIntf_bySystem("noSuchDevice", 0, 0, 0, 0, 0x14, 0), nullptr);
     std::fflush(stdout);
     EXPECT_EQ(::testing::internal::GetCapturedStdout(), "CHECKING FPGA noSuchDevice\n");
+    EXPECT_EXIT(make()->select("kubez"), ::testing::ExitedWithCode(1), "^Unknown device: kubez\n$");
 }
 
 TEST_F(CedarFork, WindowIsWholePagesOfDevMemAndNothingIsTouchedBeforeSelect) {
@@ -83,42 +72,34 @@ TEST_F(CedarFork, WindowIsWholePagesOfDevMemAndNothingIsTouchedBeforeSelect) {
     EXPECT_TRUE(regs.log().empty());
 }
 
+// Pads start as inputs (bits 9..8 = 01b) with their output level bit set and
+// bits 30 and 26 set, which must survive every write; the mux select pad
+// starts at the level other than the one the name asks for.
 TEST_F(CedarFork, SelectSwitchesOutputsThenTdoThenDrivesLowThenTheMuxLevel) {
+    struct {
+        const char* name;
+        U32 found, output, driven, input;  // the mux select pad 0xC20B90
+    } rows[] = {{"disalSwitchJtagMuxSel0False", 0x44000101, 0x44000201, 0x44000200, 0x44000100},
+                {"disalSwitchJtagMuxSel0True", 0x44000100, 0x44000200, 0x44000201, 0x44000101}};
     XilIntf* intf = make();
-    for (bool high : {false, true}) {
-        SCOPED_TRACE(high);
-        const char* name = high ? "disalSwitchJtagMuxSel0True" : "disalSwitchJtagMuxSel0False";
-        padsAre({0xC50910, 0xC20AF0, 0xC50920, 0xC50930, 0xC50940});
-        padsAre({0xC20B90}, high ? 0x44000100 : 0x44000101);  // mux select at the other level
-        intf->select(name);
-        // The mux select pad: as found, switched to output, driven, switched back to input.
-        const std::string found = high ? "0x44000100" : "0x44000101";
-        const std::string output = high ? "0x44000200" : "0x44000201";
-        const std::string driven = high ? "0x44000201" : "0x44000200";
-        const std::string input = high ? "0x44000101" : "0x44000100";
-        EXPECT_THAT(regs.log(),
-                    ElementsAreArray(std::vector<std::string>{
-                        // outputs: TCK, TDI, TMS, aux, mux select
-                        "R32 0xc50910=0x44000101", "W32 0xc50910=0x44000201", "R32 0xc20af0=0x44000101",
-                        "W32 0xc20af0=0x44000201", "R32 0xc50920=0x44000101", "W32 0xc50920=0x44000201",
-                        "R32 0xc50940=0x44000101", "W32 0xc50940=0x44000201", "R32 0xc20b90=" + found,
-                        "W32 0xc20b90=" + output,
-                        // TDO an input
-                        "R32 0xc50930=0x44000101", "W32 0xc50930=0x44000101",
-                        // TCK, TDI, TMS low
-                        "R32 0xc50910=0x44000201", "W32 0xc50910=0x44000200", "R32 0xc20af0=0x44000201",
-                        "W32 0xc20af0=0x44000200", "R32 0xc50920=0x44000201", "W32 0xc50920=0x44000200",
-                        // mux select level
-                        "R32 0xc20b90=" + output, "W32 0xc20b90=" + driven}));
-        regs.clearLog();
+    for (auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        for (U32 pad : {0xC50910, 0xC20AF0, 0xC50920, 0xC50930, 0xC50940}) regs.poke(pad, 0x44000101);
+        regs.poke(0xC20B90, r.found);
+        intf->select(r.name);
         intf->warningIs(true);
         intf->warningIs(false);
-        intf->cleanup(high ? "kubezShimScd" : "");
-        EXPECT_THAT(regs.log(),
-                    ElementsAre("R32 0xc50910=0x44000200", "W32 0xc50910=0x44000100", "R32 0xc20af0=0x44000200",
-                                "W32 0xc20af0=0x44000100", "R32 0xc50920=0x44000200", "W32 0xc50920=0x44000100",
-                                "R32 0xc50940=0x44000201", "W32 0xc50940=0x44000101",
-                                "R32 0xc20b90=" + driven, "W32 0xc20b90=" + input));
+        intf->cleanup("kubezShimScd");  // the selected pads, whatever the name
+        Accesses expected;  // outputs: TCK, TDI, TMS, aux, mux select; TDO an input
+        for (U32 pad : {0xC50910, 0xC20AF0, 0xC50920, 0xC50940}) expected.rmw(pad, {0x44000101, 0x44000201});
+        expected.rmw(0xC20B90, {r.found, r.output}).rmw(0xC50930, {0x44000101, 0x44000101});
+        // TCK, TDI, TMS low, then the mux select level
+        for (U32 pad : {0xC50910, 0xC20AF0, 0xC50920}) expected.rmw(pad, {0x44000201, 0x44000200});
+        expected.rmw(0xC20B90, {r.output, r.driven});
+        // cleanup: inputs again with their levels kept, TDO left alone
+        for (U32 pad : {0xC50910, 0xC20AF0, 0xC50920}) expected.rmw(pad, {0x44000200, 0x44000100});
+        expected.rmw(0xC50940, {0x44000201, 0x44000101}).rmw(0xC20B90, {r.driven, r.input});
+        EXPECT_THAT(regs.log(), ElementsAreArray(expected));
         regs.clearLog();
     }
 }
@@ -130,13 +111,11 @@ TEST_F(CedarFork, PinOperationsChangeBit0AndTdoReadsBit1) {
     intf->tckIs(true);
     intf->tdiIs(true);
     intf->tmsIs(false);
-    EXPECT_THAT(regs.log(), ElementsAre("R32 0xc20b40=0x200", "W32 0xc20b40=0x201", "R32 0xc20b20=0x200",
-                                        "W32 0xc20b20=0x201", "R32 0xc20b50=0x200", "W32 0xc20b50=0x200"));
-    regs.clearLog();
     regs.poke(0xC20B60, 0x2);
     EXPECT_EQ(XilIntf_tdo(intf), 1);
     regs.poke(0xC20B60, ~0x2u);
     EXPECT_EQ(XilIntf_tdo(intf), 0);
-    EXPECT_THAT(regs.log(), ElementsAre("R32 0xc20b60=0x2", "R32 0xc20b60=0xfffffffd"));
-    EXPECT_EXIT(intf->select("kubez"), ::testing::ExitedWithCode(1), "^Unknown device: kubez\n$");
+    Accesses expected;
+    expected.rmw(0xC20B40, {0x200, 0x201}).rmw(0xC20B20, {0x200, 0x201}).rmw(0xC20B50, {0x200, 0x200});
+    EXPECT_THAT(regs.log(), ElementsAreArray(expected.read(0xC20B60, 0x2).read(0xC20B60, 0xfffffffd)));
 }
