@@ -11,33 +11,28 @@
 #include "xilinx/backends/CaveCreekPCHIntf.h"
 
 using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
 
 namespace {
 
 const char kConfig[] = "/sys/bus/pci/devices/0000:00:1f.0/config";
 
-std::string configWithGpioBase(U32 value, size_t size = 0x100) {
+// Config space, cut to `size` bytes, whose register 0x48 holds 0x0000f581.
+std::string config(size_t size = 0x100) {
     std::string c(0x100, '\0');
-    for (int i = 0; i < 4; ++i) c[0x48 + i] = static_cast<char>(value >> (8 * i));
-    c.resize(size);
-    return c;
+    c[0x48] = '\x81', c[0x49] = '\xf5';
+    return c.substr(0, size);
 }
 
 class CaveCreek : public ::testing::Test {
   protected:
     CaveCreekPCHIntf* make() {
-        board.fileIs(kConfig, configWithGpioBase(0x0000f581));
+        board.fileIs(kConfig, config());
         ::testing::internal::CaptureStdout();
         XilIntf* intf = CaveCreekPCHFactory().newXilIntf(0, 0, 0, 0, 0x1f, 0);
         std::fflush(stdout);
         out = ::testing::internal::GetCapturedStdout();
         return static_cast<CaveCreekPCHIntf*>(intf);
-    }
-    CaveCreekPCHIntf* selected(const char* name) {
-        CaveCreekPCHIntf* intf = make();
-        intf->select(name);
-        ports.clearLog();
-        return intf;
     }
 
     FakeBoard board;
@@ -47,14 +42,14 @@ class CaveCreek : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(CaveCreek, FactoryKnowsSixNamesWithoutAskingThePlatform) {
+TEST_F(CaveCreek, FactoryKnowsSixNamesWithoutAskingThePlatformAndSelectRefusesOthers) {
     CaveCreekPCHFactory f;
     for (const char* name :
          {"zetizSwitchCpld", "zetizSwitchScd", "bevibLineScd", "posabuSwitchScd", "tomitShimScd", "mubarScd"})
         EXPECT_TRUE(f.manages(name)) << name;
-    EXPECT_FALSE(f.manages("mubarscd"));
-    EXPECT_FALSE(f.manages("fodak"));
+    EXPECT_FALSE(f.manages("mubarscd") || f.manages("fodak"));
     EXPECT_TRUE(board.events.empty());
+    EXPECT_EXIT(make()->select("mubar"), ::testing::ExitedWithCode(1), "^Unknown device: mubar\n$");
 }
 
 TEST_F(CaveCreek, BaseFromConfigRegister48ThenAnIoPortWindow) {
@@ -65,12 +60,13 @@ TEST_F(CaveCreek, BaseFromConfigRegister48ThenAnIoPortWindow) {
     ASSERT_EQ(board.hams.opened().size(), 1u);
     EXPECT_EQ(board.hams.opened()[0].type, HamType::ioPort);
     EXPECT_TRUE(ports.log().empty());
-    // GPIO 44 is bit 12 of bank 1; GPIO 3 and 95 are in banks 0 and 2.
-    EXPECT_EQ(intf->useSelectGpioReg(44), 0xf5b0u);
-    EXPECT_EQ(intf->ioSelectGpioReg(44), 0xf5b4u);
-    EXPECT_EQ(intf->readWriteGpioReg(44), 0xf5b8u);
-    EXPECT_EQ(intf->readWriteGpioReg(3), 0xf58cu);
-    EXPECT_EQ(intf->ioSelectGpioReg(95), 0xf5c4u);
+    // Use select, I/O select and level registers of GPIO 3, 44 and 95: banks 0, 1 and 2.
+    auto regs = [intf](U8 n) {
+        return std::vector<U32>{intf->useSelectGpioReg(n), intf->ioSelectGpioReg(n), intf->readWriteGpioReg(n)};
+    };
+    EXPECT_THAT(regs(3), ElementsAre(0xf580u, 0xf584u, 0xf58cu));
+    EXPECT_THAT(regs(44), ElementsAre(0xf5b0u, 0xf5b4u, 0xf5b8u));
+    EXPECT_THAT(regs(95), ElementsAre(0xf5c0u, 0xf5c4u, 0xf5c8u));
     EXPECT_DEATH(intf->useSelectGpioReg(96), "GPIO without a bank");
 }
 
@@ -81,28 +77,25 @@ TEST_F(CaveCreek, SelectMakesOutputsInputLowLevelsThenAuxAndSetup) {
     ports.poke(0xf5b8, 0x00003000);  // TDI (44), TMS (45) high
     CaveCreekPCHIntf* intf = make();
     intf->select("zetizSwitchCpld");
-    EXPECT_THAT(ports.log(),
-                ElementsAre(  // outputs: TCK 12, TDI 44, TMS 45, setup 24
-                    "R32 0xf580=0x0", "W32 0xf580=0x1000", "R32 0xf584=0xffffffff", "W32 0xf584=0xffffefff",
-                    "R32 0xf5b0=0x0", "W32 0xf5b0=0x1000", "R32 0xf5b4=0xffffffff", "W32 0xf5b4=0xffffefff",
-                    "R32 0xf5b0=0x1000", "W32 0xf5b0=0x3000", "R32 0xf5b4=0xffffefff", "W32 0xf5b4=0xffffcfff",
-                    "R32 0xf580=0x1000", "W32 0xf580=0x1001000", "R32 0xf584=0xffffefff",
-                    "W32 0xf584=0xfeffefff",
-                    // TDO 22 an input
-                    "R32 0xf580=0x1001000", "W32 0xf580=0x1401000", "R32 0xf584=0xfeffefff",
-                    "W32 0xf584=0xfeffefff",
-                    // TCK, TDI, TMS low
-                    "R32 0xf58c=0x1000", "W32 0xf58c=0x0", "R32 0xf5b8=0x3000", "W32 0xf5b8=0x2000",
-                    "R32 0xf5b8=0x2000", "W32 0xf5b8=0x0",
-                    // aux 15: output, high
-                    "R32 0xf580=0x1401000", "W32 0xf580=0x1409000", "R32 0xf584=0xfeffefff",
-                    "W32 0xf584=0xfeff6fff", "R32 0xf58c=0x0", "W32 0xf58c=0x8000",
-                    // setup 24 high
-                    "R32 0xf58c=0x8000", "W32 0xf58c=0x1008000"));
+    Accesses expected;  // outputs TCK 12, TDI 44, TMS 45, setup 24: a GPIO, then an output
+    expected.rmw(0xf580, {0x0, 0x1000}).rmw(0xf584, {0xffffffff, 0xffffefff});
+    expected.rmw(0xf5b0, {0x0, 0x1000}).rmw(0xf5b4, {0xffffffff, 0xffffefff});
+    expected.rmw(0xf5b0, {0x1000, 0x3000}).rmw(0xf5b4, {0xffffefff, 0xffffcfff});
+    expected.rmw(0xf580, {0x1000, 0x1001000}).rmw(0xf584, {0xffffefff, 0xfeffefff});
+    // TDO 22 an input
+    expected.rmw(0xf580, {0x1001000, 0x1401000}).rmw(0xf584, {0xfeffefff, 0xfeffefff});
+    // TCK, TDI, TMS low
+    expected.rmw(0xf58c, {0x1000, 0x0}).rmw(0xf5b8, {0x3000, 0x2000}).rmw(0xf5b8, {0x2000, 0x0});
+    // aux 15: output, high; then setup 24 high
+    expected.rmw(0xf580, {0x1401000, 0x1409000}).rmw(0xf584, {0xfeffefff, 0xfeff6fff});
+    expected.rmw(0xf58c, {0x0, 0x8000}).rmw(0xf58c, {0x8000, 0x1008000});
+    EXPECT_THAT(ports.log(), ElementsAreArray(expected));
 }
 
 TEST_F(CaveCreek, TdiAndTmsSkipRepeatsTckAlwaysWrites) {
-    CaveCreekPCHIntf* intf = selected("posabuSwitchScd");
+    CaveCreekPCHIntf* intf = make();
+    intf->select("posabuSwitchScd");
+    ports.clearLog();
     intf->tdiIs(false);
     intf->tmsIs(false);
     EXPECT_TRUE(ports.log().empty());
@@ -111,15 +104,13 @@ TEST_F(CaveCreek, TdiAndTmsSkipRepeatsTckAlwaysWrites) {
     intf->tdiIs(true);
     intf->tdiIs(true);
     intf->tmsIs(true);
-    EXPECT_THAT(ports.log(), ElementsAre("R32 0xf58c=0x0", "W32 0xf58c=0x0", "R32 0xf58c=0x0", "W32 0xf58c=0x0",
-                                         "R32 0xf5b8=0x10000", "W32 0xf5b8=0x11000", "R32 0xf5b8=0x11000",
-                                         "W32 0xf5b8=0x13000"));  // aux 48 (bit 16) stays high
-    ports.clearLog();
     ports.poke(0xf58c, 0x8);  // TDO is GPIO 3: bit 3 of bank 0
     EXPECT_TRUE(intf->tdo());
     ports.poke(0xf58c, ~0x8u);
     EXPECT_FALSE(intf->tdo());
-    EXPECT_THAT(ports.log(), ElementsAre("R32 0xf58c=0x8", "R32 0xf58c=0xfffffff7"));
+    Accesses expected;  // aux 48 (bit 16) stays high
+    expected.rmw(0xf58c, {0x0, 0x0}).rmw(0xf58c, {0x0, 0x0}).rmw(0xf5b8, {0x10000, 0x11000, 0x13000});
+    EXPECT_THAT(ports.log(), ElementsAreArray(expected.read(0xf58c, 0x8).read(0xf58c, 0xfffffff7)));
 }
 
 TEST_F(CaveCreek, MubarHasNoAuxPinAndCleanupUsesSelectsPins) {
@@ -129,18 +120,12 @@ TEST_F(CaveCreek, MubarHasNoAuxPinAndCleanupUsesSelectsPins) {
     EXPECT_EQ(ports.log().back(), "W32 0xf58c=0x0");       // setup 24 low, no aux step before it
     ports.clearLog();
     intf->cleanup("zetizSwitchCpld");
-    EXPECT_THAT(ports.log(),
-                ElementsAre(  // TCK 17, TDI 14, TMS 15, setup 24: GPIO and input; no aux
-                    "R32 0xf580=0x902c000", "W32 0xf580=0x902c000", "R32 0xf584=0x8000000", "W32 0xf584=0x8020000",
-                    "R32 0xf580=0x902c000", "W32 0xf580=0x902c000", "R32 0xf584=0x8020000", "W32 0xf584=0x8024000",
-                    "R32 0xf580=0x902c000", "W32 0xf580=0x902c000", "R32 0xf584=0x8024000", "W32 0xf584=0x802c000",
-                    "R32 0xf580=0x902c000", "W32 0xf580=0x902c000", "R32 0xf584=0x802c000",
-                    "W32 0xf584=0x902c000"));
-}
-
-TEST_F(CaveCreek, UnknownDeviceEndsTheRun) {
-    CaveCreekPCHIntf* intf = make();
-    EXPECT_EXIT(intf->select("mubar"), ::testing::ExitedWithCode(1), "^Unknown device: mubar\n$");
+    Accesses expected;  // TCK 17, TDI 14, TMS 15, setup 24: still GPIOs, now inputs; no aux
+    expected.rmw(0xf580, {0x902c000, 0x902c000}).rmw(0xf584, {0x8000000, 0x8020000});
+    expected.rmw(0xf580, {0x902c000, 0x902c000}).rmw(0xf584, {0x8020000, 0x8024000});
+    expected.rmw(0xf580, {0x902c000, 0x902c000}).rmw(0xf584, {0x8024000, 0x802c000});
+    expected.rmw(0xf580, {0x902c000, 0x902c000}).rmw(0xf584, {0x802c000, 0x902c000});
+    EXPECT_THAT(ports.log(), ElementsAreArray(expected));
 }
 
 // The backend cannot work without the base: one line naming the file and
@@ -150,7 +135,7 @@ TEST_F(CaveCreek, UnreadableConfigEndsTheRunBeforeAnyWindow) {
     EXPECT_EXIT(CaveCreekPCHFactory().newXilIntf(0, 0, 0, 0, 0x1f, 0), ::testing::ExitedWithCode(1),
                 "^cannot read GPIO base from /sys/bus/pci/devices/0000:00:1f.0/config: "
                 "No such file or directory\n$");
-    board.fileIs(kConfig, configWithGpioBase(0xf581, 0x4a));
+    board.fileIs(kConfig, config(0x4a));
     EXPECT_EXIT(CaveCreekPCHFactory().newXilIntf(0, 0, 0, 0, 0x1f, 0), ::testing::ExitedWithCode(1),
                 "^cannot read GPIO base from /sys/bus/pci/devices/0000:00:1f.0/config: "
                 "short read, fewer than 4 bytes at offset 0x48\n$");
