@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 
 #include "os/FakeShell.h"
 #include "xilinx/XilTrace.h"
@@ -98,17 +99,27 @@ TraceLevels::TraceLevels(unsigned mask) : saved_(_defaultTraceHandle().levelMask
 }
 TraceLevels::~TraceLevels() { _defaultTraceHandle().levelMaskIs(saved_); }
 
-Accesses& Accesses::read(U32 offset, U32 value) {
-    push_back(FakeHamImpl::Access{'R', width_, offset, value}.str());
+Accesses& Accesses::read(U32 offset, U32 value, int width) {
+    push_back(FakeHamImpl::Access{'R', width ? width : width_, offset, value}.str());
     return *this;
 }
 
-Accesses& Accesses::write(U32 offset, U32 value) {
-    push_back(FakeHamImpl::Access{'W', width_, offset, value}.str());
+Accesses& Accesses::write(U32 offset, U32 value, int width) {
+    push_back(FakeHamImpl::Access{'W', width ? width : width_, offset, value}.str());
     return *this;
 }
 
 Accesses& Accesses::rmw(U32 offset, std::initializer_list<U32> values) {
     for (auto v = values.begin(); v + 1 < values.end(); ++v) read(offset, v[0]).write(offset, v[1]);
     return *this;
+}
+
+std::vector<std::string> traceLines(const std::string& err) {
+    std::vector<std::string> lines;
+    std::istringstream in(err);
+    for (std::string line; std::getline(in, line);) {
+        size_t from = line.find(' '), to = line.find(' ', from + 1);
+        lines.push_back(line.erase(from, to - from));
+    }
+    return lines;
 }

@@ -67,11 +67,15 @@ class TraceLevels {
 class Accesses : public std::vector<std::string> {
   public:
     explicit Accesses(int width = 32) : width_(width) {}
-    Accesses& read(U32 offset, U32 value);
-    Accesses& write(U32 offset, U32 value);
+    Accesses& read(U32 offset, U32 value, int width = 0);  // 0: the builder's width
+    Accesses& write(U32 offset, U32 value, int width = 0);
     // Read-modify-writes of one register, each reading what the one before wrote.
     Accesses& rmw(U32 offset, std::initializer_list<U32> values);
 
   private:
     int width_;
 };
+
+// The trace lines in captured stderr without their file and line:
+// "Xilinx/3 tckIs: tckIs true".
+std::vector<std::string> traceLines(const std::string& err);
