@@ -55,17 +55,7 @@ TEST(JtagBits, ValuesAndBitsRoundTripLeastSignificantFirst) {
     EXPECT_EQ(jtag::valueOf(b, 60, 8), 0x0u);  // past the end reads as zeros
 }
 
-TEST_F(Jtag, ResetIsFiveCyclesWithTmsHighFromAnyState) {
-    tap.reset();
-    tap.moveTo(TapState::PauseIr);
-    intf->cycles = 0;
-    tap.reset();
-    EXPECT_EQ(intf->cycles, 5u);
-    EXPECT_EQ(chain.state(), TapState::TestLogicReset);
-    EXPECT_EQ(tap.state(), TapState::TestLogicReset);
-}
-
-TEST_F(Jtag, MovesTakeTheShortestTmsPath) {
+TEST_F(Jtag, MovesTakeTheShortestTmsPathIdleClocksInRunTestIdleAndResetIsFiveCycles) {
     tap.reset();
     intf->tmsTrail.clear();
     tap.moveTo(TapState::ShiftDr);
@@ -74,57 +64,41 @@ TEST_F(Jtag, MovesTakeTheShortestTmsPath) {
     intf->cycles = 0;
     tap.moveTo(TapState::ShiftIr);  // Exit1-DR, Update-DR, Select-DR, Select-IR, Capture-IR, Shift-IR
     EXPECT_EQ(intf->cycles, 6u);
-    intf->cycles = 0;
     tap.moveTo(TapState::ShiftIr);
-    EXPECT_EQ(intf->cycles, 0u);
+    EXPECT_EQ(intf->cycles, 6u);
     tap.moveTo(TapState::TestLogicReset);  // Exit1-IR, Update-IR, Select-DR, Select-IR, Test-Logic-Reset
+    EXPECT_EQ(intf->cycles, 11u);
+    EXPECT_EQ(chain.state(), TapState::TestLogicReset);
+    tap.idle(3);
+    EXPECT_EQ(intf->cycles, 15u);  // one to get there
+    EXPECT_EQ(chain.state(), TapState::RunTestIdle);
+    tap.moveTo(TapState::PauseIr);
+    intf->cycles = 0;
+    tap.reset();  // TMS high, from any state
     EXPECT_EQ(intf->cycles, 5u);
     EXPECT_EQ(chain.state(), TapState::TestLogicReset);
+    EXPECT_EQ(tap.state(), TapState::TestLogicReset);
 }
 
-TEST_F(Jtag, ShiftIrReturnsTheCapturedBitsAndLoadsTheInstructions) {
+TEST_F(Jtag, ShiftIrLoadsOnUpdateAndShiftDrReadsThroughBypass) {
     tap.reset();
-    // The bits shifted first travel furthest: 8 for the device nearest TDO, then 6 for the other.
-    Bits in = jtag::bitsOf(0xff, 8);
-    Bits other = jtag::bitsOf(0x2a, 6);
-    in.insert(in.end(), other.begin(), other.end());
-    Bits out = tap.shiftIr(in, TapState::PauseIr);
-    EXPECT_EQ(jtag::valueOf(out, 0, 8), 0x01u);  // ...01 from the device nearest TDO
-    EXPECT_EQ(jtag::valueOf(out, 8, 6), 0x01u);
+    // The bits shifted first travel furthest: BYPASS for the device nearest TDO, IDCODE for the other.
+    Bits out = tap.shiftIr(jtag::bitsOf(0xff | sim::kIdcodeInstruction << 8, 14), TapState::PauseIr);
+    EXPECT_EQ(jtag::valueOf(out, 0, 14), 0x01u | 0x01u << 8);  // each captures ...01
     EXPECT_EQ(tap.state(), TapState::PauseIr);
     EXPECT_EQ(chain.instruction(0), sim::kIdcodeInstruction);  // not before Update-IR
     tap.moveTo(TapState::RunTestIdle);
     EXPECT_EQ(chain.instruction(0), 0xffu);
-    EXPECT_EQ(chain.instruction(1), 0x2au);
-}
-
-TEST_F(Jtag, ShiftDrThroughBypassAndIdcode) {
-    tap.reset();
-    Bits ir = jtag::bitsOf(0xff, 8);  // BYPASS nearest TDO
-    Bits idcode = jtag::bitsOf(sim::kIdcodeInstruction, 6);
-    ir.insert(ir.end(), idcode.begin(), idcode.end());
-    tap.shiftIr(ir);
-    Bits out = tap.shiftDr(jtag::bitsOf(0, 33));
+    out = tap.shiftDr(jtag::bitsOf(0, 33));
     EXPECT_FALSE(out[0]);  // BYPASS captures 0
     EXPECT_EQ(jtag::valueOf(out, 1, 32), 0x1b4d2093u);
     EXPECT_EQ(tap.state(), TapState::RunTestIdle);
 }
 
-TEST_F(Jtag, IdleClocksInRunTestIdle) {
-    tap.reset();
-    intf->cycles = 0;
-    tap.idle(3);
-    EXPECT_EQ(intf->cycles, 4u);  // one to get there
-    EXPECT_EQ(chain.state(), TapState::RunTestIdle);
-}
-
-TEST_F(Jtag, ReadIdcodesNearestTdoFirstAndEndsInRunTestIdle) {
+TEST_F(Jtag, ReadIdcodesNearestTdoFirstAndNothingOnAStuckTdo) {
     tap.moveTo(TapState::ShiftIr);  // wherever it was: the scan resets first
     EXPECT_THAT(jtag::readIdcodes(tap), ElementsAre(0x0a5c7035u, 0x1b4d2093u));
     EXPECT_EQ(chain.state(), TapState::RunTestIdle);
-}
-
-TEST_F(Jtag, ReadIdcodesFindsNothingOnAStuckTdo) {
     intf->stuck = 1;
     EXPECT_TRUE(jtag::readIdcodes(tap).empty());
     intf->stuck = 0;
