@@ -9,7 +9,10 @@
 #   e2e_devmem 0x100000000                  # a sparse file as /dev/mem
 #   e2e_run kelvorn fodak 0000:00:14.0 tdo  # status in $E2E_STATUS, output in $E2E_OUT/$E2E_ERR
 #   e2e_start kelvorn ...; ...; e2e_wait    # the same, in the background
+#   e2e_hold kelvorn fodak 0000:00:14.0 tck 1; ...; e2e_wait   # during a set command's hold
 #   expect_eq "$(rd8 "$(e2e_pci_file 0000:00:14.0 resource5)" 0x1bd)" 0x40 "TCK driven high"
+#   expect_eq "$(regs rd8 "$file" 0x1bd 0x1ab)" "0x40 0x0" "TCK high, TDI low"
+#   expect_run 1 "Kelvorn" "" "tck 1" kelvorn fodak 0000:00:14.0 tck 1   # status, stdout, stderr
 #   e2e_done
 set -uo pipefail
 
@@ -65,6 +68,8 @@ e2e_start() {
   "${E2E_ARGV[@]}" >"$E2E_DIR/bg.out" 2>"$E2E_DIR/bg.err" &
   E2E_BG=$!
 }
+# Starts a set command in the background and returns two seconds into its ten-second hold.
+e2e_hold() { e2e_start "$@"; sleep 2; }
 e2e_wait() {
   wait "$E2E_BG"
   E2E_STATUS=$?
@@ -83,6 +88,9 @@ wr32() {
     dd of="$1" bs=1 seek=$(($2)) conv=notrunc status=none
 }
 
+# Registers at the offsets, read with rd8/rd16/rd32, on one line: regs rd32 FILE OFFSET...
+regs() { local rd=$1 file=$2 off; shift 2; for off; do "$rd" "$file" "$off"; done | paste -sd' '; }
+
 expect_eq() {  # actual expected what
   if [ "$1" == "$2" ]; then
     E2E_PASSED=$((E2E_PASSED + 1))
@@ -90,6 +98,16 @@ expect_eq() {  # actual expected what
     E2E_FAILED=$((E2E_FAILED + 1))
     printf 'FAIL: %s\n  expected: %q\n  actual:   %q\n' "$3" "$2" "$1"
   fi
+}
+
+# Runs a binary as e2e_run does and checks its status, stdout and stderr.
+expect_run() {  # status stdout stderr what binary args...
+  local status=$1 out=$2 err=$3 what=$4
+  shift 4
+  e2e_run "$@"
+  expect_eq "$E2E_STATUS" "$status" "$what: status"
+  expect_eq "$E2E_OUT" "$out" "$what: stdout"
+  expect_eq "$E2E_ERR" "$err" "$what: stderr"
 }
 
 e2e_done() {
