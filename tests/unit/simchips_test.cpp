@@ -9,11 +9,6 @@ using namespace sim;
 
 namespace {
 
-std::string driveOf(const ChipModel& c, U32 pin) {
-    Drive d = c.drive(pin);
-    return d.driven ? (d.level ? "1" : "0") : "z";
-}
-
 U8 r8(ChipModel& c, U32 offset) {
     U8 v;
     c.read8(offset, &v);
@@ -25,139 +20,128 @@ U32 r32(ChipModel& c, U32 offset) {
     return v;
 }
 
+// What the chip does with each of pins: "1" or "0" driven, "z" left to the outside world.
+std::string drives(const ChipModel& c, std::initializer_list<U32> pins) {
+    std::string s;
+    for (U32 pin : pins) s += c.drive(pin).driven ? (c.drive(pin).level ? '1' : '0') : 'z';
+    return s;
+}
+
+// A write through the window, what a read of that register then sees, and
+// what the chip then does with the test's pins. The pins are outside
+// pulled high unless a test says otherwise.
+struct Step {
+    int width;
+    U32 offset, value, reads;
+    const char* drives;
+};
+
+void expectSteps(ChipModel& c, std::initializer_list<U32> pins, std::initializer_list<Step> steps) {
+    for (const Step& s : steps) {
+        SCOPED_TRACE(::testing::Message() << "W" << s.width << " 0x" << std::hex << s.offset << "=0x" << s.value);
+        if (s.width == 8) c.write8(s.offset, static_cast<U8>(s.value));
+        if (s.width == 32) c.write32(s.offset, s.value);
+        EXPECT_EQ(s.width == 8 ? r8(c, s.offset) : r32(c, s.offset), s.reads);
+        EXPECT_EQ(drives(c, pins), s.drives);
+    }
+}
+
 }  // namespace
 
 TEST(SimChips, Sb820ControlByteBits) {
     Sb820Model c("theSb820Ham");
     EXPECT_EQ(r8(c, 0x1bd), 0xa0);  // input out of reset; the pull-up reads high
-    EXPECT_EQ(driveOf(c, 189), "z");
-    c.write8(0x1bd, 0x80);  // output disable cleared: drives its level bit, 0
-    EXPECT_EQ(driveOf(c, 189), "0");
-    EXPECT_EQ(r8(c, 0x1bd), 0x00);  // bit 7 reads the pin, now low
-    c.write8(0x1bd, 0x40);
-    EXPECT_EQ(driveOf(c, 189), "1");
-    c.write8(0x1bd, 0x60);  // output disabled again
-    EXPECT_EQ(driveOf(c, 189), "z");
+    EXPECT_EQ(drives(c, {189}), "z");
+    expectSteps(c, {189},
+                {{8, 0x1bd, 0x80, 0x00, "0"},  // output disable cleared: its level bit; bit 7 the pin
+                 {8, 0x1bd, 0x40, 0xc0, "1"},
+                 {8, 0x1bd, 0x60, 0xe0, "z"}});  // output disabled again
     c.externalLevelIs(61, false);
     EXPECT_EQ(r8(c, 0x13d), 0x20);
-    c.externalLevelIs(61, true);
-    EXPECT_EQ(r8(c, 0x13d), 0xa0);
 }
 
 TEST(SimChips, KabiniDrivesOnlyThroughTheGpioIomuxFunction) {
     FchGpioModel c("gpioWindow", FchLayout::kabini);
-    c.write8(0x100 + 57, 0x00);
-    EXPECT_EQ(driveOf(c, 57), "z");  // IOMUX still 0
-    c.write8(0xD00 + 57, 3);
-    EXPECT_EQ(driveOf(c, 57), "0");
-    c.write8(0x100 + 57, 0x40);
-    EXPECT_EQ(driveOf(c, 57), "1");
-    EXPECT_EQ(r8(c, 0x100 + 57), 0xc0);
-    c.write8(0x100 + 65, 0x40);
-    c.write8(0xD00 + 65, 3);
-    EXPECT_EQ(driveOf(c, 65), "z");  // pin 65's GPIO function is 1
-    c.write8(0xD00 + 65, 1);
-    EXPECT_EQ(driveOf(c, 65), "1");
-    c.write8(0x100 + 57, 0x20);
-    EXPECT_EQ(driveOf(c, 57), "z");
+    expectSteps(c, {57, 65},
+                {{8, 0x100 + 57, 0x00, 0x80, "zz"},  // IOMUX still 0
+                 {8, 0xD00 + 57, 3, 3, "0z"},
+                 {8, 0x100 + 57, 0x40, 0xc0, "1z"},
+                 {8, 0x100 + 65, 0x40, 0xc0, "1z"},
+                 {8, 0xD00 + 65, 3, 3, "1z"},  // pin 65's GPIO function is 1
+                 {8, 0xD00 + 65, 1, 1, "11"},
+                 {8, 0x100 + 57, 0x20, 0xa0, "z1"}});
 }
 
 TEST(SimChips, SteppeEagleNeedsBits23And17AndTheTableFunction) {
     FchGpioModel c("gpioWindow", FchLayout::steppeEagle, {{0x1B, 1}});
     const U32 ctl = 0x1500 + 4 * 0x1B;
-    c.write8(0xD00 + 0x1B, 1);
-    c.write32(ctl, 0x00c00000);  // enable and level, bit 17 missing
-    EXPECT_EQ(driveOf(c, 0x1B), "z");
-    c.write32(ctl, 0x00c20000);
-    EXPECT_EQ(driveOf(c, 0x1B), "1");
-    EXPECT_EQ(r32(c, ctl), 0x00c30000u);  // bit 16 reads the pin
-    c.write32(ctl, 0x00820000);
-    EXPECT_EQ(driveOf(c, 0x1B), "0");
-    EXPECT_EQ(r32(c, ctl), 0x00820000u);
-    c.write8(0xD00 + 0x1B, 2);
-    EXPECT_EQ(driveOf(c, 0x1B), "z");  // routed elsewhere
+    expectSteps(c, {0x1B},
+                {{8, 0xD00 + 0x1B, 1, 1, "z"},
+                 {32, ctl, 0x00c00000, 0x00c10000, "z"},  // enable and level, bit 17 missing
+                 {32, ctl, 0x00c20000, 0x00c30000, "1"},  // bit 16 reads the pin
+                 {32, ctl, 0x00820000, 0x00820000, "0"},
+                 {8, 0xD00 + 0x1B, 2, 2, "z"}});  // routed elsewhere
 }
 
 TEST(SimChips, OtherWideLayoutsDriveWithBit23Alone) {
     FchGpioModel c("gpioWindow", FchLayout::wide, {{131, 3}});
-    c.write32(0x1500 + 4 * 131, 0x00c00000);
-    EXPECT_EQ(driveOf(c, 131), "z");  // IOMUX 0 is not this pad's GPIO function
-    c.write8(0xD00 + 131, 3);
-    EXPECT_EQ(driveOf(c, 131), "1");
+    expectSteps(c, {131},
+                {{32, 0x1500 + 4 * 131, 0x00c00000, 0x00c10000, "z"},  // IOMUX 0: not its GPIO function
+                 {8, 0xD00 + 131, 3, 3, "1"}});
     c.externalLevelIs(132, false);
     EXPECT_EQ(r32(c, 0x1500 + 4 * 132), 0x0u);
-    c.externalLevelIs(132, true);
-    EXPECT_EQ(r32(c, 0x1500 + 4 * 132), 0x00010000u);
 }
 
 TEST(SimChips, CaveCreekUseSelectAndIoSelectPerBank) {
     CaveCreekModel c("theCaveCreekPCHIOHam", 0x580);
     EXPECT_EQ(r32(c, 0x584), 0xffffffffu);  // every pin an input out of reset
-    c.write32(0x5b4, 0xffffefff);           // GPIO 44: bank 1, bit 12 an output...
-    EXPECT_EQ(driveOf(c, 44), "z");         // ...but not yet a GPIO
-    c.write32(0x5b0, 1u << 12);
-    EXPECT_EQ(driveOf(c, 44), "0");
-    c.write32(0x5b8, 1u << 12);
-    EXPECT_EQ(driveOf(c, 44), "1");
-    c.write32(0x5c0, 1u << 1);  // bank 2 (GPIO 65) use-select, still an input
-    EXPECT_EQ(driveOf(c, 65), "z");
-    // The level register reads inputs as the outside world sets them.
+    // GPIO 44: bank 1, bit 12; GPIO 65: bank 2, bit 1. The level register
+    // reads the pins: an output its own level, the inputs high.
+    expectSteps(c, {44, 65},
+                {{32, 0x5b4, 0xffffefff, 0xffffefff, "zz"},  // an output, but not yet a GPIO
+                 {32, 0x5b0, 1u << 12, 1u << 12, "0z"},
+                 {32, 0x5b8, 1u << 12, 0xffffffff, "1z"},
+                 {32, 0x5b8, 0, 0xffffefff, "0z"},
+                 {32, 0x5c0, 1u << 1, 1u << 1, "0z"}});  // a GPIO, still an input
     c.externalLevelIs(3, false);
-    EXPECT_EQ(r32(c, 0x58c) & 0x8, 0x0u);
-    c.externalLevelIs(3, true);
-    EXPECT_EQ(r32(c, 0x58c) & 0x8, 0x8u);
-    EXPECT_EQ(r32(c, 0x5b8) & (1u << 12), 1u << 12);  // an output reads its own level
+    EXPECT_EQ(r32(c, 0x58c), 0xfffffff7u);
 }
 
 TEST(SimChips, CedarForkTxAndRxBuffers) {
     CedarForkModel c("CedarForkGpioHam");
     const U32 pad = 0xC50910, tdo = 0xC50930;
     EXPECT_EQ(c.peek(pad), 0x100u);  // TX off, RX on
-    EXPECT_EQ(driveOf(c, pad), "z");
-    c.write32(pad, 0x44000201);
-    EXPECT_EQ(driveOf(c, pad), "1");
-    EXPECT_EQ(r32(c, pad), 0x44000201u);  // RX off: RX state reads 0 though the pad is high
-    c.write32(tdo, 0x100);
-    c.externalLevelIs(tdo, true);
-    EXPECT_EQ(r32(c, tdo), 0x102u);
-    c.write32(tdo, 0x300);  // RX disabled: the input reads 0
-    EXPECT_EQ(r32(c, tdo), 0x300u);
+    expectSteps(c, {pad, tdo},
+                {{32, pad, 0x44000201, 0x44000201, "1z"},  // RX off: RX state 0 though the pad is high
+                 {32, tdo, 0x100, 0x102, "1z"},
+                 {32, tdo, 0x300, 0x300, "1z"}});  // RX disabled: the input reads 0
 }
 
 TEST(SimChips, PlxPex8600DirectionPairs) {
     PlxPex8600Model c("theJamHam");
-    c.write32(0x630, 0x2u << 10);  // GPIO 21: group 1, n 5, binary 10
-    EXPECT_EQ(driveOf(c, 21), "0");
-    c.write32(0x648, 1u << 5);
-    EXPECT_EQ(driveOf(c, 21), "1");
-    for (U32 dir : {0x1u, 0x3u}) {
-        c.write32(0x630, dir << 10);
-        EXPECT_EQ(driveOf(c, 21), "z") << dir;
-    }
+    expectSteps(c, {21},
+                {{32, 0x630, 0x2u << 10, 0x2u << 10, "0"},  // GPIO 21: group 1, n 5, binary 10
+                 {32, 0x648, 1u << 5, 1u << 5, "1"},
+                 {32, 0x630, 0x1u << 10, 0x1u << 10, "z"},
+                 {32, 0x630, 0x3u << 10, 0x3u << 10, "z"}});
     c.externalLevelIs(19, false);
-    EXPECT_EQ(r32(c, 0x640) & (1u << 3), 0u);
-    c.externalLevelIs(19, true);
-    EXPECT_EQ(r32(c, 0x640) & (1u << 3), 1u << 3);
-    EXPECT_EQ(r32(c, 0x640) & 0xffff0000u, 0u);  // only 16 pins per group
+    EXPECT_EQ(r32(c, 0x640), 0xfff7u);  // only 16 pins per group
 }
 
 TEST(SimChips, PlxPex8700DefaultAndRelocatedBlocks) {
     PlxPex8700Model c("PlxPex8700Ham", 0x63);  // block 3, bits above it set
-    c.write32(0x600, 4u << 27);                // GPIO 9 an output
-    c.write32(0x624, 1u << 9);
-    EXPECT_EQ(driveOf(c, 9), "1");
-    EXPECT_EQ(driveOf(c, PlxPex8700Model::kRelocated | 9), "z");
-    c.write32(0x604, 4);  // GPIO 10's register, whole
-    EXPECT_EQ(driveOf(c, 10), "0");
-    c.write32(0x604, 0);
-    EXPECT_EQ(driveOf(c, 10), "z");
-    // The relocated block: 3 x 0x1000 + 0xA34 ...
-    c.write32(0x3A38, 4);
-    c.write32(0x3A48, 1u << 10);
-    EXPECT_EQ(driveOf(c, PlxPex8700Model::kRelocated | 10), "1");
-    c.write32(0x63A48, 0);  // where an unmasked block number would put it: nothing
-    EXPECT_EQ(driveOf(c, PlxPex8700Model::kRelocated | 10), "1");
-    c.externalLevelIs(PlxPex8700Model::kRelocated | 6, false);
+    const U32 moved = PlxPex8700Model::kRelocated;
+    expectSteps(c, {9, moved | 9, 10, moved | 10},
+                {{32, 0x600, 4u << 27, 4u << 27, "0zzz"},  // GPIO 9 an output
+                 {32, 0x624, 1u << 9, 1u << 9, "1zzz"},
+                 {32, 0x604, 4, 4, "1z0z"},  // GPIO 10's register, whole
+                 {32, 0x604, 0, 0, "1zzz"},
+                 // The relocated block: 3 x 0x1000 + 0xA34 ...
+                 {32, 0x3A38, 4, 4, "1zz0"},
+                 {32, 0x3A48, 1u << 10, 1u << 10, "1zz1"},
+                 // where an unmasked block number would put it: nothing
+                 {32, 0x63A48, 0, 0, "1zz1"}});
+    c.externalLevelIs(moved | 6, false);
     EXPECT_EQ(r32(c, 0x3A44) & 0x7ff, 0x7ffu & ~(1u << 6));
     EXPECT_EQ(r32(c, 0x61C) & 0x7ff, 0x7ffu);  // undriven pins read high
 }
@@ -165,13 +149,10 @@ TEST(SimChips, PlxPex8700DefaultAndRelocatedBlocks) {
 TEST(SimChips, PericomBlocksAreSeparate) {
     PericomGen3Model c("PericomGen3Ham");
     const U32 second = PericomGen3Model::kSecondBlock;
-    c.write32(second + 0x31C, 0x2);  // GPIO 0 of the second block: bit 2n+1
-    EXPECT_EQ(driveOf(c, second | 0), "0");
-    EXPECT_EQ(driveOf(c, 0), "z");
-    c.write32(second + 0x330, 0x1);
-    EXPECT_EQ(driveOf(c, second | 0), "1");
-    c.write32(second + 0x31C, 0x1);  // bit 2n alone does not drive
-    EXPECT_EQ(driveOf(c, second | 0), "z");
+    expectSteps(c, {second | 0, 0},
+                {{32, second + 0x31C, 0x2, 0x2, "0z"},  // GPIO 0 of the second block: bit 2n+1
+                 {32, second + 0x330, 0x1, 0x1, "1z"},
+                 {32, second + 0x31C, 0x1, 0x1, "zz"}});  // bit 2n alone does not drive
     c.externalLevelIs(3, false);
     EXPECT_EQ(r32(c, 0x328) & 0xf, 0x7u);
     EXPECT_EQ(r32(c, second + 0x328) & 0xf, 0xfu);
@@ -180,37 +161,16 @@ TEST(SimChips, PericomBlocksAreSeparate) {
 TEST(SimChips, GbeSdpBitsAndLedDefaults) {
     IntelGbeModel c("0_3_0_jtag");
     EXPECT_EQ(c.peek(IntelGbeModel::kCtrl), 0x00100241u);
-    for (U32 sdp = 0; sdp < 4; ++sdp) EXPECT_EQ(driveOf(c, sdp), "z");
-    c.write32(IntelGbeModel::kCtrl, 0x00100241 | 1u << 22 | 1u << 18);  // SDP0 out, high
-    EXPECT_EQ(driveOf(c, 0), "1");
-    c.write32(IntelGbeModel::kCtrlExt, 1u << 10);  // SDP2 out, low
-    EXPECT_EQ(driveOf(c, 2), "0");
+    EXPECT_EQ(drives(c, {0, 1, 2, 3}), "zzzz");
+    // SDP0 out high, SDP1 an input pulled up; SDP2 out low, SDP3 an input.
+    expectSteps(c, {0, 1, 2, 3},
+                {{32, IntelGbeModel::kCtrl, 0x00500241 | 1u << 18, 0x005c0241, "1zzz"},
+                 {32, IntelGbeModel::kCtrlExt, 1u << 10, 1u << 10 | 1u << 7, "1z0z"}});
     c.externalLevelIs(3, false);
     EXPECT_EQ(r32(c, IntelGbeModel::kCtrlExt), 1u << 10);
-    c.externalLevelIs(3, true);
-    EXPECT_EQ(r32(c, IntelGbeModel::kCtrlExt), 1u << 10 | 1u << 7);
-    EXPECT_EQ(r32(c, IntelGbeModel::kCtrl) & (1u << 19), 1u << 19);  // SDP1 an input, pulled up
     // LED control as the NVM defaults set it: LED0 2, LED1 3, LED2 0xe.
-    EXPECT_EQ(c.ledMode(0), 2u);
-    EXPECT_EQ(c.ledMode(1), 3u);
-    EXPECT_EQ(c.ledMode(2), 0xeu);
-    EXPECT_FALSE(c.ledBlinks(2));
-    c.write32(IntelGbeModel::kLedCtl, 0x00810302);
-    EXPECT_EQ(c.ledMode(2), 1u);
-    EXPECT_TRUE(c.ledBlinks(2));
+    EXPECT_EQ(c.peek(IntelGbeModel::kLedCtl), 0x000e0302u);
     U16 word;
     c.read16(0x2003E, &word);
     EXPECT_EQ(word, 0x0e02);
-}
-
-TEST(SimChips, AccessesAreReportedWithWhatTheyReplaced) {
-    Sb820Model c("theSb820Ham");
-    std::vector<std::string> log;
-    c.onAccess = [&](const ChipModel::Access& a) {
-        log.push_back(std::string(1, a.op) + std::to_string(a.width) + " " + std::to_string(a.offset) + " " +
-                      std::to_string(a.before) + "->" + std::to_string(a.value));
-    };
-    r8(c, 0x100);
-    c.write8(0x100, 0x40);
-    EXPECT_EQ(log, (std::vector<std::string>{"R8 256 160->160", "W8 256 160->64"}));
 }
