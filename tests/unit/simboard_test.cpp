@@ -1,7 +1,6 @@
 // The simulated board installed in this process: which model stands
 // behind each window, what the OS hooks answer, how the chain hangs on the
 // wired pins, and what --show-writes prints.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -13,17 +12,15 @@
 #include "sim/Board.h"
 
 using namespace sim;
-using ::testing::HasSubstr;
 
 namespace {
 
-Ptr<HamImpl> window(const char* name, HamType type, U32 base, U32 size, const char* file) {
-    return Ptr<Ham>(new Ham(name, type, nullptr, base, size, file))->hamImpl();
+Ptr<HamImpl> window(const char* name, const char* file, U32 base = 0, U32 size = 0,
+                    HamType type = HamType::mappedFile) {
+    return Ham::provided({name, type, base, size, file});
 }
-
-Ptr<HamImpl> sb820() {
-    return window("theSb820Ham", HamType::mappedFile, 0, 0, "/sys/bus/pci/devices/0000:00:14.0/resource5");
-}
+Ptr<HamImpl> sb820() { return window("theSb820Ham", "/sys/bus/pci/devices/0000:00:14.0/resource5"); }
+Ptr<HamImpl> fch() { return window("gpioWindow", "/dev/mem", 0xFED80000, 0x2000); }
 
 BoardConfig boardFor(const char* device, const char* platform = "") {
     BoardConfig c;
@@ -39,44 +36,17 @@ void sb820Cycle(HamImpl& w, bool tms) {
     w.write8(0x1bd, 0x00);
 }
 
-void sb820Outputs(HamImpl& w, U8 gpio60) {
-    for (U32 off : {0x1bdu, 0x1abu, 0x131u, 0x129u, 0x132u}) w.write8(off, 0x00);
-    w.write8(0x13c, gpio60);
-}
-
 }  // namespace
 
-TEST(SimBoard, EveryWindowGetsAModelNeverTheRealThing) {
+TEST(SimBoard, WindowsAreModelsUnknownOnesPlainMemory) {
     Board board(boardFor("fodak"));
     board.install();
-    EXPECT_TRUE(dynamic_cast<Sb820Model*>(sb820().ptr()));
-    EXPECT_TRUE(dynamic_cast<PlxPex8600Model*>(
-        window("theJamHam", HamType::mappedFile, 0, 0, "/sys/bus/pci/devices/0000:03:00.0/resource0").ptr()));
-    EXPECT_TRUE(dynamic_cast<PlxPex8700Model*>(
-        window("PlxPex8700Ham", HamType::mappedFile, 0, 0, "/sys/bus/pci/devices/0000:03:00.0/resource0").ptr()));
-    EXPECT_TRUE(dynamic_cast<PericomGen3Model*>(
-        window("PericomGen3Ham", HamType::mappedFile, 0, 0, "/sys/bus/pci/devices/0000:03:00.0/resource0").ptr()));
-    EXPECT_TRUE(dynamic_cast<CedarForkModel*>(
-        window("CedarForkGpioHam", HamType::mappedFile, 0xfd000000, 0xc60000, "/dev/mem").ptr()));
-    EXPECT_TRUE(dynamic_cast<CaveCreekModel*>(window("theCaveCreekPCHIOHam", HamType::ioPort, 0, 0, "").ptr()));
-    Ptr<HamImpl> gbe =
-        Ptr<Ham>(new PciHam("0_3_0_jtag", 0, 0x100000, "resource0", "", "", {0, 3, 0, 0}, 0, true))->hamImpl();
-    EXPECT_TRUE(dynamic_cast<IntelGbeModel*>(gbe.ptr()));
-    HamDesc fch;
-    fch.name = "gpioWindow";
-    fch.base = 0xFED80000;
-    fch.size = 0x2000;
-    fch.fileName = "/dev/mem";
-    auto* model = dynamic_cast<FchGpioModel*>(Ham::provided(fch).ptr());
-    ASSERT_TRUE(model);
-    EXPECT_EQ(model->layout(), FchLayout::steppeEagle);  // the default processor
-    // The same window twice is the same chip.
-    EXPECT_EQ(Ham::provided(fch).ptr(), model);
-
+    EXPECT_EQ(fch().ptr(), fch().ptr());  // the same window twice is the same chip
+    EXPECT_EQ(dynamic_cast<FchGpioModel&>(*fch()).layout(), FchLayout::steppeEagle);  // the default processor
     // Unknown windows, I/O ports among them, get plain memory and a warning.
     ::testing::internal::CaptureStderr();
-    Ptr<HamImpl> odd = window("oddHam", HamType::ioPort, 0, 0, "");
-    Ptr<HamImpl> odd2 = window("theSb820Ham2", HamType::mappedFile, 0, 0x1000, "/dev/mem");
+    Ptr<HamImpl> odd = window("oddHam", "", 0, 0, HamType::ioPort);
+    window("theSb820Ham2", "/dev/mem", 0, 0x1000);
     EXPECT_EQ(::testing::internal::GetCapturedStderr(),
               "kelvorn-sim: no model for window oddHam (I/O ports), plain memory behind it\n"
               "kelvorn-sim: no model for window theSb820Ham2 (/dev/mem), plain memory behind it\n");
@@ -95,7 +65,6 @@ TEST(SimBoard, OsHooksAnswerForTheBoard) {
         Board board(c);
         board.install();
         EXPECT_EQ(Os::system("fgrep -q 'platform=gozip' /proc/cmdline"), 0);
-        EXPECT_EQ(Os::system("/bin/grep -qE \"platform=(gozip|bupul)\" /proc/cmdline"), 0);
         EXPECT_EQ(Os::system("fgrep -q 'platform=lubug' /proc/cmdline") >> 8, 1);
         EXPECT_EQ(Os::cpuid(0).eax, 0xDu);
         EXPECT_EQ(Os::cpuid(1).eax, 0x00a40f40u);  // base family 0xF + 0xA, model 4 + 0x40
@@ -110,14 +79,7 @@ TEST(SimBoard, OsHooksAnswerForTheBoard) {
         EXPECT_EQ(Os::usleep(1000000), 0);
         EXPECT_EQ(Os::sleep(10), 0u);  // the hold: none by default
 
-        // Configuration space of every function: the Cave Creek GPIO base at 0x48.
-        FILE* f = Os::fopen("/sys/bus/pci/devices/0000:00:1f.0/config", "rb");
-        ASSERT_TRUE(f);
-        U32 reg = 0;
-        std::fseek(f, 0x48, SEEK_SET);
-        EXPECT_EQ(std::fread(&reg, 4, 1, f), 1u);
-        std::fclose(f);
-        EXPECT_EQ(reg, kCaveCreekGpioBaseRegister);
+        // Configuration space reads only (the Cave Creek scans read it); nothing else opens.
         ::testing::internal::CaptureStderr();
         EXPECT_EQ(Os::fopen("/sys/bus/pci/devices/0000:00:1f.0/config", "r+"), nullptr);
         EXPECT_EQ(Os::fopen("/etc/passwd", "r"), nullptr);
@@ -127,25 +89,12 @@ TEST(SimBoard, OsHooksAnswerForTheBoard) {
         int fd = Os::creat("/var/lock/0_0_20_jtag", 0400);
         ASSERT_GE(fd, 0);
         char path[256] = {};
-        std::string link = "/proc/self/fd/" + std::to_string(fd);
-        ASSERT_GT(::readlink(link.c_str(), path, sizeof path - 1), 0);
+        ASSERT_GT(::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path - 1), 0);
         ::close(fd);
         lockFile = path;
-        EXPECT_EQ(lockFile.find("/var/lock"), std::string::npos);
-        EXPECT_THAT(lockFile, HasSubstr("/kelvorn-sim-"));
+        EXPECT_EQ(lockFile.find("/var/lock"), std::string::npos) << lockFile;
     }
     EXPECT_NE(::access(lockFile.c_str(), F_OK), 0);
-}
-
-TEST(SimBoard, IntelStyleFamiliesUseTheBaseFieldAndNoPlatformMeansNoWord) {
-    BoardConfig c = boardFor("");
-    c.family = 6;
-    c.model = 0x55;
-    Board board(c);
-    board.install();
-    EXPECT_EQ(Os::cpuid(1).eax, 0x00050650u);
-    EXPECT_EQ(board.cmdline().find("platform="), std::string::npos);
-    EXPECT_NE(Os::system("/bin/grep -qE \"platform=(gozip|bupul)\" /proc/cmdline"), 0);
 }
 
 TEST(SimBoard, TheChainHangsOnTheWiredPinsBehindTheMux) {
@@ -153,13 +102,18 @@ TEST(SimBoard, TheChainHangsOnTheWiredPinsBehindTheMux) {
     board.install();
     Ptr<HamImpl> w = sb820();
     ASSERT_TRUE(board.wiredChip());
-    sb820Outputs(*w, 0x00);  // GPIO 60 low: the multiplexer selects another device
+    // Every wired pin an output, low; GPIO 60 low: the multiplexer selects another device.
+    for (U32 off : {0x1bdu, 0x1abu, 0x131u, 0x129u, 0x132u, 0x13cu}) w->write8(off, 0x00);
     sb820Cycle(*w, false);
     EXPECT_EQ(board.chain().state(), jtag::TapState::TestLogicReset);
     U8 tdo;
     w->read8(0x13d, &tdo);
     EXPECT_EQ(tdo & 0x80, 0x80);  // nothing drives TDO: the pull-up
     w->write8(0x13c, 0x40);
+    w->write8(0x131, 0x20);  // TMS not driven: pulled high
+    w->write8(0x1bd, 0x40);
+    w->write8(0x1bd, 0x00);
+    EXPECT_EQ(board.chain().state(), jtag::TapState::TestLogicReset);
     sb820Cycle(*w, false);
     EXPECT_EQ(board.chain().state(), jtag::TapState::RunTestIdle);
     for (bool tms : {true, false, false}) sb820Cycle(*w, tms);  // Shift-DR: TDO shows IDCODE bit 0, then bit 1
@@ -175,44 +129,6 @@ TEST(SimBoard, TheChainHangsOnTheWiredPinsBehindTheMux) {
     EXPECT_EQ(board.chain().state(), jtag::TapState::ShiftDr);
 }
 
-TEST(SimBoard, SocWiringFollowsTheProcessorsPads) {
-    BoardConfig c = boardFor("fodak", "gozip");
-    HamDesc fch;
-    fch.name = "gpioWindow";
-    fch.size = 0x2000;
-    fch.base = 0xFED80000;
-    fch.fileName = "/dev/mem";
-    {
-        Board board(c);  // Steppe Eagle: TCK (GPIO 168) is pad 0x1B, IOMUX function 1
-        board.install();
-        Ptr<HamImpl> w = Ham::provided(fch);
-        for (U32 pad : {0x5Cu, 0x59u, 0x41u}) w->write32(0x1500 + 4 * pad, 0x00820000);  // mux pins out, low
-        w->write32(0x1500 + 4 * 0x5C, 0x00c20000);                                       // GPIO 60 high
-        w->write8(0xD00 + 0x5C, 3);
-        w->write8(0xD00 + 0x59, 0);
-        w->write8(0xD00 + 0x41, 2);
-        const U32 tck = 0x1500 + 4 * 0x1B, tms = 0x1500 + 4 * 0x40;
-        w->write8(0xD00 + 0x1B, 1);
-        w->write32(tck, 0x00820000);
-        w->write32(tck, 0x00c20000);
-        EXPECT_EQ(board.chain().state(), jtag::TapState::TestLogicReset);  // TMS not driven: pulled high
-        w->write8(0xD00 + 0x40, 2);
-        w->write32(tms, 0x00820000);
-        w->write32(tck, 0x00820000);
-        w->write32(tck, 0x00c20000);
-        EXPECT_EQ(board.chain().state(), jtag::TapState::RunTestIdle);
-    }
-    c.family = 0x19;
-    c.model = 0x44;
-    Board board(c);
-    board.install();
-    ::testing::internal::CaptureStderr();
-    Ham::provided(fch);
-    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
-              "kelvorn-sim: fodak is not wired to this processor's GPIO pads\n");
-    EXPECT_EQ(board.wiredChip(), nullptr);
-}
-
 TEST(SimBoard, ShowWritesPrintsEachWriteWithThePinsItMoved) {
     BoardConfig c = boardFor("fodak", "mosavo");
     c.showWrites = true;
@@ -220,9 +136,7 @@ TEST(SimBoard, ShowWritesPrintsEachWriteWithThePinsItMoved) {
     board.install();
     Ptr<HamImpl> w = sb820();
     ::testing::internal::CaptureStderr();
-    w->write8(0x1bd, 0x00);
-    w->write8(0x131, 0x00);
-    for (U32 off : {0x1abu, 0x129u, 0x132u}) w->write8(off, 0x00);
+    for (U32 off : {0x1bdu, 0x131u, 0x1abu, 0x129u, 0x132u}) w->write8(off, 0x00);
     w->write8(0x13c, 0x40);
     w->write8(0x1bd, 0x40);
     U8 ignored;
@@ -235,18 +149,4 @@ TEST(SimBoard, ShowWritesPrintsEachWriteWithThePinsItMoved) {
               "sim: theSb820Ham W8 0x132: 0xa0 -> 0x00  GPIO50 z->0\n"
               "sim: theSb820Ham W8 0x13c: 0xa0 -> 0x40  GPIO60 z->1\n"
               "sim: theSb820Ham W8 0x1bd: 0x00 -> 0x40  TCK 0->1  TAP Test-Logic-Reset->Run-Test/Idle\n");
-}
-
-TEST(SimBoard, RewireChangesTheWiringBeforeTheChainHangsOnIt) {
-    BoardConfig c = boardFor("fodak", "mosavo");
-    c.rewire = [](Wiring& w) { std::swap(w.tck, w.tms); };
-    Board board(c);
-    board.install();
-    Ptr<HamImpl> w = sb820();
-    sb820Outputs(*w, 0x40);
-    w->write8(0x1bd, 0x40);  // the backend's TCK now reaches TMS: no edge
-    EXPECT_EQ(board.chain().state(), jtag::TapState::TestLogicReset);
-    w->write8(0x131, 0x40);  // and its TMS clocks, with TMS (its TCK) high
-    w->write8(0x131, 0x00);
-    EXPECT_EQ(board.chain().state(), jtag::TapState::TestLogicReset);
 }
