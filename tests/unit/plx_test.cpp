@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <set>
-#include <sstream>
 
 #include "TestSupport.h"
 #include "xilinx/XilTrace.h"
@@ -18,46 +17,37 @@ namespace {
 
 const char* const kBar0 = "/sys/bus/pci/devices/0000:03:00.0/resource0";
 
-// Trace lines without the file and line: "Xilinx/3 tckIs: tckIs true".
-std::vector<std::string> traceLines(const std::string& err) {
-    std::vector<std::string> lines;
-    std::istringstream in(err);
-    for (std::string line; std::getline(in, line);) {
-        size_t from = line.find(' '), to = line.find(' ', from + 1);
-        lines.push_back(line.erase(from, to - from));
-    }
-    return lines;
-}
+class Plx : public ::testing::Test {
+  protected:
+    PlxPex8600Intf* pex8600() { return new PlxPex8600Intf(0, 0, 0, 3, 0, 0, "0_3_0_jtag"); }
+    PlxPex8700Intf* pex8700() { return new PlxPex8700Intf(0, 0, 0, 3, 0, 0, "0_3_0_jtag"); }
 
-std::string access(char op, U32 offset, U32 value) {
-    char buf[48];
-    std::snprintf(buf, sizeof buf, "%c32 0x%x=0x%x", op, offset, value);
-    return buf;
-}
-
-// Makes nine TCK edges from high, TCK's bit being low in the output-data
-// register `reg`, and returns the accesses they should make: calls 1 and 9
-// read, 2 to 8 write the cached value alone. Before call 9 another bit of
-// the register changes, which only a read picks up.
-std::vector<std::string> nineTcks(XilIntf* intf, FakeHamImpl& bar, U32 reg, U32 tckBit) {
-    U32 others = bar.peek(reg);
-    std::vector<std::string> expected;
-    for (int call = 1; call <= 9; ++call) {
-        bool high = call % 2;
-        if (call == 9) bar.poke(reg, others |= 0x1);
-        if (call == 1 || call == 9) expected.push_back(access('R', reg, others));
-        expected.push_back(access('W', reg, others | (high ? tckBit : 0)));
-        intf->tckIs(high);
+    // Makes nine TCK edges from high, TCK's bit being low in the output-data
+    // register `reg`, and adds the accesses they should make to `expected`:
+    // calls 1 and 9 read, 2 to 8 write the cached value alone. Before call 9
+    // another bit of the register changes, which only a read picks up.
+    void nineTcks(XilIntf* intf, U32 reg, U32 tckBit, Accesses& expected) {
+        U32 others = bar.peek(reg);
+        for (int call = 1; call <= 9; ++call) {
+            bool high = call % 2;
+            if (call == 9) bar.poke(reg, others |= 0x1);
+            if (call == 1 || call == 9) expected.read(reg, others);
+            expected.write(reg, others | (high ? tckBit : 0));
+            intf->tckIs(high);
+        }
     }
-    return expected;
-}
+
+    FakeBoard board;
+    FakeHamImpl& bar = board.hams[kBar0];
+};
+using PlxPex8600 = Plx;
+using PlxPex8700 = Plx;
 
 }  // namespace
 
 // ---- PEX 8600 ----
 
-TEST(PlxPex8600, FactoryNamesLockAndWindow) {
-    FakeBoard board;
+TEST_F(PlxPex8600, FactoryNamesLockAndWindow) {
     PlxPex8600Factory f;
     for (const char* n : {"rotanMotub", "rotanSeret", "rotanGuzik", "dimabuGen4Scd", "selek", "dimabuGen4LineScd",
                           "lomipuScd", "mubarUplinkScd", "vopot"})
@@ -69,36 +59,28 @@ TEST(PlxPex8600, FactoryNamesLockAndWindow) {
     XilIntf_testModeIs(0);
     EXPECT_THAT(board.events, ElementsAre("lock /var/lock/0_3_0_jtag",
                                           "window theJamHam /sys/bus/pci/devices/0000:03:00.1/resource0",
-                                          "lock /tmp/xilinxTestLockFile", "window theJamHam /tmp/xilinxTestMemMapFile"));
+                                          "lock /tmp/xilinxTestLockFile",
+                                          "window theJamHam /tmp/xilinxTestMemMapFile"));
     EXPECT_NE(dynamic_cast<PlxPex8600Intf*>(XilIntf_bySystem("vopot", 0, 0, 0, 4, 0, 0)), nullptr);
 }
 
 // TCK (GPIO 15) in group 0, the held-low pin (GPIO 16) in group 1.
-TEST(PlxPex8600, SelectCleanupAndCachedTckAcrossGroups) {
-    FakeBoard board;
-    FakeHamImpl& bar = board.hams[kBar0];
+TEST_F(PlxPex8600, SelectCleanupAndCachedTckAcrossGroups) {
     bar.poke(0x62C, 0x55555555);
-    bar.poke(0x630, 0xffffffff);
-    bar.poke(0x644, 0xffffffff);
-    bar.poke(0x648, 0xffffffff);
-    XilIntf* intf = new PlxPex8600Intf(0, 0, 0, 3, 0, 0, "0_3_0_jtag");
+    for (U32 reg : {0x630, 0x644, 0x648}) bar.poke(reg, 0xffffffff);
+    XilIntf* intf = pex8600();
     intf->select("rotanSeret");
-    EXPECT_THAT(bar.log(), ElementsAre("R32 0x62c=0x55555555", "W32 0x62c=0x95555555",  // 15: bits 31..30 = 10
-                                       "R32 0x62c=0x95555555", "W32 0x62c=0x96555555",  // 12
-                                       "R32 0x62c=0x96555555", "W32 0x62c=0xa6555555",  // 14
-                                       "R32 0x62c=0xa6555555", "W32 0x62c=0xa2555555",  // 13: input
-                                       "R32 0x630=0xffffffff", "W32 0x630=0xfffffffe",  // 16
-                                       "R32 0x644=0xffffffff", "W32 0x644=0xffff7fff",  // TCK low
-                                       "R32 0x644=0xffff7fff", "W32 0x644=0xffff6fff",  // TDI low
-                                       "R32 0x644=0xffff6fff", "W32 0x644=0xffff2fff",  // TMS low
-                                       "R32 0x648=0xffffffff", "W32 0x648=0xfffffffe"));  // held low
+    Accesses expected;  // 15, 12, 14 outputs (bits 2n+1..2n = 10), 13 an input; 16 an output
+    expected.rmw(0x62c, {0x55555555, 0x95555555, 0x96555555, 0xa6555555, 0xa2555555}).rmw(0x630, {~0u, 0xfffffffe});
+    // TCK, TDI, TMS low; 16 held low
+    expected.rmw(0x644, {~0u, 0xffff7fff, 0xffff6fff, 0xffff2fff}).rmw(0x648, {~0u, 0xfffffffe});
+    EXPECT_THAT(bar.log(), ElementsAreArray(expected));
     bar.poke(0x644, 0);
     bar.clearLog();
     intf->tdiIs(true);
     intf->tmsIs(true);
-    EXPECT_THAT(bar.log(), ElementsAre("R32 0x644=0x0", "W32 0x644=0x1000", "R32 0x644=0x1000", "W32 0x644=0x5000"));
-    bar.clearLog();
-    std::vector<std::string> expected = nineTcks(intf, bar, 0x644, 0x8000);
+    expected = Accesses().rmw(0x644, {0x0, 0x1000, 0x5000});
+    nineTcks(intf, 0x644, 0x8000, expected);
     EXPECT_THAT(bar.log(), ElementsAreArray(expected));
 
     bar.clearLog();
@@ -110,50 +92,46 @@ TEST(PlxPex8600, SelectCleanupAndCachedTckAcrossGroups) {
                             "Xilinx/1 setInput: setInput 14", "Xilinx/1 setInput: setInput 16",
                             "Xilinx/5 cleanup: jtag totals: tdo 0 tdi 1 tms 1 tck 9"));
     // Only direction bits go back to input; TDO (bits 27..26) and the output data stay.
-    EXPECT_THAT(bar.log(), ElementsAre("R32 0x62c=0xa2555555", "W32 0x62c=0x22555555", "R32 0x62c=0x22555555",
-                                       "W32 0x62c=0x20555555", "R32 0x62c=0x20555555", "W32 0x62c=0x555555",
-                                       "R32 0x630=0xfffffffe", "W32 0x630=0xfffffffc"));
+    EXPECT_THAT(bar.log(), ElementsAreArray(Accesses()
+                                                .rmw(0x62c, {0xa2555555, 0x22555555, 0x20555555, 0x555555})
+                                                .rmw(0x630, {0xfffffffe, 0xfffffffc})));
 }
 
 // All four JTAG GPIOs (18 to 21) in group 1.
-TEST(PlxPex8600, SecondGroupOnlyAndTdo) {
-    FakeBoard board;
-    FakeHamImpl& bar = board.hams[kBar0];
+TEST_F(PlxPex8600, SecondGroupOnlyAndTdo) {
     bar.poke(0x630, 0xc0);
     bar.poke(0x648, 0xff);
     bar.poke(0x640, 0x8);
-    XilIntf* intf = new PlxPex8600Intf(0, 0, 0, 3, 0, 0, "0_3_0_jtag");
+    XilIntf* intf = pex8600();
     intf->select("rotanMotub");
     EXPECT_TRUE(intf->tdo());
     bar.poke(0x640, ~0x8u);
     EXPECT_FALSE(intf->tdo());
     intf->tckIs(true);
     intf->tckIs(false);
-    EXPECT_THAT(bar.log(), ElementsAre("R32 0x630=0xc0", "W32 0x630=0x8c0", "R32 0x630=0x8c0", "W32 0x630=0x8e0",
-                                       "R32 0x630=0x8e0", "W32 0x630=0xae0", "R32 0x630=0xae0", "W32 0x630=0xa20",
-                                       "R32 0x648=0xff", "W32 0x648=0xdf", "R32 0x648=0xdf", "W32 0x648=0xdb",
-                                       "R32 0x648=0xdb", "W32 0x648=0xcb", "R32 0x640=0x8", "R32 0x640=0xfffffff7",
-                                       "R32 0x648=0xcb", "W32 0x648=0xeb", "W32 0x648=0xcb"));
+    Accesses expected;  // 21, 18, 20 outputs, 19 an input; TCK, TDI, TMS low; two tdo reads; TCK high, low
+    expected.rmw(0x630, {0xc0, 0x8c0, 0x8e0, 0xae0, 0xa20}).rmw(0x648, {0xff, 0xdf, 0xdb, 0xcb});
+    expected.read(0x640, 0x8).read(0x640, 0xfffffff7).rmw(0x648, {0xcb, 0xeb}).write(0x648, 0xcb);
+    EXPECT_THAT(bar.log(), ElementsAreArray(expected));
 }
 
-TEST(PlxPex8600, NoHeldLowPinForLomipuAndMubarUplink) {
+TEST_F(PlxPex8600, NoHeldLowPinForLomipuAndMubarUplink) {
+    XilIntf* intf = pex8600();
     for (const char* name : {"lomipuScd", "mubarUplinkScd"}) {
-        FakeBoard board;
-        XilIntf* intf = new PlxPex8600Intf(0, 0, 0, 3, 0, 0, "0_3_0_jtag");
         intf->select(name);
         intf->cleanup(name);
         std::set<U32> touched;
-        for (const auto& a : board.hams[kBar0].accesses()) touched.insert(a.offset);
+        for (const auto& a : bar.accesses()) touched.insert(a.offset);
         EXPECT_THAT(touched, ElementsAre(0x62Cu, 0x644u)) << name;  // nothing in group 1
-        EXPECT_EQ(board.hams[kBar0].accesses().size(), 4 * 2 + 3 * 2 + 3 * 2u) << name;
+        EXPECT_EQ(bar.accesses().size(), 4 * 2 + 3 * 2 + 3 * 2u) << name;
+        bar.clearLog();
     }
 }
 
 // Pins that are not connected (255, as before select assigns any) are
 // counted and traced but reach no register.
-TEST(PlxPex8600, UnconnectedPinsCountAndTraceOnly) {
-    FakeBoard board;
-    XilIntf* intf = new PlxPex8600Intf(0, 0, 0, 3, 0, 0, "0_3_0_jtag");
+TEST_F(PlxPex8600, UnconnectedPinsCountAndTraceOnly) {
+    XilIntf* intf = pex8600();
     TraceLevels levels(0x2f);
     ::testing::internal::CaptureStderr();
     intf->tdiIs(true);
@@ -166,86 +144,72 @@ TEST(PlxPex8600, UnconnectedPinsCountAndTraceOnly) {
                 ElementsAre("Xilinx/1 tdiIs: tdiIs true", "Xilinx/2 tmsIs: tmsIs false", "Xilinx/3 tckIs: tckIs true",
                             "Xilinx/0 tdo: tdo false", "Xilinx/0 tdo: tdo false",
                             "Xilinx/5 cleanup: jtag totals: tdo 2 tdi 1 tms 1 tck 1"));
-    EXPECT_TRUE(board.hams[kBar0].log().empty());
+    EXPECT_TRUE(bar.log().empty());
 }
 
-TEST(PlxPex8600DeathTest, UnknownDevice) {
-    FakeBoard board;
-    XilIntf* intf = new PlxPex8600Intf(0, 0, 0, 3, 0, 0, "0_3_0_jtag");
-    EXPECT_EXIT(intf->select("tilegScd"), ::testing::ExitedWithCode(1), "^Unknown device: tilegScd\n$");
+TEST_F(PlxPex8600, UnknownDevice) {
+    EXPECT_EXIT(pex8600()->select("tilegScd"), ::testing::ExitedWithCode(1), "^Unknown device: tilegScd\n$");
 }
 
 // ---- PEX 8700 ----
 
-TEST(PlxPex8700, FactoryNamesAndWindowWithoutTestMode) {
-    FakeBoard board;
+TEST_F(PlxPex8700, FactoryNamesAndWindowWithoutTestMode) {
     PlxPex8700Factory f;
     for (const char* n : {"gemufScd", "lomifScd", "tilegScd", "nipigScd", "nipig2Scd", "vebekScd", "bakonScd",
                           "gurideScd", "zegomoScd", "memivScd", "mofidiPlusLcScd", "mubarplusUplinkScd"})
         EXPECT_TRUE(f.manages(n)) << n;
     for (const char* n : {"GemufScd", "vopot", "mubarUplinkScd", ""}) EXPECT_FALSE(f.manages(n)) << n;
     XilIntf_testModeIs(1);
-    XilIntf* intf = f.newXilIntf(0, 0, 0, 3, 0, 0);
+    f.newXilIntf(0, 0, 0, 3, 0, 0);
     XilIntf_testModeIs(0);
-    EXPECT_THAT(board.events, ElementsAre("lock /tmp/xilinxTestLockFile", std::string("window PlxPex8700Ham ") + kBar0));
-    EXPECT_NE(dynamic_cast<PlxPex8700Intf*>(intf), nullptr);
+    EXPECT_THAT(board.events,
+                ElementsAre("lock /tmp/xilinxTestLockFile", std::string("window PlxPex8700Ham ") + kBar0));
     EXPECT_NE(dynamic_cast<PlxPex8700Intf*>(XilIntf_bySystem("gurideScd", 0, 0, 0, 4, 0, 0)), nullptr);
 }
 
 // GPIO 10 is the held-high pin: its direction register is written whole.
-TEST(PlxPex8700, HeldHighOnGpio10SelectTckCacheAndCleanup) {
-    FakeBoard board;
-    FakeHamImpl& bar = board.hams[kBar0];
+TEST_F(PlxPex8700, HeldHighOnGpio10SelectTckCacheAndCleanup) {
     bar.poke(0x600, 0x001c0007);  // GPIO 6 (TDO) and GPIO 0 fields set
     bar.poke(0x604, 0xfff0);
     bar.poke(0x624, 0x3);
-    XilIntf* intf = new PlxPex8700Intf(0, 0, 0, 3, 0, 0, "0_3_0_jtag");
+    XilIntf* intf = pex8700();
     intf->select("tilegScd");
-    EXPECT_THAT(bar.log(), ElementsAre("R32 0x600=0x1c0007", "W32 0x600=0x201c0007",  // TCK 9: bits 29..27 = 100
-                                       "R32 0x600=0x201c0007", "W32 0x600=0x209c0007",  // TDI 7
-                                       "R32 0x600=0x209c0007", "W32 0x600=0x249c0007",  // TMS 8
-                                       "R32 0x600=0x249c0007", "W32 0x600=0x24800007",  // TDO 6: input
-                                       "W32 0x604=0x4",                                 // GPIO 10 output
-                                       "R32 0x624=0x3", "W32 0x624=0x403"));            // and high
+    Accesses expected;  // TCK 9, TDI 7, TMS 8 outputs (bits 3p+2..3p = 100), TDO 6 an input; 10 output, high
+    expected.rmw(0x600, {0x1c0007, 0x201c0007, 0x209c0007, 0x249c0007, 0x24800007});
+    expected.write(0x604, 0x4).rmw(0x624, {0x3, 0x403});
+    EXPECT_THAT(bar.log(), ElementsAreArray(expected));
     bar.clearLog();
     intf->tdiIs(true);
     intf->tmsIs(true);
-    EXPECT_THAT(bar.log(), ElementsAre("R32 0x624=0x403", "W32 0x624=0x483", "R32 0x624=0x483", "W32 0x624=0x583"));
-    bar.clearLog();
-    std::vector<std::string> expected = nineTcks(intf, bar, 0x624, 0x200);
+    expected = Accesses().rmw(0x624, {0x403, 0x483, 0x583});
+    nineTcks(intf, 0x624, 0x200, expected);
     EXPECT_THAT(bar.log(), ElementsAreArray(expected));
     bar.clearLog();
     intf->cleanup("tilegScd");
-    EXPECT_THAT(bar.log(), ElementsAre("R32 0x600=0x24800007", "W32 0x600=0x4800007", "R32 0x600=0x4800007",
-                                       "W32 0x600=0x4000007", "R32 0x600=0x4000007", "W32 0x600=0x7",
-                                       "W32 0x604=0x0"));
+    EXPECT_THAT(bar.log(), ElementsAreArray(Accesses()
+                                                .rmw(0x600, {0x24800007, 0x4800007, 0x4000007, 0x7})
+                                                .write(0x604, 0x0)));
 }
 
 // The held-low pin (GPIO 2) comes first and stays an output driven low.
-TEST(PlxPex8700, HeldLowPinOutlivesCleanup) {
-    FakeBoard board;
-    FakeHamImpl& bar = board.hams[kBar0];
+TEST_F(PlxPex8700, HeldLowPinOutlivesCleanup) {
     bar.poke(0x624, 0xffff);
-    XilIntf* intf = new PlxPex8700Intf(0, 0, 0, 3, 0, 0, "0_3_0_jtag");
+    XilIntf* intf = pex8700();
     intf->select("gemufScd");
-    EXPECT_THAT(bar.log(), ElementsAre("R32 0x600=0x0", "W32 0x600=0x100", "R32 0x624=0xffff", "W32 0x624=0xfffb",
-                                       "R32 0x600=0x100", "W32 0x600=0x800100",   // TCK 7
-                                       "W32 0x604=0x4",                           // TDI 10
-                                       "R32 0x600=0x800100", "W32 0x600=0x4800100",  // TMS 8
-                                       "R32 0x600=0x4800100", "W32 0x600=0x4800100",  // TDO 9
-                                       "R32 0x600=0x4800100", "W32 0x600=0x4900100",  // held high 6
-                                       "R32 0x624=0xfffb", "W32 0x624=0xfffb"));
+    Accesses expected;  // held low 2: output, low; TCK 7 output; TDI 10 output, its register written whole
+    expected.rmw(0x600, {0x0, 0x100}).rmw(0x624, {0xffff, 0xfffb}).rmw(0x600, {0x100, 0x800100}).write(0x604, 0x4);
+    // TMS 8 output, TDO 9 input, held high 6 output, high
+    expected.rmw(0x600, {0x800100, 0x4800100, 0x4800100, 0x4900100}).rmw(0x624, {0xfffb, 0xfffb});
+    EXPECT_THAT(bar.log(), ElementsAreArray(expected));
     intf->cleanup("gemufScd");
     EXPECT_EQ(bar.peek(0x600), 0x100u);  // GPIO 2 output (bits 8..6 = 100); 6, 7, 8 and 9 inputs
     EXPECT_EQ(bar.peek(0x604), 0x0u);
     EXPECT_EQ(bar.peek(0x624), 0xfffbu);  // GPIO 2 still low
 }
 
-TEST(PlxPex8700, TdoOnGpio10AndUnconnectedPins) {
-    FakeBoard board;
-    FakeHamImpl& bar = board.hams[kBar0];
+TEST_F(PlxPex8700, TdoOnGpio10AndUnconnectedPins) {
     bar.poke(0x604, 0x4);
-    XilIntf* intf = new PlxPex8700Intf(0, 0, 0, 3, 0, 0, "0_3_0_jtag");
+    XilIntf* intf = pex8700();
     intf->select("mubarplusUplinkScd");
     EXPECT_EQ(bar.log()[6], "W32 0x604=0x0");  // after TCK 7, TDI 9 and TMS 8, no read
     bar.clearLog();
@@ -264,30 +228,23 @@ TEST(PlxPex8700, TdoOnGpio10AndUnconnectedPins) {
 }
 
 // Bits 4..0 of 0x354 name the 4 KB block that holds the GPIO registers.
-TEST(PlxPex8700, RelocatedBlock) {
-    FakeBoard board;
-    FakeHamImpl& bar = board.hams[kBar0];
+TEST_F(PlxPex8700, RelocatedBlock) {
     bar.poke(0x354, 0xffffffe3);  // block 3; the upper bits mean nothing here
     bar.poke(0x3A44, 0x40);
-    XilIntf* intf = new PlxPex8700Intf(0, 0, 0, 3, 0, 0, "0_3_0_jtag");
+    XilIntf* intf = pex8700();
     intf->select("nipig2Scd");
     intf->tckIs(true);
     EXPECT_TRUE(intf->tdo());
     intf->cleanup("nipig2Scd");
-    EXPECT_THAT(bar.log(), ElementsAre("R32 0x354=0xffffffe3", "R32 0x3a34=0x0", "W32 0x3a34=0x20000000",
-                                       "R32 0x3a34=0x20000000", "W32 0x3a34=0x20800000", "R32 0x3a34=0x20800000",
-                                       "W32 0x3a34=0x24800000", "R32 0x3a34=0x24800000", "W32 0x3a34=0x24800000",
-                                       "W32 0x3a38=0x4", "R32 0x3a48=0x0", "W32 0x3a48=0x400",  // held high 10
-                                       "R32 0x3a48=0x400", "W32 0x3a48=0x600",                  // TCK
-                                       "R32 0x3a44=0x40",                                       // TDO 6
-                                       "R32 0x3a34=0x24800000", "W32 0x3a34=0x4800000", "R32 0x3a34=0x4800000",
-                                       "W32 0x3a34=0x4000000", "R32 0x3a34=0x4000000", "W32 0x3a34=0x0",
-                                       "W32 0x3a38=0x0"));
+    Accesses expected;  // select as tilegScd's, in block 3; TCK high; TDO 6; cleanup
+    expected.read(0x354, 0xffffffe3).rmw(0x3a34, {0x0, 0x20000000, 0x20800000, 0x24800000, 0x24800000});
+    expected.write(0x3a38, 0x4).rmw(0x3a48, {0x0, 0x400, 0x600}).read(0x3a44, 0x40);
+    expected.rmw(0x3a34, {0x24800000, 0x4800000, 0x4000000, 0x0}).write(0x3a38, 0x0);
+    EXPECT_THAT(bar.log(), ElementsAreArray(expected));
 }
 
-TEST(PlxPex8700DeathTest, UnknownFpgaAndPinOutOfRange) {
-    FakeBoard board;
-    PlxPex8700Intf* intf = new PlxPex8700Intf(0, 0, 0, 3, 0, 0, "0_3_0_jtag");
+TEST_F(PlxPex8700, UnknownFpgaAndPinOutOfRange) {
+    PlxPex8700Intf* intf = pex8700();
     EXPECT_EXIT(intf->select("rotanSeret"), ::testing::ExitedWithCode(1), "^Unknown fpga: rotanSeret\n$");
     EXPECT_DEATH(intf->setDir(11, 4), "pin >= MIN_PIN and pin <= MAX_PIN");
     EXPECT_DEATH(intf->setPin(255, true, false), "pin >= MIN_PIN and pin <= MAX_PIN");
