@@ -318,16 +318,12 @@ TEST_F(Amd, SelectAndCleanupOnKabiniInOrder) {
     boardIs("gozip", 0x16, 0x05);
     EkabiniIntf* intf = newIntf();
     intf->select("fodak");
-    EXPECT_THAT(window().log(),
-                ElementsAre(  // outputs: TCK 168, TDI 57, TMS 49, aux 60, 32, 50
-                    "W8 0xda8=0x3", "W8 0x1a8=0x0", "W8 0xd39=0x3", "W8 0x139=0x0", "W8 0xd31=0x3", "W8 0x131=0x0",
-                    "W8 0xd3c=0x3", "W8 0x13c=0x0", "W8 0xd20=0x3", "W8 0x120=0x0", "W8 0xd32=0x3", "W8 0x132=0x0",
-                    // TDO 61 an input
-                    "W8 0xd3d=0x3", "W8 0x13d=0x20",
-                    // TCK, TDI, TMS low
-                    "R8 0x1a8=0x0", "W8 0x1a8=0x0", "R8 0x139=0x0", "W8 0x139=0x0", "R8 0x131=0x0", "W8 0x131=0x0",
-                    // 60 high, 32 and 50 low
-                    "R8 0x13c=0x0", "W8 0x13c=0x40", "R8 0x120=0x0", "W8 0x120=0x0", "R8 0x132=0x0", "W8 0x132=0x0"));
+    Accesses expected(8);  // outputs TCK 168, TDI 57, TMS 49, aux 60, 32, 50: function 3, control byte 0
+    for (U32 pin : {168, 57, 49, 60, 32, 50}) expected.write(0xd00 + pin, 0x3).write(0x100 + pin, 0x0);
+    expected.write(0xd3d, 0x3).write(0x13d, 0x20);  // TDO 61 an input
+    for (U32 pin : {168, 57, 49}) expected.rmw(0x100 + pin, {0x0, 0x0});  // TCK, TDI, TMS low
+    expected.rmw(0x13c, {0x0, 0x40}).rmw(0x120, {0x0, 0x0}).rmw(0x132, {0x0, 0x0});  // 60 high, 32 and 50 low
+    EXPECT_THAT(window().log(), ElementsAreArray(expected));
     window().clearLog();
     window().poke(0x13d, 0x80, 8);
     EXPECT_TRUE(intf->tdo());
@@ -339,9 +335,9 @@ TEST_F(Amd, SelectAndCleanupOnKabiniInOrder) {
                                             "W8 0x139=0x40", "R8 0x131=0x0", "W8 0x131=0x40"));
     window().clearLog();
     intf->cleanup("fodak");
-    EXPECT_THAT(window().log(), ElementsAre("W8 0xda8=0x3", "W8 0x1a8=0x20", "W8 0xd39=0x3", "W8 0x139=0x20",
-                                            "W8 0xd31=0x3", "W8 0x131=0x20", "W8 0xd3c=0x3", "W8 0x13c=0x20",
-                                            "W8 0xd20=0x3", "W8 0x120=0x20", "W8 0xd32=0x3", "W8 0x132=0x20"));
+    expected = Accesses(8);  // the same pins inputs: function 3, control byte 0x20 (driver off)
+    for (U32 pin : {168, 57, 49, 60, 32, 50}) expected.write(0xd00 + pin, 0x3).write(0x100 + pin, 0x20);
+    EXPECT_THAT(window().log(), ElementsAreArray(expected));
     intf->select("komipe_scd");
     EXPECT_EQ(window().peek(0x13c, 8), 0x00u);  // 60 low for this one
 }

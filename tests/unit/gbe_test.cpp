@@ -74,17 +74,13 @@ TEST_F(Gbe, SelectSetsLevelsBeforeDirectionsThenTheWarningLed) {
         registersAreReset();
         regs.clearLog();
         intf->select(name);
-        EXPECT_THAT(regs.log(), ElementsAre("R32 0x0=0x81040241", "R32 0x18=0x12340880",
-                                            "W32 0x0=0x810c0241",    // TDI high
-                                            "W32 0x18=0x123408c0",   // TMS high
-                                            "W32 0x0=0x81080241",    // TCK low
-                                            "W32 0x0=0x81880241",    // TDI output
-                                            "W32 0x18=0x12340cc0",   // TMS output
-                                            "W32 0x0=0x81c80241",    // TCK output
-                                            "W32 0x18=0x123404c0",   // TDO input
-                                            "R32 0xe000=0x5a7e3c1f",
-                                            "W32 0xe000=0x5af13c1f",  // LED2 mode 1, blink
-                                            "R32 0xe000=0x5af13c1f", "W32 0xe000=0x5af13c3f"));  // bit 5
+        // CTRL, CTRL_EXT read; TDI, TMS high, TCK low; TDI, TMS, TCK outputs, TDO an input; LED2 mode 1
+        // with blink, then bit 5.
+        Accesses expected;
+        expected.read(0x0, 0x81040241).read(0x18, 0x12340880).write(0x0, 0x810c0241).write(0x18, 0x123408c0);
+        expected.write(0x0, 0x81080241).write(0x0, 0x81880241).write(0x18, 0x12340cc0).write(0x0, 0x81c80241);
+        expected.write(0x18, 0x123404c0).rmw(0xe000, {0x5a7e3c1f, 0x5af13c1f, 0x5af13c3f});
+        EXPECT_THAT(regs.log(), ElementsAreArray(expected));
     }
 }
 
