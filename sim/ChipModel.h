@@ -211,8 +211,6 @@ class IntelGbeModel : public ChipModel {
     static constexpr U32 kCtrl = 0x0000, kCtrlExt = 0x0018, kLedCtl = 0xE000;
     explicit IntelGbeModel(std::string window);
     Drive drive(U32 sdp) const override;
-    unsigned ledMode(unsigned led) const { return (peek(kLedCtl) >> (8 * led)) & 0xF; }
-    bool ledBlinks(unsigned led) const { return (peek(kLedCtl) >> (8 * led + 7)) & 1; }
 
   protected:
     U8 byteSeen(U32 offset) const override;
