@@ -2,10 +2,9 @@
 // backend (one register write from the cached CTRL) and on the Pericom
 // backend (read-modify-write), against a bare volatile 32-bit store to the
 // same kind of memory. The windows are plain buffers; tracing is off and
-// the lock files go to a private temporary directory.
+// the lock files have no name.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
-#include <stdlib.h>
 
 #include <map>
 #include <string>
@@ -20,12 +19,8 @@ namespace {
 
 struct Setup {
     Setup() {
-        char dir[] = "/tmp/kelvorn-bench-XXXXXX";
-        lockDir = ::mkdtemp(dir);
-        Os::hooks().creat = [this](const char* path, mode_t mode) {
-            std::string name(path);
-            return ::creat((lockDir + "/" + name.substr(name.rfind('/') + 1)).c_str(), mode);
-        };
+        // Lock files without a name, so nothing lands in /var/lock or stays behind.
+        Os::hooks().creat = [](const char*, mode_t mode) { return ::open("/tmp", O_TMPFILE | O_WRONLY, mode); };
         Ham::providerIs([this](const HamDesc& desc) -> Ptr<HamImpl> {
             std::vector<U8>& mem = windows[desc.fileName];
             mem.resize(0x100000);
@@ -40,11 +35,8 @@ struct Setup {
     ~Setup() {
         Ham::providerIs(nullptr);
         Os::resetHooks();
-        std::string cmd = "rm -rf '" + lockDir + "'";
-        if (std::system(cmd.c_str()) != 0) return;
     }
 
-    std::string lockDir;
     std::map<std::string, std::vector<U8>> windows;
     XilIntf* gbe;
     XilIntf* pericom;

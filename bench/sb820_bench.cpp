@@ -17,17 +17,13 @@ namespace {
 
 alignas(64) volatile U8 resource5[0x200];
 
-// The window gets the buffer; lock files go to a private directory, not
+// The window gets the buffer; lock files are nameless temporary files, not
 // /var/lock; select's settle waits are skipped.
 XilIntf* selected() {
     _defaultTraceHandle().levelMaskIs(0);
     Ham::providerIs([](const HamDesc&) -> Ptr<HamImpl> { return new MemoryHamImpl(resource5); });
-    static char lockDir[] = "/tmp/kelvorn-bench-XXXXXX";
-    if (!::mkdtemp(lockDir)) std::abort();
-    Os::hooks().creat = [](const char* path, mode_t mode) {
-        std::string name(path);
-        return ::creat((std::string(lockDir) + name.substr(name.rfind('/'))).c_str(), mode);
-    };
+    // Lock files without a name, so nothing lands in /var/lock or stays behind.
+    Os::hooks().creat = [](const char*, mode_t mode) { return ::open("/tmp", O_TMPFILE | O_WRONLY, mode); };
     Os::hooks().usleep = [](unsigned) { return 0; };
     XilIntf* intf = Sb820Factory().newXilIntf(0, 0, 0, 0, 0x14, 0);
     XilIntf_select(intf, "fodak");
