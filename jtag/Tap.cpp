@@ -1,7 +1,7 @@
 #include "jtag/Tap.h"
 
-#include <array>
-#include <deque>
+#include <algorithm>
+#include <iterator>
 
 namespace jtag {
 
@@ -35,28 +35,47 @@ constexpr const char* kNames[kStates] = {
     "Exit1-IR",         "Pause-IR",      "Exit2-IR",       "Update-IR",
 };
 
-// The TMS levels of a shortest path from one state to another: a
-// breadth-first walk over the state graph.
-Bits pathBetween(TapState from, TapState to) {
-    std::array<int, kStates> prev;
-    std::array<bool, kStates> viaTms{};
-    prev.fill(-1);
-    prev[static_cast<int>(from)] = static_cast<int>(from);
-    std::deque<TapState> todo{from};
-    while (!todo.empty() && prev[static_cast<int>(to)] < 0) {
-        TapState s = todo.front();
-        todo.pop_front();
-        for (bool tms : {false, true}) {
-            int n = static_cast<int>(nextState(s, tms));
-            if (prev[n] >= 0) continue;
-            prev[n] = static_cast<int>(s);
-            viaTms[n] = tms;
-            todo.push_back(static_cast<TapState>(n));
+// The TMS levels of a shortest path between every two states, found once
+// by a breadth-first walk over the state graph: bit k of bits is the TMS
+// of step k.
+struct Path {
+    uint8_t length;
+    uint8_t bits;
+};
+
+struct Paths {
+    Path table[kStates][kStates];
+
+    Paths() {
+        for (int from = 0; from < kStates; ++from) {
+            int prev[kStates];
+            bool viaTms[kStates] = {};
+            std::fill(std::begin(prev), std::end(prev), -1);
+            prev[from] = from;
+            int queue[kStates], head = 0, tail = 0;
+            queue[tail++] = from;
+            while (head < tail) {
+                int s = queue[head++];
+                for (bool tms : {false, true}) {
+                    int n = static_cast<int>(kNext[s][tms]);
+                    if (prev[n] >= 0) continue;
+                    prev[n] = s;
+                    viaTms[n] = tms;
+                    queue[tail++] = n;
+                }
+            }
+            for (int to = 0; to < kStates; ++to) {
+                Path p{0, 0};
+                for (int s = to; s != from; s = prev[s]) p.bits = static_cast<uint8_t>(p.bits << 1 | viaTms[s]), ++p.length;
+                table[from][to] = p;
+            }
         }
     }
-    Bits path;
-    for (int s = static_cast<int>(to); s != static_cast<int>(from); s = prev[s]) path.insert(path.begin(), viaTms[s]);
-    return path;
+};
+
+const Path& pathBetween(TapState from, TapState to) {
+    static const Paths paths;
+    return paths.table[static_cast<int>(from)][static_cast<int>(to)];
 }
 
 }  // namespace
@@ -65,71 +84,151 @@ TapState nextState(TapState s, bool tms) { return kNext[static_cast<int>(s)][tms
 
 const char* stateName(TapState s) { return kNames[static_cast<int>(s)]; }
 
-Bits bitsOf(uint64_t value, unsigned count) {
-    Bits b(count);
-    for (unsigned i = 0; i < count; ++i) b[i] = i < 64 && ((value >> i) & 1);
-    return b;
+TapState walk(TapState s, const BitVector& tms) {
+    for (size_t i = 0; i < tms.size(); ++i) s = nextState(s, tms[i]);
+    return s;
 }
 
-uint64_t valueOf(const Bits& bits, size_t first, unsigned count) {
-    uint64_t v = 0;
-    for (unsigned i = 0; i < count && i < 64 && first + i < bits.size(); ++i)
-        v |= static_cast<uint64_t>(bits[first + i]) << i;
-    return v;
+TapState Tap::appendPath(TapState from, TapState to) {
+    const Path& p = pathBetween(from, to);
+    for (unsigned k = 0; k < p.length; ++k) {
+        tmsScratch_.append(static_cast<bool>((p.bits >> k) & 1));
+        tdiScratch_.append(tdi_);
+    }
+    return to;
+}
+
+void Tap::run(BitVector* tdo) {
+    size_t n = tmsScratch_.size();
+    if (n == 0) {
+        if (tdo) tdo->clear();
+        return;
+    }
+    if (tdo) tdo->resize(n);
+    XilIntf_shift(intf_, static_cast<uint32_t>(n), tmsScratch_.data(), tdiScratch_.data(),
+                  tdo ? tdo->data() : nullptr);
+    state_ = walk(state_, tmsScratch_);
+    tdi_ = tdiScratch_[n - 1];
+    cycles_ += n;
+    tmsScratch_.clear();
+    tdiScratch_.clear();
 }
 
 bool Tap::cycle(bool tms, bool tdi) {
-    XilIntf_tmsIs(intf_, tms);
-    XilIntf_tdiIs(intf_, tdi);
-    tdi_ = tdi;
-    bool tdo = XilIntf_tdo(intf_) != 0;
-    XilIntf_tckIs(intf_, 1);
-    XilIntf_tckIs(intf_, 0);
-    state_ = nextState(state_, tms);
-    return tdo;
+    tmsScratch_.append(tms);
+    tdiScratch_.append(tdi);
+    run(&tdoScratch_);
+    return tdoScratch_[0];
+}
+
+void Tap::clock(const BitVector& tms, const BitVector& tdi, BitVector* tdo) {
+    tmsScratch_.clear();
+    tdiScratch_.clear();
+    tmsScratch_.append(tms);
+    tdiScratch_.append(tdi, 0, tms.size());
+    tdiScratch_.resize(tms.size(), tdi_);
+    run(tdo);
 }
 
 void Tap::reset() {
-    for (int i = 0; i < 5; ++i) cycle(true, tdi_);
+    for (int i = 0; i < 5; ++i) {
+        tmsScratch_.append(true);
+        tdiScratch_.append(tdi_);
+    }
+    run(nullptr);
     state_ = TapState::TestLogicReset;
 }
 
 void Tap::moveTo(TapState target) {
-    for (bool tms : pathBetween(state_, target)) cycle(tms, tdi_);
+    appendPath(state_, target);
+    run(nullptr);
 }
 
-void Tap::idle(unsigned cycles) {
-    moveTo(TapState::RunTestIdle);
-    for (unsigned i = 0; i < cycles; ++i) cycle(false, tdi_);
-}
-
-Bits Tap::shiftIr(const Bits& in, TapState end) { return shift(TapState::ShiftIr, in, end); }
-Bits Tap::shiftDr(const Bits& in, TapState end) { return shift(TapState::ShiftDr, in, end); }
-
-Bits Tap::shift(TapState shiftState, const Bits& in, TapState end) {
-    Bits out;
-    if (!in.empty()) {
-        moveTo(shiftState);
-        out.reserve(in.size());
-        for (size_t i = 0; i < in.size(); ++i) out.push_back(cycle(i + 1 == in.size(), in[i]));
+bool Tap::stepTo(TapState next) {
+    for (bool tms : {false, true}) {
+        if (nextState(state_, tms) != next) continue;
+        tmsScratch_.append(tms);
+        tdiScratch_.append(tdi_);
+        run(nullptr);
+        return true;
     }
-    moveTo(end);
+    return false;
+}
+
+void Tap::stay(TapState stable, uint64_t count) {
+    appendPath(state_, stable);
+    bool tms = stable == TapState::TestLogicReset;  // the level that keeps a stable state
+    // In chunks, so a long run needs no long buffer.
+    constexpr uint64_t kChunk = 1u << 16;
+    while (count > 0) {
+        uint64_t n = count < kChunk ? count : kChunk;
+        tmsScratch_.resize(tmsScratch_.size() + n, tms);
+        tdiScratch_.resize(tdiScratch_.size() + n, tdi_);
+        run(nullptr);
+        count -= n;
+    }
+    run(nullptr);  // the path alone, when count was 0
+}
+
+void Tap::shiftIr(const BitVector& in, BitVector* out, TapState end) { shift(TapState::ShiftIr, in, out, end); }
+void Tap::shiftDr(const BitVector& in, BitVector* out, TapState end) { shift(TapState::ShiftDr, in, out, end); }
+
+BitVector Tap::shiftIr(const BitVector& in, TapState end) {
+    BitVector out;
+    shift(TapState::ShiftIr, in, &out, end);
     return out;
+}
+
+BitVector Tap::shiftDr(const BitVector& in, TapState end) {
+    BitVector out;
+    shift(TapState::ShiftDr, in, &out, end);
+    return out;
+}
+
+void Tap::shift(TapState shiftState, const BitVector& in, BitVector* out, TapState end) {
+    if (in.empty()) {
+        if (out) out->clear();
+        moveTo(end);
+        return;
+    }
+    size_t first = tmsScratch_.size();  // 0: the scratch is empty between calls
+    appendPath(state_, shiftState);
+    size_t lead = tmsScratch_.size() - first;
+    // In the shift state, TMS low but for the last bit, which leaves it for Exit1.
+    tmsScratch_.resize(tmsScratch_.size() + in.size() - 1, false);
+    tmsScratch_.append(true);
+    tdiScratch_.append(in);
+    tdi_ = in[in.size() - 1];
+    TapState exit1 = nextState(shiftState, true);
+    appendPath(exit1, end);
+    run(out ? &tdoScratch_ : nullptr);
+    if (out) {
+        out->assign(in.size(), false);
+        copyBits(tdoScratch_.data(), lead, out->data(), 0, in.size());
+    }
 }
 
 std::vector<uint32_t> readIdcodes(Tap& tap, unsigned maxDevices) {
     tap.reset();
     tap.moveTo(TapState::ShiftDr);
-    // Ones shifted in from TDI come out as an all-ones code after the last device.
+    // Ones shifted in from TDI come out as an all-ones code after the last
+    // device: a code of 32 bits per device, and one more for the ones, in
+    // one call, staying in Shift-DR.
+    size_t n = 32 * (static_cast<size_t>(maxDevices) + 1);
+    BitVector out;
+    tap.clock(BitVector(n, false), BitVector(n, true), &out);
     std::vector<uint32_t> ids;
     bool answered = false;
-    while (ids.size() < maxDevices) {
-        if (!tap.cycle(false, true)) {
+    size_t at = 0;
+    while (ids.size() < maxDevices && at < n) {
+        if (!out[at]) {
             ids.push_back(0);  // a one-bit BYPASS register
+            ++at;
             continue;
         }
-        uint32_t id = 1;
-        for (unsigned i = 1; i < 32; ++i) id |= static_cast<uint32_t>(tap.cycle(false, true)) << i;
+        if (at + 32 > n) break;
+        uint32_t id = static_cast<uint32_t>(out.value(at, 32));
+        at += 32;
         if (id == 0xffffffffu) break;
         ids.push_back(id);
         answered = true;

@@ -1,17 +1,20 @@
 // A small JTAG layer over the plain-named pin functions (xilinx/XilIntfC.h):
 // it moves the TAP controllers of a chain through their states and shifts
-// instruction and data registers, one TCK cycle per bit. Tools that drive a
-// whole chain (an IDCODE scan, a vector player, a remote protocol server)
-// build on it; the interface itself must already be selected.
+// instruction and data registers through XilIntf_shift, a whole scan with
+// the state moves around it in one call, bits packed in bytes
+// (BitVector.h). Tools that drive a whole chain (an IDCODE scan, a vector
+// player, a remote protocol server) build on it; the interface itself must
+// already be selected.
 //
 //   jtag::Tap tap(intf);
 //   tap.reset();
-//   jtag::Bits out = tap.shiftIr(jtag::bitsOf(0x09, 6));
+//   jtag::BitVector out = tap.shiftIr(jtag::BitVector::fromValue(0x09, 6));
 #pragma once
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
+#include "jtag/BitVector.h"
 #include "xilinx/XilIntfC.h"
 
 namespace jtag {
@@ -41,12 +44,8 @@ TapState nextState(TapState s, bool tms);
 // The standard's name of a state: "Test-Logic-Reset", "Shift-DR", ...
 const char* stateName(TapState s);
 
-// Bits in shift order: element 0 is shifted first, as the least significant
-// bit of the register.
-using Bits = std::vector<bool>;
-Bits bitsOf(uint64_t value, unsigned count);
-// count (at most 64) bits of bits from index first, element first as bit 0.
-uint64_t valueOf(const Bits& bits, size_t first, unsigned count);
+// The state after TMS bits from state s (bit i is the TMS of cycle i).
+TapState walk(TapState s, const BitVector& tms);
 
 class Tap {
   public:
@@ -56,26 +55,45 @@ class Tap {
     // One TCK cycle: TMS and TDI set while TCK is low, TDO sampled, then a
     // rising and a falling edge. Returns TDO as it was before the rising edge.
     bool cycle(bool tms, bool tdi);
+    // Cycles with these TMS and TDI bits (as many as tms has), in one
+    // XilIntf_shift; tdo, when given, receives TDO of each cycle.
+    void clock(const BitVector& tms, const BitVector& tdi, BitVector* tdo = nullptr);
     // Five cycles with TMS high: Test-Logic-Reset from any state.
     void reset();
     // The shortest TMS sequence from the current state to target.
     void moveTo(TapState target);
-    // Cycles spent in Run-Test/Idle (moves there first).
-    void idle(unsigned cycles);
-    // Shifts in through Shift-IR or Shift-DR and returns what came out of
-    // TDO meanwhile; the last bit leaves the shift state, and the
-    // controller then moves on to end.
-    Bits shiftIr(const Bits& in, TapState end = TapState::RunTestIdle);
-    Bits shiftDr(const Bits& in, TapState end = TapState::RunTestIdle);
+    // One cycle to a state next to the current one; false (and no cycle)
+    // when no TMS level leads there.
+    bool stepTo(TapState next);
+    // Moves to a stable state (Test-Logic-Reset, Run-Test/Idle, Pause-DR,
+    // Pause-IR) and stays there for count cycles, TDI unchanged.
+    void stay(TapState stable, uint64_t count);
+    void idle(uint64_t count) { stay(TapState::RunTestIdle, count); }
+    // Shifts in through Shift-IR or Shift-DR; out, when given, receives
+    // what came out of TDO meanwhile (no TDO is read without it). The last
+    // bit leaves the shift state, and the controller then moves on to end.
+    // Moving there, shifting and moving on are one XilIntf_shift.
+    void shiftIr(const BitVector& in, BitVector* out, TapState end = TapState::RunTestIdle);
+    void shiftDr(const BitVector& in, BitVector* out, TapState end = TapState::RunTestIdle);
+    BitVector shiftIr(const BitVector& in, TapState end = TapState::RunTestIdle);
+    BitVector shiftDr(const BitVector& in, TapState end = TapState::RunTestIdle);
 
     TapState state() const { return state_; }
+    // TCK cycles made through this object.
+    uint64_t cycles() const { return cycles_; }
 
   private:
-    Bits shift(TapState shiftState, const Bits& in, TapState end);
+    void shift(TapState shiftState, const BitVector& in, BitVector* out, TapState end);
+    // XilIntf_shift over the scratch vectors; tracks state and TDI.
+    void run(BitVector* tdo);
+    // Appends the path from state `from` to `to` to the scratch vectors.
+    TapState appendPath(TapState from, TapState to);
 
     XilIntf* intf_;
     TapState state_ = TapState::TestLogicReset;
     bool tdi_ = true;  // TDI is left where it was while only TMS matters
+    uint64_t cycles_ = 0;
+    BitVector tmsScratch_, tdiScratch_, tdoScratch_;  // reused from call to call
 };
 
 // Resets the chain and reads what its data registers hold right after the

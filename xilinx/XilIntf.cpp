@@ -49,6 +49,36 @@ XilIntf::XilIntf(const char* lockName) {
     }
 }
 
+// One pin at a time: TMS and TDI while TCK is low, TDO before the rising
+// edge, then both edges. Without knowing TCK's level, the first cycle
+// drives it low once.
+void XilIntf::shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) {
+    if (nbits == 0) return;
+    tckIs(false);
+    U8 byte = 0;
+    for (U32 i = 0; i < nbits; ++i) {
+        U32 bit = i % 8;
+        tmsIs((tms[i / 8] >> bit) & 1);
+        tdiIs((tdi[i / 8] >> bit) & 1);
+        if (tdoBits) {
+            byte = static_cast<U8>(byte | static_cast<U8>(tdo() ? 1u << bit : 0u));
+            if (bit == 7 || i + 1 == nbits) {
+                tdoBits[i / 8] = byte;
+                byte = 0;
+            }
+        }
+        tckIs(true);
+        tckIs(false);
+    }
+}
+
+void XilIntf::pinsIs(bool tck, bool tms, bool tdi) {
+    if (!tck) tckIs(false);
+    tmsIs(tms);
+    tdiIs(tdi);
+    if (tck) tckIs(true);
+}
+
 void xilLockName(char (&buf)[256], U16 domain, U8 bus, U8 device) {
     std::snprintf(buf, sizeof buf, "%d_%d_%d_jtag", domain, bus, device);
 }
@@ -114,5 +144,9 @@ int XilIntf_tdo(XilIntf* intf) { return static_cast<U8>(intf->tdo()); }
 void XilIntf_cleanup(XilIntf* intf, const char* deviceName) { intf->cleanup(deviceName); }
 void XilIntf_ledIs(XilIntf* intf, int on) { intf->warningIs(on != 0); }
 void XilIntf_testModeIs(int on) { XilIntf::testMode = on != 0; }
+void XilIntf_shift(XilIntf* intf, uint32_t nbits, const uint8_t* tms, const uint8_t* tdi, uint8_t* tdo) {
+    intf->shift(nbits, tms, tdi, tdo);
+}
+void XilIntf_pinsIs(XilIntf* intf, int tck, int tms, int tdi) { intf->pinsIs(tck != 0, tms != 0, tdi != 0); }
 
 }  // extern "C"

@@ -23,6 +23,13 @@ class XilIntf {
     virtual void cleanup(const char* deviceName) = 0;
     virtual void warningIs(bool on) = 0;
 
+    // Vector operations (XilIntf_shift, XilIntf_pinsIs in XilIntfC.h). The
+    // base versions drive the pins one at a time through the operations
+    // above; a backend overrides them with a path that writes pins sharing
+    // a register together and reads only the TDO bits that are wanted.
+    virtual void shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits);
+    virtual void pinsIs(bool tck, bool tms, bool tdi);
+
     // Moves the lock file, and the register file of the backends that
     // honour it, to fixed files under /tmp. Set through XilIntf_testModeIs.
     static bool testMode;

@@ -30,6 +30,22 @@ void XilIntf_cleanup(XilIntf* intf, const char* deviceName);
 void XilIntf_ledIs(XilIntf* intf, int on);
 void XilIntf_testModeIs(int on);
 
+/* Clocks nbits TCK cycles. Bit i of tms and tdi (byte i / 8, bit i % 8,
+ * least significant first) is what TMS and TDI hold in cycle i, set while
+ * TCK is low; then TCK rises and falls. When tdo is not NULL, bit i of tdo
+ * receives TDO as sampled in cycle i before the rising edge (the bits of
+ * the last byte past nbits are 0); when it is NULL, TDO is not read at all.
+ * TCK is driven low first if it is high, and ends low. With nbits 0 nothing
+ * is driven: the backend only reads its register image afresh, as every
+ * call does first, so bits of shared registers that other agents own are
+ * current again. tms and tdi must not be NULL. */
+void XilIntf_shift(XilIntf* intf, uint32_t nbits, const uint8_t* tms, const uint8_t* tdi, uint8_t* tdo);
+/* Sets TCK, TMS and TDI together, each high for a non-zero value: what a
+ * remote bit-bang client sends as one symbol. Pins whose level does not
+ * change are not written; when TCK rises, TMS and TDI settle first, when
+ * it falls, they change after it. */
+void XilIntf_pinsIs(XilIntf* intf, int tck, int tms, int tdi);
+
 #ifdef __cplusplus
 }
 #endif

@@ -9,7 +9,7 @@
 #include "sim/JtagChain.h"
 #include "xilinx/XilIntf.h"
 
-using jtag::Bits;
+using jtag::BitVector;
 using jtag::TapState;
 using ::testing::ElementsAre;
 
@@ -21,6 +21,8 @@ struct ChainIntf : XilIntf {
     void tdiIs(bool v) override { tdi = v; }
     void tmsIs(bool v) override { tms = v; }
     void tckIs(bool v) override {
+        if (v == tck) return;  // no edge
+        tck = v;
         cycles += v;
         tmsTrail.push_back(tms);
         chain->tckIs(v, tms, tdi);
@@ -31,7 +33,7 @@ struct ChainIntf : XilIntf {
     void warningIs(bool) override {}
 
     sim::JtagChain* chain;
-    bool tms = false, tdi = false;
+    bool tck = false, tms = false, tdi = false;
     int stuck = -1;  // 0 or 1: TDO stuck at that level
     unsigned cycles = 0;
     std::vector<bool> tmsTrail;  // TMS at each TCK edge
@@ -47,12 +49,36 @@ class Jtag : public ::testing::Test {
 
 }  // namespace
 
-TEST(JtagBits, ValuesAndBitsRoundTripLeastSignificantFirst) {
-    EXPECT_THAT(jtag::bitsOf(0x5, 4), ElementsAre(true, false, true, false));
-    Bits b = jtag::bitsOf(0x0123456789abcdefULL, 64);
-    EXPECT_EQ(jtag::valueOf(b, 0, 64), 0x0123456789abcdefULL);
-    EXPECT_EQ(jtag::valueOf(b, 4, 8), 0xdeu);
-    EXPECT_EQ(jtag::valueOf(b, 60, 8), 0x0u);  // past the end reads as zeros
+TEST(JtagBits, ValuesHexAndCopiesLeastSignificantFirst) {
+    BitVector b = BitVector::fromValue(0x5, 4);
+    EXPECT_TRUE(b[0] && !b[1] && b[2] && !b[3]);
+    b = BitVector::fromValue(0x0123456789abcdefULL, 64);
+    EXPECT_EQ(b.value(0, 64), 0x0123456789abcdefULL);
+    EXPECT_EQ(b.value(4, 8), 0xdeu);
+    EXPECT_EQ(b.value(60, 8), 0x0u);  // past the end reads as zeros
+    // Hex as scan data is written: most significant digit first, the last two digits are byte 0.
+    BitVector h;
+    ASSERT_TRUE(BitVector::fromHex("1fA5", 13, &h));
+    EXPECT_EQ(h.data()[0], 0xa5);
+    EXPECT_EQ(h.data()[1], 0x1f);
+    EXPECT_EQ(h.hex(), "1fa5");
+    EXPECT_FALSE(BitVector::fromHex("3fa5", 13, &h));  // bit 13 does not fit 13 bits
+    EXPECT_FALSE(BitVector::fromHex("1g", 8, &h));
+    ASSERT_TRUE(BitVector::fromHex("0001", 3, &h));  // leading zeros beyond the length are fine
+    EXPECT_EQ(h.value(0, 3), 1u);
+    // Appends and copies at any bit offset keep the tail of the last byte clear.
+    BitVector a = BitVector::fromValue(0x3, 3);
+    a.append(BitVector::fromValue(0x1ff, 9), 1, 7);  // bits 1..7 of 0x1ff
+    EXPECT_EQ(a.size(), 10u);
+    EXPECT_EQ(a.value(0, 10), 0x3fbu);
+    EXPECT_EQ(a.data()[1], 0x03);
+    BitVector ones(21, true);
+    BitVector dst(30);
+    jtag::copyBits(ones.data(), 3, dst.data(), 5, 17);
+    EXPECT_EQ(dst.value(0, 30), 0x3fffe0u);
+    BitVector expected = BitVector::fromValue(0x0f, 8), mask = BitVector::fromValue(0x3c, 8);
+    EXPECT_TRUE(BitVector::fromValue(0x4d, 8).matches(expected, mask));
+    EXPECT_FALSE(BitVector::fromValue(0x4b, 8).matches(expected, mask));
 }
 
 TEST_F(Jtag, MovesTakeTheShortestTmsPathIdleClocksInRunTestIdleAndResetIsFiveCycles) {
@@ -83,15 +109,15 @@ TEST_F(Jtag, MovesTakeTheShortestTmsPathIdleClocksInRunTestIdleAndResetIsFiveCyc
 TEST_F(Jtag, ShiftIrLoadsOnUpdateAndShiftDrReadsThroughBypass) {
     tap.reset();
     // The bits shifted first travel furthest: BYPASS for the device nearest TDO, IDCODE for the other.
-    Bits out = tap.shiftIr(jtag::bitsOf(0xff | sim::kIdcodeInstruction << 8, 14), TapState::PauseIr);
-    EXPECT_EQ(jtag::valueOf(out, 0, 14), 0x01u | 0x01u << 8);  // each captures ...01
+    BitVector out = tap.shiftIr(BitVector::fromValue(0xff | sim::kIdcodeInstruction << 8, 14), TapState::PauseIr);
+    EXPECT_EQ(out.value(0, 14), 0x01u | 0x01u << 8);  // each captures ...01
     EXPECT_EQ(tap.state(), TapState::PauseIr);
     EXPECT_EQ(chain.instruction(0), sim::kIdcodeInstruction);  // not before Update-IR
     tap.moveTo(TapState::RunTestIdle);
     EXPECT_EQ(chain.instruction(0), 0xffu);
-    out = tap.shiftDr(jtag::bitsOf(0, 33));
+    out = tap.shiftDr(BitVector(33));
     EXPECT_FALSE(out[0]);  // BYPASS captures 0
-    EXPECT_EQ(jtag::valueOf(out, 1, 32), 0x1b4d2093u);
+    EXPECT_EQ(out.value(1, 32), 0x1b4d2093u);
     EXPECT_EQ(tap.state(), TapState::RunTestIdle);
 }
 
@@ -104,5 +130,5 @@ TEST_F(Jtag, ReadIdcodesNearestTdoFirstAndNothingOnAStuckTdo) {
     intf->stuck = 0;
     intf->cycles = 0;
     EXPECT_TRUE(jtag::readIdcodes(tap, 4).empty());
-    EXPECT_LT(intf->cycles, 20u);  // bounded: four one-bit devices
+    EXPECT_LT(intf->cycles, 32u * 5 + 20);  // bounded: a code's length for each of four devices and the end
 }
