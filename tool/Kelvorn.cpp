@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "os/Os.h"
+#include "tool/CleanupOnSignal.h"
 #include "xilinx/XilIntfC.h"
 
 namespace {
@@ -53,6 +54,7 @@ int kelvornMain(int argc, char** argv) {
 
     const char* command = argv[3];
     int result;
+    bool cleanedUp = false;
     void (*set)(XilIntf*, int) = nullptr;
     if (std::strcmp(command, "tck") == 0)
         set = XilIntf_tckIs;
@@ -70,7 +72,11 @@ int kelvornMain(int argc, char** argv) {
             int value = static_cast<int>(std::strtol(argv[4], nullptr, 10));
             set(theIntf, value);
             std::fflush(stdout);
+            // A signal during the hold cleans up and ends the process by that signal.
+            CleanupOnSignal guard(theIntf, fpga);
             Os::sleep(kHoldSeconds);
+            guard.cleanup();
+            cleanedUp = true;
             result = value;
         }
     } else if (std::strcmp(command, "tdo") == 0) {
@@ -82,6 +88,6 @@ int kelvornMain(int argc, char** argv) {
         result = kUnknownCommand;
     }
     std::fflush(stdout);
-    XilIntf_cleanup(theIntf, fpga);
+    if (!cleanedUp) XilIntf_cleanup(theIntf, fpga);
     return result;
 }
