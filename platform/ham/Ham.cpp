@@ -25,26 +25,78 @@ HamProvider& provider() {
     std::exit(1);
 }
 
-// A file mapped read-write and shared; the mapping lives until the process ends.
+// The size of a regular file, or kUnknownExtent for anything else (a device
+// file such as /dev/mem says 0).
+U64 regularFileBytes(int fd) {
+    struct stat st;
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return kUnknownExtent;
+    return static_cast<U64>(st.st_size);
+}
+
+// A file mapped read-write and shared; the mapping lives until the process
+// ends. Accessing a mapped page past the end of a file kills the process
+// with SIGBUS, and past the mapping with SIGSEGV, so every access is checked
+// against what the file holds: one compare beside an access that costs
+// 100 ns or more on a bus.
 class MappedFileHamImpl : public MemoryHamImpl {
   public:
-    using MemoryHamImpl::MemoryHamImpl;
-
     static Ptr<HamImpl> make(const HamDesc& desc) {
         int fd = ::open(desc.fileName.c_str(), O_RDWR | O_SYNC);
         if (fd < 0) windowFailed(desc, "cannot open", errno);
-        size_t size = desc.size;
+        U64 fileBytes = regularFileBytes(fd);
+        U64 behind = fileBytes == kUnknownExtent ? kUnknownExtent : fileBytes > desc.base ? fileBytes - desc.base : 0;
+        U64 size = desc.size;
         if (size == 0) {
-            struct stat st;
-            if (::fstat(fd, &st) != 0) windowFailed(desc, "cannot stat", errno);
-            if (st.st_size <= static_cast<off_t>(desc.base)) windowFailed(desc, "cannot map", EINVAL);
-            size = static_cast<size_t>(st.st_size) - desc.base;
+            // The whole file; a file that cannot say its size cannot be mapped whole.
+            if (behind == kUnknownExtent) windowFailed(desc, "cannot map the whole of", EINVAL);
+            size = behind;
         }
-        void* p = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, desc.base);
-        if (p == MAP_FAILED) windowFailed(desc, "cannot map", errno);
+        U64 extent = behind < size ? behind : size;
+        void* p = nullptr;
+        if (size > 0) {
+            p = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, desc.base);
+            if (p == MAP_FAILED) windowFailed(desc, "cannot map", errno);
+        }
         ::close(fd);  // the mapping keeps the file
-        return new MappedFileHamImpl(static_cast<volatile U8*>(p));
+        return new MappedFileHamImpl(desc, static_cast<volatile U8*>(p), extent, fileBytes);
     }
+
+    int read32(U32 offset, U32* out) override {
+        within(offset, 4);
+        return MemoryHamImpl::read32(offset, out);
+    }
+    int write32(U32 offset, U32 value) override {
+        within(offset, 4);
+        return MemoryHamImpl::write32(offset, value);
+    }
+    int read16(U32 offset, U16* out) override {
+        within(offset, 2);
+        return MemoryHamImpl::read16(offset, out);
+    }
+    int read8(U32 offset, U8* out) override {
+        within(offset, 1);
+        return MemoryHamImpl::read8(offset, out);
+    }
+    int write8(U32 offset, U8 value) override {
+        within(offset, 1);
+        return MemoryHamImpl::write8(offset, value);
+    }
+    U64 extent() const override { return extent_; }
+
+  private:
+    MappedFileHamImpl(const HamDesc& desc, volatile U8* base, U64 extent, U64 fileBytes)
+        : MemoryHamImpl(base), desc_(desc), extent_(extent), fileBytes_(fileBytes) {}
+
+    void within(U32 offset, U32 width) const {
+        if (__builtin_expect(U64(offset) + width > extent_, 0)) outside(offset, width);
+    }
+    [[noreturn]] __attribute__((noinline, cold)) void outside(U32 offset, U32 width) const {
+        hamTooSmall(desc_, desc_.base + U64(offset) + width, fileBytes_);
+    }
+
+    HamDesc desc_;
+    U64 extent_;
+    U64 fileBytes_;  // kUnknownExtent for a device file
 };
 
 // Processor I/O ports. Permission for all ports is taken on the first
@@ -115,6 +167,26 @@ void Ham::make() {
 }
 
 void Ham::providerIs(HamProvider p) { provider() = std::move(p); }
+
+void Ham::reaches(U64 end) const {
+    U64 extent = impl_->extent();
+    if (extent == kUnknownExtent || end <= extent) return;
+    struct stat st;
+    U64 holds = ::stat(desc_.fileName.c_str(), &st) == 0 ? static_cast<U64>(st.st_size) : kUnknownExtent;
+    hamTooSmall(desc_, desc_.base + end, holds);
+}
+
+void hamTooSmall(const HamDesc& desc, U64 needed, U64 holds) {
+    std::fflush(stdout);
+    if (holds == kUnknownExtent)
+        std::fprintf(stderr, "register window %s: %s ends before 0x%llx, which its registers need\n",
+                     desc.name.c_str(), desc.fileName.c_str(), static_cast<unsigned long long>(needed));
+    else
+        std::fprintf(stderr, "register window %s: %s holds 0x%llx bytes, its registers need 0x%llx\n",
+                     desc.name.c_str(), desc.fileName.c_str(), static_cast<unsigned long long>(holds),
+                     static_cast<unsigned long long>(needed));
+    std::exit(1);
+}
 
 String PciHam::resourcePath(const PciAddress& a, const String& resource) {
     char path[256];

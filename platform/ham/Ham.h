@@ -31,6 +31,11 @@ struct PciId {
     PciId(U32 v = 0) : value(v) {}
 };
 
+// What extent() gives when nothing says how far a window reaches: a device
+// file such as /dev/mem has no size, and a substitute has none unless it
+// says so.
+constexpr U64 kUnknownExtent = ~U64(0);
+
 // The access operations. Results are 0 on success; nothing in the module
 // looks at them.
 class HamImpl : public RefCounted {
@@ -40,6 +45,9 @@ class HamImpl : public RefCounted {
     virtual int read16(U32 offset, U16* out) = 0;
     virtual int read8(U32 offset, U8* out) = 0;
     virtual int write8(U32 offset, U8 value) = 0;
+
+    // How many bytes from offset 0 the file behind the window holds.
+    virtual U64 extent() const { return kUnknownExtent; }
 };
 
 // Everything that describes a window, as handed to a provider.
@@ -62,6 +70,14 @@ class Ham : public RefCounted {
     Ptr<HamImpl> hamImpl() const { return impl_; }
     const HamDesc& desc() const { return desc_; }
 
+    // Returns when the file behind the window holds registers up to offset
+    // end (not included), or when nothing says how far it reaches;
+    // otherwise ends the process with one line on stderr naming the window,
+    // the file, what the registers need and what the file holds, status 1.
+    // A backend calls it before its first access, so a mistyped PCI
+    // address or a short file touches nothing.
+    void reaches(U64 end) const;
+
     // Installs (or, with an empty function, removes) the provider.
     static void providerIs(HamProvider provider);
     // What the provider puts behind a window of this description; null when
@@ -78,6 +94,10 @@ class Ham : public RefCounted {
     HamDesc desc_;
     Ptr<HamImpl> impl_;
 };
+
+// The end of the process for a window whose file is too short: needed and
+// holds count from the start of the file.
+[[noreturn]] void hamTooSmall(const HamDesc& desc, U64 needed, U64 holds);
 
 // A window onto a memory resource ("resource0", ...) of a PCI function,
 // found by its address under /sys/bus/pci/devices.

@@ -24,6 +24,9 @@ struct Hooks {
     std::function<int(const char* path, int flags)> open;
     std::function<void*(void* addr, size_t length, int prot, int flags, int fd, off_t offset)> mmap;
     std::function<long()> pageSize;
+    // The size of the regular file open on fd; -1 for anything else (a
+    // device file such as /dev/mem) or when it cannot be told.
+    std::function<long long(int fd)> fileSize;
     std::function<unsigned(unsigned seconds)> sleep;
     std::function<int(unsigned microseconds)> usleep;
     std::function<int(const char* path, mode_t mode)> creat;
@@ -42,6 +45,7 @@ inline void* mmap(void* addr, size_t length, int prot, int flags, int fd, off_t 
     return hooks().mmap(addr, length, prot, flags, fd, offset);
 }
 inline long pageSize() { return hooks().pageSize(); }
+inline long long fileSize(int fd) { return hooks().fileSize(fd); }
 inline unsigned sleep(unsigned seconds) { return hooks().sleep(seconds); }
 inline int usleep(unsigned microseconds) { return hooks().usleep(microseconds); }
 inline int creat(const char* path, mode_t mode) { return hooks().creat(path, mode); }

@@ -159,6 +159,10 @@ TEST_F(Amd, DevMemIsMappedAtTheFchBaseAndUsedDirectly) {
         return MAP_FAILED;
     };
     EXPECT_EXIT_SAYING(amd::validatePlatform(), "^Could not mmap gpio device, errno 12$");
+    // A /dev/mem that is a file ending inside the window is refused before it is mapped.
+    Os::hooks().fileSize = [](int) { return 0xFED81FFFLL; };
+    EXPECT_EXIT(amd::validatePlatform(), ::testing::ExitedWithCode(1),
+                "^register window gpioWindow: /dev/mem holds 0xfed81fff bytes, its registers need 0xfed82000\n$");
 }
 
 // ---- register accesses of each SoC kind ----

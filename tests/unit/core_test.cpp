@@ -267,3 +267,32 @@ TEST(Ham, PciHamFindsTheResourceByAddress) {
     ham->hamImpl()->read8(0x18, &v);
     EXPECT_THAT(hams["/sys/bus/pci/devices/0000:03:00.0/resource0"].log(), ElementsAre("W32 0x18=0x80", "R8 0x18=0x80"));
 }
+
+// A window on a file of this test's own: accesses past the end of the file
+// end the process with the window's line instead of SIGBUS, and an empty
+// file maps nothing and reaches nothing.
+TEST(Window, ShortFilesAreRefusedNotFaulted) {
+    char path[] = "/tmp/kelvorn-window-XXXXXX";
+    int fd = ::mkstemp(path);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::ftruncate(fd, 0x10), 0);
+    ::close(fd);
+    Ptr<Ham> ham = new Ham("shortHam", HamType::mappedFile, nullptr, 0, 0, path);
+    EXPECT_EQ(ham->hamImpl()->extent(), 0x10u);
+    ham->reaches(0x10);  // returns
+    ham->hamImpl()->write32(0xC, 0x12345678);
+    U32 v = 0;
+    ham->hamImpl()->read32(0xC, &v);
+    EXPECT_EQ(v, 0x12345678u);
+    std::string line = std::string("^register window shortHam: ") + path + " holds 0x10 bytes, its registers need ";
+    EXPECT_EXIT(ham->reaches(0x11), ::testing::ExitedWithCode(1), line + "0x11\n$");
+    EXPECT_EXIT(ham->hamImpl()->read32(0xD, &v), ::testing::ExitedWithCode(1), line + "0x11\n$");
+    EXPECT_EXIT(ham->hamImpl()->write8(0x4000, 1), ::testing::ExitedWithCode(1), line + "0x4001\n$");
+
+    ASSERT_EQ(::truncate(path, 0), 0);
+    Ptr<Ham> empty = new Ham("emptyHam", HamType::mappedFile, nullptr, 0, 0, path);
+    EXPECT_EQ(empty->hamImpl()->extent(), 0u);
+    EXPECT_EXIT(empty->reaches(1), ::testing::ExitedWithCode(1),
+                std::string("^register window emptyHam: ") + path + " holds 0x0 bytes, its registers need 0x1\n$");
+    ::unlink(path);
+}

@@ -94,11 +94,16 @@ const Soc& identifySoc() {
 }
 
 // Maps the window read-write and shared; the descriptor and the mapping
-// stay until the process ends.
-volatile U8* mapDevMem(U32 length) {
+// stay until the process ends. A /dev/mem that is a file too short for the
+// window is refused before anything is mapped: its pages past the end
+// would kill the process at the first access.
+volatile U8* mapDevMem(const HamDesc& desc) {
     int fd = Os::open(kDevMem, O_RDWR);
     if (fd < 0) amd::fatal("Could not open gpio device, errno %d", errno);
-    void* p = Os::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, fd, kFchBase);
+    long long bytes = Os::fileSize(fd);
+    if (bytes >= 0 && static_cast<U64>(bytes) < U64(desc.base) + desc.size)
+        hamTooSmall(desc, U64(desc.base) + desc.size, static_cast<U64>(bytes));
+    void* p = Os::mmap(nullptr, desc.size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, desc.base);
     if (p == MAP_FAILED) amd::fatal("Could not mmap gpio device, errno %d", errno);
     return static_cast<volatile U8*>(p);
 }
@@ -143,7 +148,7 @@ int validatePlatform() {
     if (Ptr<HamImpl> substitute = Ham::provided(desc))
         useSoc(soc.kind, nullptr, substitute);
     else
-        useSoc(soc.kind, mapDevMem(soc.windowLength), nullptr);
+        useSoc(soc.kind, mapDevMem(desc), nullptr);
     return platformClass;
 }
 

@@ -1,5 +1,6 @@
 #include "xilinx/backends/CedarForkPCHIntf.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -54,6 +55,7 @@ void CedarForkPCHIntf::padBitsIs(U32 pad, U16 from, U16 to, U32 value) {
 void CedarForkPCHIntf::select(const char* deviceName) {
     const Device* d = findDevice(deviceName);
     if (!d) xilUnknownDevice(deviceName);
+    ham->reaches(U64(std::max({d->tck, d->tdi, d->tms, d->tdo, d->aux, d->fixed})) + 4);
     impl = ham->hamImpl();
     tckPad = d->tck;
     tdiPad = d->tdi;

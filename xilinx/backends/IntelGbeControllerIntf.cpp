@@ -43,6 +43,14 @@ constexpr Led leds[3] = {
     {{16, 23}, 0x2003E, {8, 15}},
 };
 
+// One past the highest register byte the backend touches: the 16-bit LED
+// default words lie above CTRL, CTRL_EXT and the LED control register.
+constexpr U32 registersEnd = [] {
+    U32 end = ledCtlOffset + 4;
+    for (const Led& led : leds) end = led.defaultOffset + 2 > end ? led.defaultOffset + 2 : end;
+    return end;
+}();
+
 // The warning LED blinks in mode 0x0 while the warning is on and in mode 0x1
 // otherwise.
 constexpr U32 ledModeWarning = 0x0;
@@ -80,6 +88,7 @@ IntelGbeControllerIntf::IntelGbeControllerIntf(U16 pciVendor, U16 pciDevice, U16
                                               << _fmt("%04x:%02x:%02x.%01x", domain, bus, device, function));
     Ptr<Ham> window = new PciHam(lockName, 0, windowSize, "resource0", "", "",
                                  PciAddress{domain, bus, device, function}, 0, true);
+    window->reaches(registersEnd);
     ham = window->hamImpl();
 }
 

@@ -1,5 +1,6 @@
 #include "xilinx/backends/PericomGen3Intf.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "xilinx/XilTrace.h"
@@ -61,6 +62,9 @@ void PericomGen3Intf::levelIs(U32 pin, bool level) { bitIs(bankReg(gpioOutOffset
 void PericomGen3Intf::select(const char* deviceName) {
     const Device* d = findDevice(deviceName);
     if (!d) xilUnknownDevice(deviceName);
+    // The output-data register is the highest of a bank's three.
+    U32 top = std::max({d->tckPin, d->tdiPin, d->tmsPin, d->tdoPin});
+    ham->reaches(U64(d->blockBase) + gpioOutOffset[top > 15] + 4);
     blockBase = d->blockBase;
     impl = ham->hamImpl();
     tckPin = d->tckPin;

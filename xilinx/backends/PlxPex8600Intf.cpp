@@ -105,6 +105,11 @@ inline void PlxPex8600Intf::drive(U8 pin, bool level, bool fromCache) {
 void PlxPex8600Intf::select(const char* deviceName) {
     const PinTable* t = pinTable(deviceName);
     if (!t) xilUnknownDevice(deviceName);
+    // The output-data register is the highest of a group's three.
+    unsigned top = 0;
+    for (U8 pin : {t->tck, t->tdi, t->tms, t->tdo, t->heldLow})
+        if (pin != kNoPin && group(pin) > top) top = group(pin);
+    ham->reaches(kOutputData + kGroupStride * top + 4);
     impl = ham->hamImpl();
     tckPin = t->tck;
     tdiPin = t->tdi;

@@ -112,14 +112,18 @@ void PlxPex8700Intf::select(const char* deviceName) {
     tdoPin = t->tdo;
 
     if (t->relocated) {
+        ham->reaches(kBlockSelect + 4);
         U32 blockSelect;
         impl->read32(kBlockSelect, &blockSelect);
         U32 block = Hal::bits<U32>(blockSelect, kBlockSelectFirst, kBlockSelectLast) * kBlockSize;
+        // The block comes from the switch: the file must hold it before it is used.
+        ham->reaches(block + kBlockOutputData + 4);
         dirOffset = block + kBlockDirection;
         dir10Offset = block + kBlockDirection10;
         inputOffset = block + kBlockInputData;
         outputOffset = block + kBlockOutputData;
     }
+    ham->reaches(outputOffset + 4);  // the highest of the four registers
 
     if (heldLowPin != kNoPin) {
         setDir(heldLowPin, kDirOutput);

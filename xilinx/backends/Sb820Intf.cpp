@@ -30,6 +30,13 @@ constexpr SetupPin kSetupPins[3] = {{60, true}, {41, false}, {50, false}};  // 0
 
 constexpr unsigned kSettleMicroseconds = 1000;
 
+// One past the highest control byte the backend touches (TCK's, GPIO 189).
+constexpr U32 kRegistersEnd = [] {
+    U8 top = kTckGpio > kTdiGpio ? kTckGpio : kTdiGpio;
+    for (U8 g : {kTmsGpio, kTdoGpio, kSetupPins[0].gpio, kSetupPins[1].gpio, kSetupPins[2].gpio}) top = g > top ? g : top;
+    return kControlBase + top + 1;
+}();
+
 bool isDevice(const char* name) { return std::strcmp(name, "fodak") == 0 || std::strcmp(name, "komefi") == 0; }
 
 }  // namespace
@@ -55,6 +62,7 @@ void Sb820Intf::setInput(U8 gpio) {
 
 void Sb820Intf::select(const char* deviceName) {
     if (!isDevice(deviceName)) xilUnknownDevice(deviceName);
+    ham->reaches(kRegistersEnd);
     impl = ham->hamImpl();
     tckPin = kTckGpio;
     tdiPin = kTdiGpio;
