@@ -346,16 +346,49 @@ constexpr amd::PinFn mosavoSetOutput = padDirectionIs<A, Mosavo, true>;
 template <class A>
 constexpr amd::GetBitFn mosavoDirectionInput = padDirectionInput<A, Mosavo>;
 
+// ---- the vector path ----
+
+// Every pin has a control register of its own (a byte on Kabini, a 32-bit
+// word on the others), so nothing can be combined: a cycle costs the two
+// TCK writes, plus one write for each change of TMS or TDI; no read but
+// TDO's, in the cycles that want it (the per-pin path reads before every
+// write). A shift first reads the three control registers.
+template <class A>
+struct ControlBytes {
+    U32 read(U32 offset) { return A::read8(offset); }
+    void write(U32 offset, U32 value) { A::write8(offset, static_cast<U8>(value)); }
+};
+template <class A>
+struct ControlWords {
+    U32 read(U32 offset) { return A::read32(offset); }
+    void write(U32 offset, U32 value) { A::write32(offset, value); }
+};
+
+template <class W>
+void shiftOn(Hal::VectorPins& pins, U32 nbits, const U8* tms, const U8* tdi, U8* tdo) {
+    W window;
+    Hal::shiftVector(window, pins, nbits, tms, tdi, tdo);
+}
+template <class W>
+void pinsOn(Hal::VectorPins& pins, bool tck, bool tms, bool tdi) {
+    W window;
+    Hal::pinsVector(window, pins, tck, tms, tdi);
+}
+
 // Indexed by amd::SocKind.
 template <class A>
 constexpr amd::Family kFamilies[] = {
-    {nullptr, nullptr, nullptr, nullptr, nullptr},
-    {kabiniGetBit<A>, kabiniSetBit<A>, kabiniSetInput<A>, kabiniSetOutput<A>, kabiniDirectionInput<A>},
+    {nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr},
+    {kabiniGetBit<A>, kabiniSetBit<A>, kabiniSetInput<A>, kabiniSetOutput<A>, kabiniDirectionInput<A>,
+     shiftOn<ControlBytes<A>>, pinsOn<ControlBytes<A>>},
     {steppeEagleGetBit<A>, steppeEagleSetBit<A>, steppeEagleSetInput<A>, steppeEagleSetOutput<A>,
-     steppeEagleDirectionInput<A>},
-    {mosavoGetPinStatus<A>, mosavoSetBit<A>, mosavoSetInput<A>, mosavoSetOutput<A>, mosavoDirectionInput<A>},
-    {r1000GetPinStatus<A>, r1000SetBit<A>, r1000SetInput<A>, r1000SetOutput<A>, r1000DirectionInput<A>},
-    {v3000GetPinStatus<A>, v3000SetBit<A>, v3000SetInput<A>, v3000SetOutput<A>, v3000DirectionInput<A>},
+     steppeEagleDirectionInput<A>, shiftOn<ControlWords<A>>, pinsOn<ControlWords<A>>},
+    {mosavoGetPinStatus<A>, mosavoSetBit<A>, mosavoSetInput<A>, mosavoSetOutput<A>, mosavoDirectionInput<A>,
+     shiftOn<ControlWords<A>>, pinsOn<ControlWords<A>>},
+    {r1000GetPinStatus<A>, r1000SetBit<A>, r1000SetInput<A>, r1000SetOutput<A>, r1000DirectionInput<A>,
+     shiftOn<ControlWords<A>>, pinsOn<ControlWords<A>>},
+    {v3000GetPinStatus<A>, v3000SetBit<A>, v3000SetInput<A>, v3000SetOutput<A>, v3000DirectionInput<A>,
+     shiftOn<ControlWords<A>>, pinsOn<ControlWords<A>>},
 };
 
 template <class L>
@@ -372,6 +405,21 @@ GetBitFn getBitFn;
 SetBitFn setBitFn;
 PinFn setInputFn;
 PinFn setOutputFn;
+ShiftFn shiftFn;
+PinsFn pinsFn;
+
+void vectorPinsOf(U8 tck, U8 tms, U8 tdi, U8 tdo, Hal::VectorPins* p) {
+    p->clear();
+    if (tck == kNoPin) return;
+    // Kabini: the control byte of the pin; the others: the pad's control word.
+    auto control = [](U8 gpio) { return activePins ? 4 * activePins[gpio].regIndex : kKabiniControlBase + gpio; };
+    U32 level = activePins ? kPadOutputLevel : kKabiniOutputLevel;
+    p->regOf(control(tck));
+    p->tckMask = level;
+    if (tms != kNoPin) p->tmsReg = p->regOf(control(tms)), p->tmsMask = level;
+    if (tdi != kNoPin) p->tdiReg = p->regOf(control(tdi)), p->tdiMask = level;
+    if (tdo != kNoPin) p->tdoOffset = control(tdo), p->tdoMask = activePins ? kPadPinLevel : kKabiniPinLevel;
+}
 
 const Family& family(SocKind kind, bool substituted) {
     auto index = static_cast<std::size_t>(kind);
@@ -386,6 +434,8 @@ void useSoc(SocKind kind, volatile U8* mapped, Ptr<HamImpl> substituted) {
     setBitFn = f.setBit;
     setInputFn = f.setInput;
     setOutputFn = f.setOutput;
+    shiftFn = f.shift;
+    pinsFn = f.pins;
     activePins = nullptr;
     activePinCount = 0;
     switch (kind) {

@@ -9,6 +9,7 @@
 #pragma once
 #include "Types.h"
 #include "ham/Ham.h"
+#include "xilinx/hal/VectorShift.h"
 #include "xilinx/amd/AmdPlatform.h"
 
 #pragma GCC visibility push(hidden)
@@ -20,6 +21,8 @@ constexpr U8 kNoPin = 0xFF;
 using GetBitFn = bool (*)(U8 gpio);
 using SetBitFn = void (*)(U8 gpio, bool level);
 using PinFn = void (*)(U8 gpio);
+using ShiftFn = void (*)(Hal::VectorPins& pins, U32 nbits, const U8* tms, const U8* tdi, U8* tdo);
+using PinsFn = void (*)(Hal::VectorPins& pins, bool tck, bool tms, bool tdi);
 
 // The five operations of one SoC kind, on one kind of window access.
 struct Family {
@@ -28,6 +31,8 @@ struct Family {
     PinFn setInput;           // route the pad to GPIO, output driver off
     PinFn setOutput;          // route the pad to GPIO, output driver on
     GetBitFn directionInput;  // true when the output driver is off
+    ShiftFn shift;            // the vector path on this kind's registers
+    PinsFn pins;
 };
 
 // The family of a SoC kind: plain loads and stores on the mapped window, or
@@ -40,6 +45,12 @@ extern GetBitFn getBitFn;
 extern SetBitFn setBitFn;
 extern PinFn setInputFn;
 extern PinFn setOutputFn;
+extern ShiftFn shiftFn;
+extern PinsFn pinsFn;
+
+// Places TCK, TMS, TDI and TDO (validated GPIOs, or kNoPin) in the active
+// SoC's registers for the vector path; no access.
+void vectorPinsOf(U8 tck, U8 tms, U8 tdi, U8 tdo, Hal::VectorPins* pins);
 
 // Makes kind the active SoC on its window: either the mapping of /dev/mem
 // or, when a provider stands in for it, that implementation. Called once

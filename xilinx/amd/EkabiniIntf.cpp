@@ -97,9 +97,18 @@ const Wiring* wiringOf(const char* deviceName) {
 
 }  // namespace
 
-void EkabiniIntf::tdiIs(bool value) { amd::setBitFn(wiring_.tdi, value); }
-void EkabiniIntf::tmsIs(bool value) { amd::setBitFn(wiring_.tms, value); }
-void EkabiniIntf::tckIs(bool value) { amd::setBitFn(wiring_.tck, value); }
+void EkabiniIntf::tdiIs(bool value) {
+    vec_.valid = false;
+    amd::setBitFn(wiring_.tdi, value);
+}
+void EkabiniIntf::tmsIs(bool value) {
+    vec_.valid = false;
+    amd::setBitFn(wiring_.tms, value);
+}
+void EkabiniIntf::tckIs(bool value) {
+    vec_.valid = false;
+    amd::setBitFn(wiring_.tck, value);
+}
 bool EkabiniIntf::tdo() { return amd::getBitFn(wiring_.tdo); }
 
 void EkabiniIntf::eachDrivenPin(void (*operation)(U8 gpio)) const {
@@ -119,10 +128,24 @@ void EkabiniIntf::select(const char* deviceName) {
     amd::setBitFn(wiring_.tdi, false);
     amd::setBitFn(wiring_.tms, false);
     for (const AuxPin& aux : wiring_.aux) amd::setBitFn(aux.gpio, aux.level);
+    amd::vectorPinsOf(wiring_.tck, wiring_.tms, wiring_.tdi, wiring_.tdo, &vec_);
+}
+
+// The SoC kind's vector path (AmdGpio.cpp); before select, nothing.
+void EkabiniIntf::shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) {
+    if (vec_.count == 0) return Hal::shiftNoPins(nbits, tdoBits);
+    amd::shiftFn(vec_, nbits, tms, tdi, tdoBits);
+}
+
+void EkabiniIntf::pinsIs(bool tck, bool tms, bool tdi) {
+    if (vec_.count) amd::pinsFn(vec_, tck, tms, tdi);
 }
 
 // TDO is an input already; the window stays mapped and the lock held.
-void EkabiniIntf::cleanup(const char*) { eachDrivenPin(amd::setInputFn); }
+void EkabiniIntf::cleanup(const char*) {
+    eachDrivenPin(amd::setInputFn);
+    vec_.valid = false;
+}
 
 void EkabiniIntf::warningIs(bool) {}
 

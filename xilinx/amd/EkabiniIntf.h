@@ -7,6 +7,7 @@
 // by every interface of this kind.
 #pragma once
 #include "xilinx/XilIntfFactory.h"
+#include "xilinx/hal/VectorShift.h"
 
 class EkabiniIntf : public XilIntf {
   public:
@@ -21,6 +22,8 @@ class EkabiniIntf : public XilIntf {
     void select(const char* deviceName) override;
     void cleanup(const char* deviceName) override;
     void warningIs(bool on) override;  // no warning indication here
+    void shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) override;
+    void pinsIs(bool tck, bool tms, bool tdi) override;
 
     // GPIO numbers in the numbering of the board's SoC; 0xFF: no pin.
     struct AuxPin {
@@ -37,6 +40,7 @@ class EkabiniIntf : public XilIntf {
 
     // No pin until select: an early pin operation touches nothing.
     Wiring wiring_{0xFF, 0xFF, 0xFF, 0xFF, {{0xFF, false}, {0xFF, false}, {0xFF, false}, {0xFF, false}}};
+    Hal::VectorPins vec_;  // the control registers of TCK, TMS and TDI
 };
 
 class EkabiniGpioFactory : public XilIntfFactory {

@@ -95,6 +95,7 @@ U32 CaveCreekPCHIntf::ioSelectGpioReg(U8 gpio) const { return gpioBase + bankOf(
 U32 CaveCreekPCHIntf::readWriteGpioReg(U8 gpio) const { return gpioBase + bankOf(gpio).level; }
 
 void CaveCreekPCHIntf::bitIs(U32 port, U8 gpio, bool set) {
+    vec_.valid = false;
     U32 bit = 1u << (gpio % kBankWidth);
     U32 value;
     impl->read32(port, &value);
@@ -136,6 +137,42 @@ void CaveCreekPCHIntf::select(const char* deviceName) {
         if (setupPins[i] != kNoPin) levelIs(setupPins[i], setupLevels[i]);
     lastTdi = false;
     lastTms = false;
+
+    vec_.clear();
+    if (tckPin == kNoPin) return;
+    auto mask = [](U8 gpio) { return gpio == kNoPin ? 0u : 1u << (gpio % kBankWidth); };
+    vec_.regOf(readWriteGpioReg(tckPin));
+    vec_.tckMask = mask(tckPin);
+    if (tmsPin != kNoPin) vec_.tmsReg = vec_.regOf(readWriteGpioReg(tmsPin)), vec_.tmsMask = mask(tmsPin);
+    if (tdiPin != kNoPin) vec_.tdiReg = vec_.regOf(readWriteGpioReg(tdiPin)), vec_.tdiMask = mask(tdiPin);
+    if (tdoPin != kNoPin) vec_.tdoOffset = readWriteGpioReg(tdoPin), vec_.tdoMask = mask(tdoPin);
+}
+
+// Vector path. The level register of a bank of 32 GPIOs holds TCK and
+// whichever of TMS and TDI lie in TCK's bank: a cycle is the two TCK writes,
+// the falling one carrying the next TMS and TDI of that bank, plus one write
+// for each change of a TMS or TDI in another bank (on "zetizSwitch*",
+// "posabu" and "tomit" both sit in bank 1, TCK in bank 0); no read but TDO's,
+// in the cycles that want it (the per-pin path reads on every TCK edge). A
+// shift first reads the level registers involved (one or two I/O reads per
+// call).
+void CaveCreekPCHIntf::shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) {
+    Hal::Registers32 ports{impl.ptr()};
+    Hal::shiftVector(ports, vec_, nbits, tms, tdi, tdoBits);
+    lastLevelsFromImage();
+}
+
+void CaveCreekPCHIntf::pinsIs(bool tck, bool tms, bool tdi) {
+    Hal::Registers32 ports{impl.ptr()};
+    Hal::pinsVector(ports, vec_, tck, tms, tdi);
+    lastLevelsFromImage();
+}
+
+// tdiIs and tmsIs skip a level equal to the last one: it must be the pin's.
+void CaveCreekPCHIntf::lastLevelsFromImage() {
+    if (vec_.count == 0) return;
+    if (vec_.tmsMask) lastTms = vec_.regs[vec_.tmsReg].image & vec_.tmsMask;
+    if (vec_.tdiMask) lastTdi = vec_.regs[vec_.tdiReg].image & vec_.tdiMask;
 }
 
 // TCK is written on every call.

@@ -6,6 +6,7 @@
 // read-modify-write of one bit.
 #pragma once
 #include "ham/Ham.h"
+#include "xilinx/hal/VectorShift.h"
 #include "xilinx/XilIntfFactory.h"
 
 class CaveCreekPCHIntf : public XilIntf {
@@ -22,6 +23,8 @@ class CaveCreekPCHIntf : public XilIntf {
     void select(const char* deviceName) override;  // before any pin operation
     void cleanup(const char* deviceName) override;
     void warningIs(bool) override {}  // no warning indication
+    void shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) override;
+    void pinsIs(bool tck, bool tms, bool tdi) override;
 
     // The I/O port of the register of that kind that holds gpio's bit.
     U32 useSelectGpioReg(U8 gpio) const;
@@ -36,6 +39,8 @@ class CaveCreekPCHIntf : public XilIntf {
     void levelIs(U8 gpio, bool level);
     // TDI and TMS: written only when the level differs from the last one.
     void changedLevelIs(U8 gpio, bool& last, bool level);
+    // After a vector operation: the last TDI and TMS levels are the image's.
+    void lastLevelsFromImage();
 
     Ptr<Ham> ham;
     Ptr<HamImpl> impl;  // taken by select
@@ -50,6 +55,7 @@ class CaveCreekPCHIntf : public XilIntf {
     bool lastTdi = false;
     bool lastTms = false;
     bool auxLevel = false;
+    Hal::VectorPins vec_;  // the level registers of TCK, TMS and TDI
 };
 
 class CaveCreekPCHFactory : public XilIntfFactory {

@@ -46,6 +46,7 @@ const Device* findDevice(const char* name) {
 
 void CedarForkPCHIntf::padBitsIs(U32 pad, U16 from, U16 to, U32 value) {
     if (pad == kNoPad) return;
+    vec_.valid = false;
     U32 dw0;
     impl->read32(pad, &dw0);
     Hal::bitsIs<U32>(dw0, from, to, value);
@@ -73,6 +74,31 @@ void CedarForkPCHIntf::select(const char* deviceName) {
     padBitsIs(tdoPad, kTxDisBit, kRxDisBit, kInputBuffers);
     for (U32 pad : {tckPad, tdiPad, tmsPad}) padBitsIs(pad, kTxStateBit, kTxStateBit, 0);
     for (int i = 0; i < 3; ++i) padBitsIs(fixedPads[i], kTxStateBit, kTxStateBit, fixedLevels[i]);
+
+    vec_.clear();
+    vec_.regOf(tckPad);
+    vec_.tckMask = 1u << kTxStateBit;
+    vec_.tmsReg = vec_.regOf(tmsPad);
+    vec_.tmsMask = 1u << kTxStateBit;
+    vec_.tdiReg = vec_.regOf(tdiPad);
+    vec_.tdiMask = 1u << kTxStateBit;
+    vec_.tdoOffset = tdoPad;
+    vec_.tdoMask = 1u << kRxStateBit;
+}
+
+// Vector path. Every pad has a DW0 register of its own, so nothing can be
+// combined: a cycle costs the two TCK writes, plus one write for each change
+// of TMS or TDI; no read but TDO's, in the cycles that want it (the per-pin
+// path reads before every write). A shift first reads the three DW0
+// registers (three reads per call).
+void CedarForkPCHIntf::shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) {
+    Hal::Registers32 regs{impl.ptr()};
+    Hal::shiftVector(regs, vec_, nbits, tms, tdi, tdoBits);
+}
+
+void CedarForkPCHIntf::pinsIs(bool tck, bool tms, bool tdi) {
+    Hal::Registers32 regs{impl.ptr()};
+    Hal::pinsVector(regs, vec_, tck, tms, tdi);
 }
 
 void CedarForkPCHIntf::tckIs(bool value) { padBitsIs(tckPad, kTxStateBit, kTxStateBit, value); }

@@ -6,6 +6,7 @@
 // while it is selected (on one board, the select line of a JTAG mux).
 #pragma once
 #include "ham/Ham.h"
+#include "xilinx/hal/VectorShift.h"
 #include "xilinx/XilIntfFactory.h"
 
 class CedarForkPCHIntf : public XilIntf {
@@ -17,6 +18,8 @@ class CedarForkPCHIntf : public XilIntf {
     void select(const char* deviceName) override;
     void cleanup(const char* deviceName) override;
     void warningIs(bool) override {}  // no warning indication
+    void shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) override;
+    void pinsIs(bool tck, bool tms, bool tdi) override;
 
     static constexpr U32 noPad = 0xFFFFFFFF;
 
@@ -40,6 +43,7 @@ class CedarForkPCHIntf : public XilIntf {
     U32 auxPad = noPad;
     U32 fixedPads[3] = {noPad, noPad, noPad};
     U8 fixedLevels[3] = {};
+    Hal::VectorPins vec_;  // the DW0 registers of the TCK, TMS and TDI pads
 };
 
 // Serves its three device names on the platforms sosepi, disal and kubez.

@@ -113,6 +113,7 @@ U16 IntelGbeControllerIntf::read16(U32 offset) {
 }
 
 inline U8 IntelGbeControllerIntf::sdpBitIs(int pin, U8 SdpPin::*bit, bool level) {
+    vec_.valid = false;
     const SdpPin& p = sdpPins[static_cast<U8>(pin)];
     Reg& r = reg[p.reg];
     U32 mask = 1u << (p.*bit);
@@ -142,6 +143,7 @@ bool IntelGbeControllerIntf::tdo() {
     const SdpPin& p = sdpPins[static_cast<U8>(tdoPin)];
     Reg& r = reg[p.reg];
     r.cached = read32(r.offset);
+    vec_.valid = false;  // the pin operations now write what was just read
     int result = (r.cached >> p.dataBit) & 1;
     XTRACE(2, "tdo reg[" << int(p.reg) << "] 0x" << std::hex << r.cached << " Tdo " << result);
     return result;
@@ -166,11 +168,56 @@ void IntelGbeControllerIntf::select(const char* deviceName) {
     sdpBitIs(tmsPin, &SdpPin::dirBit, true);
     sdpBitIs(tckPin, &SdpPin::dirBit, true);
     sdpBitIs(tdoPin, &SdpPin::dirBit, false);
+
+    vec_.clear();
+    auto regOf = [this](int pin) { return vec_.regOf(reg[sdpPins[pin].reg].offset); };
+    auto mask = [](int pin) { return U32(1) << sdpPins[pin].dataBit; };
+    regOf(tckPin);
+    vec_.tckMask = mask(tckPin);
+    vec_.tmsReg = regOf(tmsPin);
+    vec_.tmsMask = mask(tmsPin);
+    vec_.tdiReg = regOf(tdiPin);
+    vec_.tdiMask = mask(tdiPin);
+    vec_.tdoOffset = reg[sdpPins[tdoPin].reg].offset;
+    vec_.tdoMask = mask(tdoPin);
+
     if (warningLed < 0) return;
     warningIs(false);
     U32 value;
     ham->read32(ledCtlOffset, &value);
     ham->write32(ledCtlOffset, value | (1u << ledGlobalBit));
+}
+
+struct IntelGbeControllerIntf::TracedRegisters {
+    IntelGbeControllerIntf* intf;
+    U32 read(U32 offset) { return intf->read32(offset); }
+    void write(U32 offset, U32 value) { intf->write32(offset, value); }
+};
+
+// Vector path. TCK (SDP0) and TDI (SDP1) are bits of CTRL, TMS (SDP2) and
+// TDO (SDP3) bits of CTRL_EXT: a cycle is the two CTRL writes, the falling
+// one carrying the next TDI, plus one CTRL_EXT write for each change of TMS,
+// and no read but TDO's (CTRL_EXT), in the cycles that want it. A shift
+// first reads CTRL and CTRL_EXT (two reads per call). Each access is traced
+// at level 2 like the pin operations' own.
+void IntelGbeControllerIntf::shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) {
+    TracedRegisters regs{this};
+    Hal::shiftVector(regs, vec_, nbits, tms, tdi, tdoBits);
+    cachedFromImage();
+}
+
+void IntelGbeControllerIntf::pinsIs(bool tck, bool tms, bool tdi) {
+    TracedRegisters regs{this};
+    Hal::pinsVector(regs, vec_, tck, tms, tdi);
+    cachedFromImage();
+}
+
+// The pin operations write whole registers from the cached copies: they go
+// on from what the vector path last read or wrote.
+void IntelGbeControllerIntf::cachedFromImage() {
+    for (unsigned k = 0; k < vec_.count; ++k)
+        for (Reg& r : reg)
+            if (r.offset == vec_.regs[k].offset) r.cached = vec_.regs[k].image;
 }
 
 void IntelGbeControllerIntf::warningIs(bool on) {
@@ -187,6 +234,7 @@ void IntelGbeControllerIntf::warningIs(bool on) {
 void IntelGbeControllerIntf::cleanup(const char*) {
     for (int pin : {tdiPin, tmsPin, tckPin, tdoPin})
         if (pin >= 0) sdpBitIs(pin, &SdpPin::dirBit, false);
+    vec_.valid = false;
     if (warningLed < 0) return;
     const Led& led = leds[warningLed];
     const Field& def = led.defaultField;

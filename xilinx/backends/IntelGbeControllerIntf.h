@@ -5,6 +5,7 @@
 // the controller's LEDs serves as the board's warning indication.
 #pragma once
 #include "ham/Ham.h"
+#include "xilinx/hal/VectorShift.h"
 #include "xilinx/XilIntfFactory.h"
 
 class IntelGbeControllerIntf : public XilIntf {
@@ -19,6 +20,8 @@ class IntelGbeControllerIntf : public XilIntf {
     void select(const char* deviceName) override;
     void cleanup(const char* deviceName) override;
     void warningIs(bool on) override;
+    void shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) override;
+    void pinsIs(bool tck, bool tms, bool tdi) override;
 
     struct SdpPin {
         U8 reg;  // index into reg
@@ -27,6 +30,10 @@ class IntelGbeControllerIntf : public XilIntf {
     };
 
   private:
+    struct TracedRegisters;  // the accessors below, for the vector path
+    // After a vector operation: the cached copies take the image.
+    void cachedFromImage();
+
     // One register access each, traced at level 2.
     U32 read32(U32 offset);
     void write32(U32 offset, U32 value);
@@ -48,6 +55,7 @@ class IntelGbeControllerIntf : public XilIntf {
     int tckPin = -1;
     int tdoPin = -1;
     int warningLed = -1;  // index into the LED table; -1: none
+    Hal::VectorPins vec_;  // CTRL (TCK, TDI) and CTRL_EXT (TMS, TDO) for the vector path
 };
 
 class IntelGbeControllerFactory : public XilIntfFactory {

@@ -47,6 +47,7 @@ U32 PericomGen3Intf::bankReg(const U16 (&offsets)[2], U32 pin) const { return bl
 
 void PericomGen3Intf::bitIs(U32 offset, U32 bit, bool level) {
     if (!impl) return;
+    vec_.valid = false;
     U32 value;
     impl->read32(offset, &value);
     value = level ? value | (1u << bit) : value & ~(1u << bit);
@@ -78,6 +79,31 @@ void PericomGen3Intf::select(const char* deviceName) {
     levelIs(tckPin, false);
     levelIs(tdiPin, false);
     levelIs(tmsPin, false);
+
+    vec_.clear();
+    vec_.regOf(bankReg(gpioOutOffset, tckPin));
+    vec_.tckMask = 1u << bitOf(tckPin);
+    vec_.tmsReg = vec_.regOf(bankReg(gpioOutOffset, tmsPin));
+    vec_.tmsMask = 1u << bitOf(tmsPin);
+    vec_.tdiReg = vec_.regOf(bankReg(gpioOutOffset, tdiPin));
+    vec_.tdiMask = 1u << bitOf(tdiPin);
+    vec_.tdoOffset = bankReg(gpioInOffset, tdoPin);
+    vec_.tdoMask = 1u << bitOf(tdoPin);
+}
+
+// Vector path. TCK, TMS and TDI are GPIOs 0 to 2, bits of one output-data
+// register: a cycle is the two TCK writes, the falling one carrying the next
+// TMS and TDI, and no read but TDO's, in the cycles that want it (the
+// per-pin path reads before every write). A shift first reads the
+// output-data register (one read per call).
+void PericomGen3Intf::shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) {
+    Hal::Registers32 regs{impl.ptr()};
+    Hal::shiftVector(regs, vec_, nbits, tms, tdi, tdoBits);
+}
+
+void PericomGen3Intf::pinsIs(bool tck, bool tms, bool tdi) {
+    Hal::Registers32 regs{impl.ptr()};
+    Hal::pinsVector(regs, vec_, tck, tms, tdi);
 }
 
 void PericomGen3Intf::tckIs(bool value) { levelIs(tckPin, value); }

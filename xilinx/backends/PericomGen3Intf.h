@@ -4,6 +4,7 @@
 // block. Every pin change is a read-modify-write of the hardware.
 #pragma once
 #include "ham/Ham.h"
+#include "xilinx/hal/VectorShift.h"
 #include "xilinx/XilIntfFactory.h"
 
 class PericomGen3Intf : public XilIntf {
@@ -18,6 +19,8 @@ class PericomGen3Intf : public XilIntf {
     void select(const char* deviceName) override;
     void cleanup(const char* deviceName) override;
     void warningIs(bool) override {}  // no warning indication on these boards
+    void shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) override;
+    void pinsIs(bool tck, bool tms, bool tdi) override;
 
   private:
     // The register of pin's bank, of the kind whose per-bank offsets are given.
@@ -35,6 +38,7 @@ class PericomGen3Intf : public XilIntf {
     U32 tdiPin = 0;
     U32 tmsPin = 0;
     U32 tdoPin = 0;
+    Hal::VectorPins vec_;  // output-data register(s) of TCK, TMS and TDI
 };
 
 class PericomGen3Factory : public XilIntfFactory {

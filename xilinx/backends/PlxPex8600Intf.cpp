@@ -89,6 +89,7 @@ void PlxPex8600Intf::setInput(U8 pin) {
 
 // Inline: it is the whole of a TCK edge.
 inline void PlxPex8600Intf::drive(U8 pin, bool level, bool fromCache) {
+    vec_.valid = false;
     unsigned g = group(pin);
     U32 value;
     if (fromCache && cachedAddr[g] != 0) {
@@ -124,6 +125,40 @@ void PlxPex8600Intf::select(const char* deviceName) {
 
     for (U8 pin : {tckPin, tdiPin, tmsPin, heldLowPin})
         if (pin != kNoPin) drive(pin, false, false);
+
+    vec_.clear();
+    if (tckPin == kNoPin) return;
+    vec_.regOf(groupRegister(kOutputData, tckPin));
+    vec_.tckMask = bit(tckPin);
+    if (tmsPin != kNoPin) vec_.tmsReg = vec_.regOf(groupRegister(kOutputData, tmsPin)), vec_.tmsMask = bit(tmsPin);
+    if (tdiPin != kNoPin) vec_.tdiReg = vec_.regOf(groupRegister(kOutputData, tdiPin)), vec_.tdiMask = bit(tdiPin);
+    if (tdoPin != kNoPin) vec_.tdoOffset = groupRegister(kInputData, tdoPin), vec_.tdoMask = bit(tdoPin);
+}
+
+// Vector path. On every board TCK, TMS and TDI are GPIOs of one group and so
+// bits of one output-data register: a cycle is the two TCK writes, the
+// falling one carrying the next TMS and TDI, and no read but TDO's, in the
+// cycles that want it. A shift first reads the output-data register (one
+// read per call).
+void PlxPex8600Intf::shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) {
+    Hal::Registers32 regs{impl.ptr()};
+    Hal::shiftVector(regs, vec_, nbits, tms, tdi, tdoBits);
+    cacheFromImage();
+}
+
+void PlxPex8600Intf::pinsIs(bool tck, bool tms, bool tdi) {
+    Hal::Registers32 regs{impl.ptr()};
+    Hal::pinsVector(regs, vec_, tck, tms, tdi);
+    cacheFromImage();
+}
+
+// The per-pin operations go on from what the vector path last wrote.
+void PlxPex8600Intf::cacheFromImage() {
+    for (unsigned k = 0; k < vec_.count; ++k) {
+        unsigned g = (vec_.regs[k].offset - kOutputData) / kGroupStride;
+        cachedAddr[g] = vec_.regs[k].offset;
+        cachedValue[g] = vec_.regs[k].image;
+    }
 }
 
 void PlxPex8600Intf::tdiIs(bool value) {
@@ -161,7 +196,9 @@ void PlxPex8600Intf::cleanup(const char*) {
     // TDO stays an input, and the output-data registers keep their levels.
     for (U8 pin : {tckPin, tdiPin, tmsPin, heldLowPin})
         if (pin != kNoPin) setInput(pin);
-    XTRACE(5, "jtag totals: tdo " << tdoCount << " tdi " << tdiCount << " tms " << tmsCount << " tck " << tckCount);
+    // The pin operations' counts, and the vector path's writes and reads.
+    XTRACE(5, "jtag totals: tdo " << tdoCount + vec_.tdoReads << " tdi " << tdiCount + vec_.tdiWrites << " tms "
+                                  << tmsCount + vec_.tmsWrites << " tck " << tckCount + vec_.tckWrites);
 }
 
 bool PlxPex8600Factory::manages(const char* deviceName) { return pinTable(deviceName) != nullptr; }

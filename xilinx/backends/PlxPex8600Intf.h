@@ -9,6 +9,7 @@
 // current, so a TCK edge never undoes a TDI or TMS level.
 #pragma once
 #include "ham/Ham.h"
+#include "xilinx/hal/VectorShift.h"
 #include "xilinx/XilIntfFactory.h"
 
 class PlxPex8600Intf : public XilIntf {
@@ -22,6 +23,8 @@ class PlxPex8600Intf : public XilIntf {
     void select(const char* deviceName) override;
     void cleanup(const char* deviceName) override;
     void warningIs(bool) override {}
+    void shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) override;
+    void pinsIs(bool tck, bool tms, bool tdi) override;
 
     void setOutput(U8 pin);
     void setInput(U8 pin);
@@ -34,6 +37,8 @@ class PlxPex8600Intf : public XilIntf {
     // the register as read.
     void drive(U8 pin, bool level, bool fromCache);
     void directionIs(U8 pin, U32 dir);
+    // After a vector operation: the output-data cache takes the image.
+    void cacheFromImage();
 
     Ptr<Ham> ham;
     Ptr<HamImpl> impl;
@@ -48,6 +53,7 @@ class PlxPex8600Intf : public XilIntf {
     U32 tdiCount;
     U32 tmsCount;
     U32 tckCount;
+    Hal::VectorPins vec_;  // the output-data register(s) of TCK, TMS and TDI
 };
 
 class PlxPex8600Factory : public XilIntfFactory {

@@ -136,6 +136,31 @@ void PlxPex8700Intf::select(const char* deviceName) {
         setDir(heldHighPin, kDirOutput);
         setPin(heldHighPin, true, false);
     }
+
+    vec_.clear();
+    if (tckPin == kNoPin) return;
+    vec_.regOf(outputOffset);
+    vec_.tckMask = U32(1) << tckPin;
+    vec_.tmsMask = tmsPin == kNoPin ? 0 : U32(1) << tmsPin;
+    vec_.tdiMask = tdiPin == kNoPin ? 0 : U32(1) << tdiPin;
+    vec_.tdoOffset = inputOffset;
+    vec_.tdoMask = tdoPin == kNoPin ? 0 : U32(1) << tdoPin;
+}
+
+// Vector path. All eleven GPIOs are bits of one output-data register: a
+// cycle is the two TCK writes, the falling one carrying the next TMS and
+// TDI, and no read but TDO's, in the cycles that want it. A shift first
+// reads the output-data register (one read per call).
+void PlxPex8700Intf::shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) {
+    Hal::Registers32 regs{impl.ptr()};
+    Hal::shiftVector(regs, vec_, nbits, tms, tdi, tdoBits);
+    if (vec_.count) cachedOut = vec_.regs[0].image;  // the per-pin operations go on from it
+}
+
+void PlxPex8700Intf::pinsIs(bool tck, bool tms, bool tdi) {
+    Hal::Registers32 regs{impl.ptr()};
+    Hal::pinsVector(regs, vec_, tck, tms, tdi);
+    if (vec_.count) cachedOut = vec_.regs[0].image;
 }
 
 void PlxPex8700Intf::tdiIs(bool value) {
@@ -159,6 +184,7 @@ void PlxPex8700Intf::cleanup(const char*) {
     // output-data register keeps its levels.
     for (U8 pin : {tckPin, tdiPin, tmsPin, heldHighPin})
         if (pin != kNoPin) setDir(pin, kDirInput);
+    vec_.valid = false;
 }
 
 bool PlxPex8700Factory::manages(const char* deviceName) { return pinTable(deviceName) != nullptr; }

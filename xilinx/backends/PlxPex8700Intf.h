@@ -11,6 +11,7 @@
 #include <cassert>
 
 #include "ham/Ham.h"
+#include "xilinx/hal/VectorShift.h"
 #include "xilinx/XilIntfFactory.h"
 
 class PlxPex8700Intf : public XilIntf {
@@ -24,6 +25,8 @@ class PlxPex8700Intf : public XilIntf {
     void select(const char* deviceName) override;
     void cleanup(const char* deviceName) override;
     void warningIs(bool) override {}
+    void shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) override;
+    void pinsIs(bool tck, bool tms, bool tdi) override;
 
     // GPIO numbers; 255 (no pin) never reaches the helpers below.
     static constexpr U8 MIN_PIN = 0;
@@ -55,10 +58,12 @@ class PlxPex8700Intf : public XilIntf {
     U8 tdoPin;
     U32 tckCount;
     U32 cachedOut;
+    Hal::VectorPins vec_;  // the output-data register for the vector path
 };
 
 inline void PlxPex8700Intf::setPin(U8 pin, bool level, bool fromCache) {
     checkPin(pin);
+    vec_.valid = false;
     U32 value = cachedOut;
     if (!fromCache) impl->read32(outputOffset, &value);
     U32 bit = U32(1) << pin;

@@ -37,6 +37,17 @@ constexpr U32 kRegistersEnd = [] {
     return kControlBase + top + 1;
 }();
 
+// The control bytes as the vector path sees them.
+struct ControlBytes {
+    HamImpl* impl;
+    U32 read(U32 offset) {
+        U8 byte = 0;
+        impl->read8(offset, &byte);
+        return byte;
+    }
+    void write(U32 offset, U32 value) { impl->write8(offset, static_cast<U8>(value)); }
+};
+
 bool isDevice(const char* name) { return std::strcmp(name, "fodak") == 0 || std::strcmp(name, "komefi") == 0; }
 
 }  // namespace
@@ -83,12 +94,51 @@ void Sb820Intf::select(const char* deviceName) {
     for (U8 gpio : {tckPin, tdiPin, tmsPin})
         if (gpio != kNoPin) controlIs(gpio, kOutputLevel, 0);
     Os::usleep(kSettleMicroseconds);
+
+    vec_.clear();
+    vec_.regOf(kControlBase + tckPin);
+    vec_.tckMask = kOutputLevel;
+    vec_.tmsReg = vec_.regOf(kControlBase + tmsPin);
+    vec_.tmsMask = kOutputLevel;
+    vec_.tdiReg = vec_.regOf(kControlBase + tdiPin);
+    vec_.tdiMask = kOutputLevel;
+    vec_.tdoOffset = kControlBase + tdoPin;
+    vec_.tdoMask = kInputLevel;
+}
+
+// Vector path. Every pin has a control byte of its own, so nothing can be
+// combined: a cycle costs the two TCK writes, plus one write for each change
+// of TMS or TDI; no read but TDO's, in the cycles that want it. A shift
+// first reads the three control bytes (three reads per call).
+void Sb820Intf::shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) {
+    ControlBytes bytes{impl.ptr()};
+    Hal::shiftVector(bytes, vec_, nbits, tms, tdi, tdoBits);
+    cachesFromImage();
+}
+
+void Sb820Intf::pinsIs(bool tck, bool tms, bool tdi) {
+    ControlBytes bytes{impl.ptr()};
+    Hal::pinsVector(bytes, vec_, tck, tms, tdi);
+    cachesFromImage();
+}
+
+void Sb820Intf::cachesFromImage() {
+    if (vec_.count == 0) return;
+    auto take = [this](PinCache& cache, unsigned reg) {
+        U8 byte = static_cast<U8>(vec_.regs[reg].image);
+        cache = {vec_.regs[reg].offset, static_cast<U8>(byte | kOutputLevel), static_cast<U8>(byte & ~kOutputLevel),
+                 (byte & kOutputLevel) != 0};
+    };
+    take(tckCache, 0);
+    take(tmsCache, vec_.tmsReg);
+    take(tdiCache, vec_.tdiReg);
 }
 
 // The first call for a pin reads its control byte (the driver is on since
 // select) and always writes; later calls write only when the level changes.
 // Inline: it is the whole of a pin change.
 inline void Sb820Intf::levelIs(PinCache& cache, U8 gpio, bool level, U32& count) {
+    vec_.valid = false;
     if (cache.offset == 0) {
         if (gpio == kNoPin) return;  // before select: no pin, no register
         cache.offset = kControlBase + gpio;
@@ -136,7 +186,10 @@ bool Sb820Intf::tdo() {
 void Sb820Intf::cleanup(const char*) {
     for (U8 gpio : {tckPin, tdiPin, tmsPin, setupPins[0], setupPins[1], setupPins[2]})
         if (gpio != kNoPin) setInput(gpio);
-    XTRACE(5, "jtag totals: tdo " << tdoCount << " tdi " << tdiCount << " tms " << tmsCount << " tck " << tckCount);
+    vec_.valid = false;
+    // The pin operations' counts, and the vector path's writes and reads.
+    XTRACE(5, "jtag totals: tdo " << tdoCount + vec_.tdoReads << " tdi " << tdiCount + vec_.tdiWrites << " tms "
+                                  << tmsCount + vec_.tmsWrites << " tck " << tckCount + vec_.tckWrites);
 }
 
 bool Sb820Factory::manages(const char* deviceName) {

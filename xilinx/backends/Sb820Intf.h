@@ -5,6 +5,7 @@
 // call that repeats the level makes no register access at all.
 #pragma once
 #include "ham/Ham.h"
+#include "xilinx/hal/VectorShift.h"
 #include "xilinx/XilIntfFactory.h"
 
 class Sb820Intf : public XilIntf {
@@ -19,6 +20,8 @@ class Sb820Intf : public XilIntf {
     void select(const char* deviceName) override;  // before any pin operation
     void cleanup(const char* deviceName) override;
     void warningIs(bool) override {}  // no warning indication
+    void shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) override;
+    void pinsIs(bool tck, bool tms, bool tdi) override;
 
     // Turn a GPIO's output driver on or off (traced at level 1).
     void setOutput(U8 gpio);
@@ -38,6 +41,8 @@ class Sb820Intf : public XilIntf {
     void controlIs(U8 gpio, U8 clear, U8 set);
     // Drives an output pin from its cache: one write when the level changes.
     void levelIs(PinCache& cache, U8 gpio, bool level, U32& count);
+    // After a vector operation: the pin caches take the image's bytes and levels.
+    void cachesFromImage();
 
     Ptr<Ham> ham;
     Ptr<HamImpl> impl;  // taken by select
@@ -54,6 +59,7 @@ class Sb820Intf : public XilIntf {
     U32 tdiCount = 0;
     U32 tmsCount = 0;
     U32 tckCount = 0;
+    Hal::VectorPins vec_;  // TCK, TMS and TDI control bytes for the vector path
 };
 
 // Serves "fodak" and "komefi", except on the platforms gozip and bupul,
