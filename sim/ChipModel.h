@@ -44,6 +44,8 @@ class ChipModel : public HamImpl {
     U32 peek(U32 offset, int width = 32) const { return stored(offset, width); }
     // What a read would see now (pin levels included), without logging.
     U32 seen(U32 offset, int width = 32) const;
+    // Every byte written so far, by offset.
+    std::map<U32, U8> contents() const { return {bytes_.begin(), bytes_.end()}; }
 
     struct Access {
         char op;    // 'R' or 'W'

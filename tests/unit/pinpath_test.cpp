@@ -85,6 +85,12 @@ TEST_P(PinPath, NoAllocationNoSystemCallNoOutput) {
         tdo += XilIntf_tdo(intf);
         XilIntf_tckIs(intf, 1);
     }
+    // The vector path too.
+    U8 tms[32], tdi[32], out[32];
+    for (int i = 0; i < 32; ++i) tms[i] = static_cast<U8>(i * 37), tdi[i] = static_cast<U8>(i * 91);
+    XilIntf_shift(intf, 256, tms, tdi, out);
+    XilIntf_shift(intf, 255, tms, tdi, nullptr);
+    for (int i = 0; i < 8; ++i) XilIntf_pinsIs(intf, i & 1, i & 2, i & 4);
     counting = false;
     std::string err = ::testing::internal::GetCapturedStderr();
     EXPECT_EQ(allocations, 0u);
@@ -110,6 +116,10 @@ TEST_P(PinPath, NothingBeforeSelectTouchesARegister) {
     XilIntf_tmsIs(intf, 1);
     XilIntf_tdiIs(intf, 1);
     EXPECT_EQ(XilIntf_tdo(intf), 0);
+    U8 bits[2] = {0x5a, 0xa5}, out[2] = {0xff, 0xff};
+    XilIntf_shift(intf, 9, bits, bits, out);
+    EXPECT_EQ(out[0] | out[1], 0) << "TDO reads 0 without a pin";
+    XilIntf_pinsIs(intf, 1, 1, 1);
     XilIntf_ledIs(intf, 1);
     XilIntf_cleanup(intf, c.device);
     ASSERT_FALSE(board.hams.opened().empty());

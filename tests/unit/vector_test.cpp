@@ -1,0 +1,405 @@
+// The vector path of every backend on the simulated board, against the
+// per-pin path of the same backend: the same TDO bits from an IDCODE scan
+// and a 4096-bit round trip through the chain's BYPASS registers, the same
+// register file at the end; and what a long shift costs in register
+// accesses. Each run has a child process of its own: the SoC backend
+// detects its platform once per process and interfaces hold their locks
+// until the process ends.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <random>
+#include <sstream>
+
+#include "TestSupport.h"
+#include "jtag/Tap.h"
+#include "sim/Board.h"
+#include "xilinx/XilIntf.h"
+#include "xilinx/amd/AmdPlatform.h"
+#include "xilinx/amd/EkabiniIntf.h"
+#include "xilinx/backends/CaveCreekPCHIntf.h"
+#include "xilinx/backends/CedarForkPCHIntf.h"
+#include "xilinx/backends/IntelGbeControllerIntf.h"
+#include "xilinx/backends/PericomGen3Intf.h"
+#include "xilinx/backends/PlxPex8600Intf.h"
+#include "xilinx/backends/PlxPex8700Intf.h"
+#include "xilinx/backends/Sb820Intf.h"
+
+using jtag::BitVector;
+
+namespace {
+
+// Where TMS and TDI sit, seen from TCK's register.
+enum class Others {
+    none,      // both in TCK's register
+    tms,       // TMS in another register, TDI in TCK's
+    apart,     // each in a register of its own
+    together,  // both in one other register
+};
+
+struct Backend {
+    const char* name;
+    const char* platform;
+    unsigned family, model;
+    const char* device;
+    Others others;
+};
+
+void PrintTo(const Backend& b, std::ostream* os) { *os << b.name; }
+
+const Backend kBackends[] = {
+    {"SB820", "mosavo", 0x16, 0x30, "fodak", Others::apart},
+    {"Kabini", "gozip", 0x16, 0x05, "fodak", Others::apart},
+    {"SteppeEagle", "gozip", 0x16, 0x30, "fodak", Others::apart},
+    {"BoardSpecificSoc", "mosavo", 0x15, 0x60, "debusScd", Others::apart},
+    {"R1000", "tabukccpu", 0x17, 0x10, "tabukccpuSwitchScd", Others::apart},
+    {"V3000", "telub", 0x19, 0x44, "tumarScd", Others::apart},
+    {"CaveCreekTwoBanks", "", 0x6, 0x4d, "zetizSwitchScd", Others::together},  // TCK bank 0, TMS and TDI bank 1
+    {"CaveCreekOneBank", "", 0x6, 0x4d, "mubarScd", Others::none},
+    {"CedarFork", "disal", 0x6, 0x5f, "disalSwitchJtagMuxSel0True", Others::apart},
+    {"Pex8600", "", 0x16, 0x30, "rotanSeret", Others::none},
+    {"Pex8700Relocated", "", 0x16, 0x30, "nipig2Scd", Others::none},
+    {"Pericom", "", 0x16, 0x30, "togif", Others::none},
+    {"Gbe", "", 0x16, 0x30, "penetScd", Others::tms},
+};
+
+// The per-pin path of another interface: its pin operations, and the base
+// class's shift and pinsIs, which drive one pin at a time through them.
+struct PerPin : XilIntf {
+    explicit PerPin(XilIntf* real) : XilIntf("per_pin_jtag"), real(real) {}
+    void tdiIs(bool v) override { real->tdiIs(v); }
+    void tmsIs(bool v) override { real->tmsIs(v); }
+    void tckIs(bool v) override { real->tckIs(v); }
+    bool tdo() override { return real->tdo(); }
+    void select(const char* name) override { real->select(name); }
+    void cleanup(const char* name) override { real->cleanup(name); }
+    void warningIs(bool on) override { real->warningIs(on); }
+    XilIntf* real;
+};
+
+BitVector randomBits(size_t n, unsigned seed) {
+    std::mt19937 gen(seed);
+    BitVector v(n);
+    for (size_t i = 0; i < v.byteCount(); ++i) v.data()[i] = static_cast<uint8_t>(gen());
+    v.resize(n);  // clears the tail
+    return v;
+}
+
+// Runs f in a child process on a fresh board for b and returns what it
+// printed on stdout (the backends' own lines go to /dev/null).
+std::string onBoard(const Backend& b, const std::function<void(sim::Board&, XilIntf*, FILE*)>& f) {
+    int fds[2];
+    if (::pipe(fds) != 0) return "pipe failed";
+    std::fflush(nullptr);
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        ::close(fds[0]);
+        FILE* out = ::fdopen(fds[1], "w");
+        if (!out || !std::freopen("/dev/null", "w", stdout)) std::_Exit(99);
+        sim::BoardConfig config;
+        config.platform = b.platform;
+        config.family = b.family;
+        config.model = b.model;
+        config.device = b.device;
+        auto* board = new sim::Board(config);  // lives until the process ends, like the interfaces
+        board->install();
+        XilIntf* intf = XilIntf_bySystem(b.device, 0, 0, 0, 2, 0, 0);
+        if (!intf) std::_Exit(98);
+        XilIntf_select(intf, b.device);
+        f(*board, intf, out);
+        std::fclose(out);
+        std::_Exit(0);
+    }
+    ::close(fds[1]);
+    std::string text;
+    char buf[4096];
+    for (ssize_t n; (n = ::read(fds[0], buf, sizeof buf)) > 0;) text.append(buf, static_cast<size_t>(n));
+    ::close(fds[0]);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) text += "child status " + std::to_string(status);
+    return text;
+}
+
+// IDCODEs, a 4096-bit DR round trip through both BYPASS registers, a few
+// remote bit-bang symbols, clean-up; then every register byte of the chip.
+void roundTrip(sim::Board& board, XilIntf* intf, FILE* out) {
+    jtag::Tap tap(intf);
+    for (uint32_t id : jtag::readIdcodes(tap)) std::fprintf(out, "id 0x%08x\n", id);
+    tap.shiftIr(BitVector(8 + 6, true), nullptr);  // BYPASS on both devices
+    BitVector first = randomBits(4096, 1), second = randomBits(4096, 2), out1, out2;
+    tap.shiftDr(first, &out1);
+    tap.shiftDr(second, &out2, jtag::TapState::PauseDr);
+    std::fprintf(out, "dr %s\ndr %s\n", out1.hex().c_str(), out2.hex().c_str());
+    // Test-Logic-Reset through symbols: TMS high over five rising edges.
+    for (int i = 0; i < 5; ++i) XilIntf_pinsIs(intf, 0, 1, i & 1), XilIntf_pinsIs(intf, 1, 1, i & 1);
+    XilIntf_pinsIs(intf, 0, 0, 0);
+    std::fprintf(out, "tap %s\n", jtag::stateName(board.chain().state()));
+    XilIntf_cleanup(intf, "");
+    for (const auto& [offset, byte] : board.wiredChip()->contents()) std::fprintf(out, "%x=%02x ", offset, byte);
+}
+
+class Vector : public ::testing::TestWithParam<Backend> {};
+
+}  // namespace
+
+TEST_P(Vector, SameBitsAndRegistersAsThePerPinPath) {
+    std::string vector = onBoard(GetParam(), roundTrip);
+    std::string perPin = onBoard(GetParam(), [](sim::Board& board, XilIntf* intf, FILE* out) {
+        roundTrip(board, new PerPin(intf), out);
+    });
+    EXPECT_EQ(vector, perPin);
+    // The chain answered: both codes, and what went in came out two bits (two BYPASS registers) later.
+    BitVector first = randomBits(4096, 1), expected(2);
+    expected.append(first, 0, 4094);
+    EXPECT_THAT(vector, ::testing::StartsWith("id 0x0a5c7035\nid 0x1b4d2093\ndr "));
+    EXPECT_THAT(vector, ::testing::HasSubstr("dr " + expected.hex() + "\n"));
+    EXPECT_THAT(vector, ::testing::HasSubstr("tap Test-Logic-Reset\n"));
+}
+
+// A 100000-cycle shift makes no read but the image's (at most three) and
+// TDO's, one per cycle when wanted; two writes per cycle, one more for each
+// change of a TMS or TDI outside TCK's register, and at most one to start.
+TEST_P(Vector, LongShiftCostsTwoWritesPerCycleAndNoRead) {
+    std::string report = onBoard(GetParam(), [](sim::Board& board, XilIntf* intf, FILE* out) {
+        sim::ChipModel* chip = board.wiredChip();
+        U32 reads = 0, writes = 0;
+        auto settle = chip->onAccess;
+        chip->onAccess = [&](const sim::ChipModel::Access& a) {
+            (a.op == 'R' ? reads : writes)++;
+            settle(a);
+        };
+        constexpr U32 n = 100000;
+        BitVector tms = randomBits(n, 3), tdi = randomBits(n, 4), tdo(n);
+        for (BitVector* tdoBits : {static_cast<BitVector*>(nullptr), &tdo}) {
+            reads = writes = 0;
+            XilIntf_shift(intf, n, tms.data(), tdi.data(), tdoBits ? tdoBits->data() : nullptr);
+            std::fprintf(out, "%s: reads %u writes %u\n", tdoBits ? "tdo" : "no tdo", reads, writes);
+        }
+    });
+    // The writes a change of TMS or TDI outside TCK's register costs: about n / 2 per random stream.
+    BitVector tms = randomBits(100000, 3), tdi = randomBits(100000, 4);
+    U32 others = 0;
+    for (size_t i = 1; i < tms.size(); ++i) {
+        bool tmsChange = tms[i] != tms[i - 1], tdiChange = tdi[i] != tdi[i - 1];
+        switch (GetParam().others) {
+            case Others::none: break;
+            case Others::tms: others += tmsChange; break;
+            case Others::apart: others += tmsChange + tdiChange; break;
+            case Others::together: others += tmsChange || tdiChange; break;
+        }
+    }
+    unsigned noTdoReads, noTdoWrites, tdoReads, tdoWrites;
+    ASSERT_EQ(std::sscanf(report.c_str(), "no tdo: reads %u writes %u\ntdo: reads %u writes %u", &noTdoReads,
+                          &noTdoWrites, &tdoReads, &tdoWrites),
+              4)
+        << report;
+    EXPECT_LE(noTdoReads, 3u);
+    EXPECT_EQ(tdoReads, noTdoReads + 100000);
+    // TMS and TDI in TCK's register ride on its writes; elsewhere each change
+    // is a write. The first cycle may add one write per register.
+    for (unsigned writes : {noTdoWrites, tdoWrites}) {
+        EXPECT_GE(writes, 200000u + others);
+        EXPECT_LE(writes, 200000u + others + 3);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryBackend, Vector, ::testing::ValuesIn(kBackends),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// ---- the exact register traffic of a short shift ----
+
+namespace {
+
+// Four cycles: TMS 1, 0, 0, 1 and TDI 0, 1, 1, 0 (bit 0 first).
+constexpr U8 kTms = 0x9, kTdi = 0x6;
+
+struct Sequence {
+    const char* name;
+    const char* window;  // the fake's key
+    std::function<XilIntf*(FakeBoard&)> make;  // built and selected
+    // Registers as someone left them after select, once before each call;
+    // the second time with a further bit of nobody's pin set in TCK's
+    // register, which every write must carry.
+    std::vector<std::pair<U32, U32>> before, beforeTdo;
+    std::vector<std::string> noTdo, tdo;  // the logs of the two calls
+};
+
+void PrintTo(const Sequence& s, std::ostream* os) { *os << s.name; }
+
+const char kResource0[] = "/sys/bus/pci/devices/0000:02:00.0/resource0";
+
+XilIntf* made(XilIntf* intf, const char* device) {
+    intf->select(device);
+    return intf;
+}
+
+// TCK in a register of its own, TMS and TDI in one each (tck, tms, tdi, tdo
+// register offsets; level and TDO masks; the registers' value besides them).
+std::vector<std::string> apart(int width, U32 tck, U32 tms, U32 tdi, U32 tdoReg, U32 level, U32 rest, U32 tckRest,
+                               bool withTdo, U32 tdoValue) {
+    Accesses a(width);
+    a.read(tck, tckRest).read(tms, rest).read(tdi, rest);
+    auto edges = [&] {
+        if (withTdo) a.read(tdoReg, tdoValue);
+        a.write(tck, tckRest | level).write(tck, tckRest);
+    };
+    a.write(tms, rest | level), edges();                            // TMS 1
+    a.write(tms, rest).write(tdi, rest | level), edges();           // TMS 0, TDI 1
+    edges();                                                        // no change
+    a.write(tms, rest | level).write(tdi, rest), edges();           // TMS 1, TDI 0
+    return std::move(a);
+}
+
+std::vector<Sequence> sequences() {
+    const U32 sb = 0x100;  // SB820 and Kabini control bytes
+    return {
+        {"SB820", "/sys/bus/pci/devices/0000:02:00.0/resource5",
+         [](FakeBoard&) { return made(Sb820Factory().newXilIntf(0, 0, 0, 2, 0, 0), "fodak"); },
+         {{sb + 189, 0x03}, {sb + 49, 0x01}, {sb + 171, 0x01}, {sb + 61, 0x80}},
+         {{sb + 189, 0x13}, {sb + 49, 0x01}, {sb + 171, 0x01}, {sb + 61, 0x80}},
+         apart(8, sb + 189, sb + 49, sb + 171, sb + 61, 0x40, 0x01, 0x03, false, 0),
+         apart(8, sb + 189, sb + 49, sb + 171, sb + 61, 0x40, 0x01, 0x13, true, 0x80)},
+        {"Kabini", "/dev/mem",
+         [](FakeBoard& board) {
+             amd::resetForTests();
+             board.cmdline = "console=ttyS0 platform=gozip";
+             board.cpuIs(0x16, 0x05);
+             return made(EkabiniGpioFactory().newXilIntf(0, 0, 0, 0, 0x14, 0), "fodak");
+         },
+         {{sb + 168, 0x03}, {sb + 49, 0x01}, {sb + 57, 0x01}, {sb + 61, 0x80}},
+         {{sb + 168, 0x13}, {sb + 49, 0x01}, {sb + 57, 0x01}, {sb + 61, 0x80}},
+         apart(8, sb + 168, sb + 49, sb + 57, sb + 61, 0x40, 0x01, 0x03, false, 0),
+         apart(8, sb + 168, sb + 49, sb + 57, sb + 61, 0x40, 0x01, 0x13, true, 0x80)},
+        // Pads 116 (TCK), 132 (TMS), 115 (TDI), 131 (TDO): control words at 0x1500 + 4 x pad.
+        {"R1000", "/dev/mem",
+         [](FakeBoard& board) {
+             amd::resetForTests();
+             board.cmdline = "console=ttyS0 platform=tabukccpu";
+             board.cpuIs(0x17, 0x10);
+             return made(EkabiniGpioFactory().newXilIntf(0, 0, 0, 0, 0x14, 0), "tabukccpuSwitchScd");
+         },
+         {{0x16D0, 0x800001}, {0x1710, 0x800001}, {0x16CC, 0x800001}, {0x170C, 0x10000}},
+         {{0x16D0, 0x800011}, {0x1710, 0x800001}, {0x16CC, 0x800001}, {0x170C, 0x10000}},
+         apart(32, 0x16D0, 0x1710, 0x16CC, 0x170C, 0x400000, 0x800001, 0x800001, false, 0),
+         apart(32, 0x16D0, 0x1710, 0x16CC, 0x170C, 0x400000, 0x800001, 0x800011, true, 0x10000)},
+        // Pad DW0 registers: TCK 0xC20B40, TMS 0xC20B50, TDI 0xC20B20, TDO 0xC20B60 (RX state, bit 1).
+        {"CedarFork", "/dev/mem",
+         [](FakeBoard&) { return made(CedarForkPCHFactory().newXilIntf(0, 0, 0, 0, 0x1f, 0), "kubezShimScd"); },
+         {{0xC20B40, 0x40000200}, {0xC20B50, 0x40000200}, {0xC20B20, 0x40000200}, {0xC20B60, 0x102}},
+         {{0xC20B40, 0x40000210}, {0xC20B50, 0x40000200}, {0xC20B20, 0x40000200}, {0xC20B60, 0x102}},
+         apart(32, 0xC20B40, 0xC20B50, 0xC20B20, 0xC20B60, 0x1, 0x40000200, 0x40000200, false, 0),
+         apart(32, 0xC20B40, 0xC20B50, 0xC20B20, 0xC20B60, 0x1, 0x40000200, 0x40000210, true, 0x102)},
+        // Level registers: TCK (GPIO 12) in bank 0 at 0xf58c, TMS (45) and TDI (44) in bank 1 at 0xf5b8: one
+        // write when either changes; TDO (22) in bank 0.
+        {"CaveCreek", "theCaveCreekPCHIOHam",
+         [](FakeBoard& board) {
+             std::string config(0x100, '\0');
+             config[0x48] = '\x81', config[0x49] = '\xf5';
+             board.fileIs("/sys/bus/pci/devices/0000:00:1f.0/config", config);
+             ::testing::internal::CaptureStdout();  // "GPIO Offset: 0xf580"
+             XilIntf* intf = made(CaveCreekPCHFactory().newXilIntf(0, 0, 0, 0, 0x1f, 0), "zetizSwitchScd");
+             ::testing::internal::GetCapturedStdout();
+             return intf;
+         },
+         {{0xf58c, 0x80000000}, {0xf5b8, 0x1}},
+         {{0xf58c, 0x80400010}, {0xf5b8, 0x1}},
+         Accesses().read(0xf58c, 0x80000000).read(0xf5b8, 0x1)
+             .write(0xf5b8, 0x2001).write(0xf58c, 0x80001000).write(0xf58c, 0x80000000)
+             .write(0xf5b8, 0x1001).write(0xf58c, 0x80001000).write(0xf58c, 0x80000000)
+             .write(0xf58c, 0x80001000).write(0xf58c, 0x80000000)
+             .write(0xf5b8, 0x2001).write(0xf58c, 0x80001000).write(0xf58c, 0x80000000),
+         Accesses().read(0xf58c, 0x80400010).read(0xf5b8, 0x1)
+             .write(0xf5b8, 0x2001).read(0xf58c, 0x80400010).write(0xf58c, 0x80401010).write(0xf58c, 0x80400010)
+             .write(0xf5b8, 0x1001).read(0xf58c, 0x80400010).write(0xf58c, 0x80401010).write(0xf58c, 0x80400010)
+             .read(0xf58c, 0x80400010).write(0xf58c, 0x80401010).write(0xf58c, 0x80400010)
+             .write(0xf5b8, 0x2001).read(0xf58c, 0x80400010).write(0xf58c, 0x80401010).write(0xf58c, 0x80400010)},
+        // One output-data register (0x644): TCK GPIO 15, TMS 14, TDI 12; the falling edge carries the next
+        // TMS and TDI. TDO GPIO 13 in the input-data register 0x63c.
+        {"Pex8600", kResource0,
+         [](FakeBoard&) { return made(PlxPex8600Factory().newXilIntf(0, 0, 0, 2, 0, 0), "rotanSeret"); },
+         {{0x644, 0x10001}},
+         {{0x644, 0x10003}, {0x63C, 0x2000}},
+         Accesses().read(0x644, 0x10001).write(0x644, 0x14001)
+             .write(0x644, 0x1C001).write(0x644, 0x11001).write(0x644, 0x19001).write(0x644, 0x11001)
+             .write(0x644, 0x19001).write(0x644, 0x14001).write(0x644, 0x1C001).write(0x644, 0x14001),
+         Accesses().read(0x644, 0x10003).write(0x644, 0x14003)
+             .read(0x63C, 0x2000).write(0x644, 0x1C003).write(0x644, 0x11003)
+             .read(0x63C, 0x2000).write(0x644, 0x19003).write(0x644, 0x11003)
+             .read(0x63C, 0x2000).write(0x644, 0x19003).write(0x644, 0x14003)
+             .read(0x63C, 0x2000).write(0x644, 0x1C003).write(0x644, 0x14003)},
+        // One output-data register (0x624): TCK GPIO 9, TMS 8, TDI 7; TDO 6 at 0x61c. GPIO 10 held high.
+        {"Pex8700", kResource0,
+         [](FakeBoard&) { return made(PlxPex8700Factory().newXilIntf(0, 0, 0, 2, 0, 0), "tilegScd"); },
+         {{0x624, 0x80000400}},
+         {{0x624, 0x80000401}, {0x61C, 0x40}},
+         Accesses().read(0x624, 0x80000400).write(0x624, 0x80000500)
+             .write(0x624, 0x80000700).write(0x624, 0x80000480).write(0x624, 0x80000680).write(0x624, 0x80000480)
+             .write(0x624, 0x80000680).write(0x624, 0x80000500).write(0x624, 0x80000700).write(0x624, 0x80000500),
+         Accesses().read(0x624, 0x80000401).write(0x624, 0x80000501)
+             .read(0x61C, 0x40).write(0x624, 0x80000701).write(0x624, 0x80000481)
+             .read(0x61C, 0x40).write(0x624, 0x80000681).write(0x624, 0x80000481)
+             .read(0x61C, 0x40).write(0x624, 0x80000681).write(0x624, 0x80000501)
+             .read(0x61C, 0x40).write(0x624, 0x80000701).write(0x624, 0x80000501)},
+        // Block 0x10000: output data at 0x10330 (TCK GPIO 0, TMS 1, TDI 2), TDO GPIO 3 at 0x10328.
+        {"Pericom", kResource0,
+         [](FakeBoard&) { return made(PericomGen3Factory().newXilIntf(0, 0, 0, 2, 0, 0), "togif"); },
+         {{0x10330, 0xA0}},
+         {{0x10330, 0xA0 | 0x100}, {0x10328, 0x8}},
+         Accesses().read(0x10330, 0xA0).write(0x10330, 0xA2)
+             .write(0x10330, 0xA3).write(0x10330, 0xA4).write(0x10330, 0xA5).write(0x10330, 0xA4)
+             .write(0x10330, 0xA5).write(0x10330, 0xA2).write(0x10330, 0xA3).write(0x10330, 0xA2),
+         Accesses().read(0x10330, 0x1A0).write(0x10330, 0x1A2)
+             .read(0x10328, 0x8).write(0x10330, 0x1A3).write(0x10330, 0x1A4)
+             .read(0x10328, 0x8).write(0x10330, 0x1A5).write(0x10330, 0x1A4)
+             .read(0x10328, 0x8).write(0x10330, 0x1A5).write(0x10330, 0x1A2)
+             .read(0x10328, 0x8).write(0x10330, 0x1A3).write(0x10330, 0x1A2)},
+        // CTRL: TCK SDP0 (bit 18), TDI SDP1 (bit 19); CTRL_EXT: TMS SDP2 (bit 6), TDO SDP3 (bit 7).
+        {"Gbe", kResource0,
+         [](FakeBoard&) { return made(IntelGbeControllerFactory().newXilIntf(0, 0, 0, 2, 0, 0), "penetScd"); },
+         {{0x0, 0xC00001}, {0x18, 0x401}},
+         {{0x0, 0xC00003}, {0x18, 0x481}},
+         Accesses().read(0x0, 0xC00001).read(0x18, 0x401)
+             .write(0x18, 0x441).write(0x0, 0xC40001).write(0x0, 0xC80001)
+             .write(0x18, 0x401).write(0x0, 0xCC0001).write(0x0, 0xC80001)
+             .write(0x0, 0xCC0001).write(0x0, 0xC00001)
+             .write(0x18, 0x441).write(0x0, 0xC40001).write(0x0, 0xC00001),
+         Accesses().read(0x0, 0xC00003).read(0x18, 0x481)
+             .write(0x18, 0x4C1).read(0x18, 0x4C1).write(0x0, 0xC40003).write(0x0, 0xC80003)
+             .write(0x18, 0x481).read(0x18, 0x481).write(0x0, 0xCC0003).write(0x0, 0xC80003)
+             .read(0x18, 0x481).write(0x0, 0xCC0003).write(0x0, 0xC00003)
+             .write(0x18, 0x4C1).read(0x18, 0x4C1).write(0x0, 0xC40003).write(0x0, 0xC00003)},
+    };
+}
+
+class VectorSequence : public ::testing::TestWithParam<Sequence> {
+  protected:
+    void TearDown() override { amd::resetForTests(); }
+    FakeBoard board;
+};
+
+}  // namespace
+
+TEST_P(VectorSequence, FourCyclesWithAndWithoutTdo) {
+    const Sequence& s = GetParam();
+    XilIntf* intf = s.make(board);
+    FakeHamImpl& window = board.hams[s.window];
+    int width = s.noTdo.front()[1] == '8' ? 8 : 32;  // "R8 ..." or "R32 ..."
+    for (auto [offset, value] : s.before) window.poke(offset, value, width);
+    window.clearLog();
+    XilIntf_shift(intf, 4, &kTms, &kTdi, nullptr);
+    EXPECT_THAT(window.log(), ::testing::ElementsAreArray(s.noTdo));
+
+    for (auto [offset, value] : s.beforeTdo) window.poke(offset, value, width);
+    window.clearLog();
+    U8 tdo = 0xff;
+    XilIntf_shift(intf, 4, &kTms, &kTdi, &tdo);
+    EXPECT_THAT(window.log(), ::testing::ElementsAreArray(s.tdo));
+    EXPECT_EQ(tdo, 0x0f) << "TDO high in all four cycles; the bits past the fourth 0";
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryBackend, VectorSequence, ::testing::ValuesIn(sequences()),
+                         [](const auto& info) { return std::string(info.param.name); });
