@@ -63,10 +63,12 @@ int main(int argc, char** argv) {
     app.add_option("--vcd", config.vcd,
                    "write the JTAG pins and the TAP state to FILE as a Value Change Dump, one time unit per register "
                    "access")
+        ->type_name("FILE")
         ->check(writable);
     app.add_option("--dump-memory", config.dumpMemory,
                    "after the run, write the memory of the first programmable device on the chain to FILE, row after "
                    "row, bit 0 first (the bit order of an image)")
+        ->type_name("FILE")
         ->check(writable);
     app.add_flag("--stats", config.stats,
                  "after the run, print \"sim stats: reads R writes W tck-cycles C\" on stderr: the register accesses "

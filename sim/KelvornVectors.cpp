@@ -57,6 +57,7 @@ int main(int argc, char** argv) {
     app.add_option("--chain", chainText,
                    "the chain, nearest TDO first: IDCODE:IRLEN[:mem=ROWSxBITS[:erase=CYCLES][:program=CYCLES]][,...]")
         ->required()
+        ->type_name("CHAIN")
         ->check([&](const std::string& s) {
             std::string error = sim::parseChain(s, &chain);
             bool memory = std::any_of(chain.begin(), chain.end(), [](const sim::DeviceDesc& d) { return d.memory.rows; });
@@ -68,11 +69,11 @@ int main(int argc, char** argv) {
     app.add_option("--program-cycles", programCycles,
                    "TCK cycles in Run-Test/Idle after each row (default: the device's program=)")
         ->check(CLI::Range(0L, 0xffffffffL));
-    CLI::Option_group* outputs = app.add_option_group("outputs", "at least one of");
-    outputs->add_option("--svf", svfPath, "the SVF file to write");
-    outputs->add_option("--xsvf", xsvfPath, "the XSVF file to write");
+    CLI::Option_group* outputs = app.add_option_group("outputs");
+    outputs->add_option("--svf", svfPath, "the SVF file to write")->type_name("FILE");
+    outputs->add_option("--xsvf", xsvfPath, "the XSVF file to write")->type_name("FILE");
     outputs->require_option(1, 0);
-    app.add_option("image", imagePath, "the binary image")->required();
+    app.add_option("image", imagePath, "the binary image")->required()->type_name("IMAGE");
     CLI11_PARSE(app, argc, argv);
 
     size_t device = 0;
@@ -90,9 +91,13 @@ int main(int argc, char** argv) {
     jtag::BitVector image(bytes.size() * 8);
     if (!bytes.empty()) std::memcpy(image.data(), bytes.data(), bytes.size());
     std::vector<jtag::BitVector> rows = sim::imageRows(image, target.rowBits);
-    if (rows.empty() || rows.size() > memory.rows) {
-        std::fprintf(stderr, "kelvorn-vectors: %s: %zu bytes make %zu rows of %u bits; the device has 1 to %u\n",
-                     imagePath.c_str(), bytes.size(), rows.size(), target.rowBits, memory.rows);
+    if (rows.empty()) {
+        std::fprintf(stderr, "kelvorn-vectors: %s is empty\n", imagePath.c_str());
+        return kFailed;
+    }
+    if (rows.size() > memory.rows) {
+        std::fprintf(stderr, "kelvorn-vectors: %s needs %zu rows of %u bits; the device has %u\n", imagePath.c_str(),
+                     rows.size(), target.rowBits, memory.rows);
         return kFailed;
     }
     if (!svfPath.empty()) {
