@@ -3,7 +3,6 @@
 // register window and OS call (sim/Board.h), so nothing here reaches this
 // machine's hardware.
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -80,10 +79,8 @@ int main(int argc, char** argv) {
     scan->fallthrough();
     try {
         app.parse(argc, argv);
-        bool memory = std::any_of(config.chain.begin(), config.chain.end(),
-                                  [](const sim::DeviceDesc& d) { return d.memory.rows > 0; });
-        if (!config.dumpMemory.empty() && !memory)
-            throw CLI::ValidationError("--dump-memory", "no device on the chain has memory (mem=ROWSxBITS)");
+        std::string noMemory = sim::needMemory(config.chain);
+        if (!config.dumpMemory.empty() && !noMemory.empty()) throw CLI::ValidationError("--dump-memory", noMemory);
     } catch (const CLI::ParseError& e) {
         return app.exit(e);
     }

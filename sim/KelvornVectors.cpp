@@ -2,7 +2,6 @@
 // erase, program and verify it on the simulated programmable device
 // (sim/Vectors.h), for the chain that kelvorn-sim is given.
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -60,8 +59,7 @@ int main(int argc, char** argv) {
         ->type_name("CHAIN")
         ->check([&](const std::string& s) {
             std::string error = sim::parseChain(s, &chain);
-            bool memory = std::any_of(chain.begin(), chain.end(), [](const sim::DeviceDesc& d) { return d.memory.rows; });
-            return error.empty() && !memory ? "no device on the chain has memory (mem=ROWSxBITS)" : error;
+            return error.empty() ? sim::needMemory(chain) : error;
         });
     app.add_option("--erase-cycles", eraseCycles,
                    "TCK cycles in Run-Test/Idle after ERASE (default: the device's erase=)")

@@ -101,6 +101,12 @@ std::string parseChain(const std::string& text, std::vector<DeviceDesc>* chain) 
     return "";
 }
 
+std::string needMemory(const std::vector<DeviceDesc>& chain) {
+    for (const DeviceDesc& d : chain)
+        if (d.memory.rows) return "";
+    return "no device on the chain has memory (mem=ROWSxBITS)";
+}
+
 std::string chainText(const std::vector<DeviceDesc>& chain) {
     std::string s;
     char buf[96];

@@ -23,5 +23,7 @@ std::string parseCpu(const std::string& text, unsigned* family, unsigned* model)
 std::string parseChain(const std::string& text, std::vector<DeviceDesc>* chain);
 // The chain as parseChain reads it; fields at their defaults left out.
 std::string chainText(const std::vector<DeviceDesc>& chain);
+// "" when a device on the chain has memory, else what is wrong.
+std::string needMemory(const std::vector<DeviceDesc>& chain);
 
 }  // namespace sim
