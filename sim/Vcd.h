@@ -5,8 +5,9 @@
 // in scope "jtag": tck, tms, tdi, tdo, and the state number in bits
 // tap_state[3] to tap_state[0] (jtag::TapState order: 0 Test-Logic-Reset,
 // 1 Run-Test/Idle, ..., 15 Update-IR). The pins read 0, 1, or z when the
-// chip does not drive them; tdo is the level the chip reads. PulseView's
-// VCD import takes one-bit variables only, and shows z as 0.
+// chip does not drive them; tdo is the level the chip reads. GTKWave
+// gathers the four state bits into one trace, tap_state[3:0]; PulseView's
+// VCD import (libsigrok 0.5) takes one-bit variables only, and shows z as 0.
 #pragma once
 #include <cstdint>
 #include <cstdio>
