@@ -15,12 +15,12 @@ const char kChainForm[] =
     "wants IDCODE:IRLEN[:mem=ROWSxBITS[:erase=CYCLES][:program=CYCLES]][,...], for example 0x0a5c7035:8";
 
 std::vector<std::string> split(const std::string& text, char separator) {
-    std::vector<std::string> parts;
+    std::vector<std::string> pieces;
     size_t start = 0;
     for (size_t at; (at = text.find(separator, start)) != std::string::npos; start = at + 1)
-        parts.push_back(text.substr(start, at - start));
-    parts.push_back(text.substr(start));
-    return parts;
+        pieces.push_back(text.substr(start, at - start));
+    pieces.push_back(text.substr(start));
+    return pieces;
 }
 
 // One "key=value" field of a programmable device.
