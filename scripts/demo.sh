@@ -29,3 +29,17 @@ echo
 echo "== One pin change, and what it did to the registers (z: not driven) =="
 show --show-writes --platform mosavo -- fodak 0000:00:14.0 tck 1
 show --platform gozip -- pabev_misc 0000:00:14.0 tck 1            # a pin this board class may not use
+
+echo
+echo "== A programmable device on the chain, and the vectors that program it (played by an SVF/XSVF player) =="
+tmp=$(mktemp -d)
+trap 'rm -rf "$tmp"' EXIT
+chain=0x0a5c7035:8:mem=4x32:erase=2000,0x1b4d2093:6
+printf 'kelvorn!' >"$tmp/image.bin"
+echo "\$ kelvorn-vectors --chain $chain --svf image.svf --xsvf image.xsvf image.bin"
+build/bin/kelvorn-vectors --chain "$chain" --svf "$tmp/image.svf" --xsvf "$tmp/image.xsvf" "$tmp/image.bin"
+cat "$tmp/image.svf"
+echo "($(stat -c %s "$tmp/image.xsvf") bytes of XSVF)"
+show --stats --chain "$chain" --dump-memory "$tmp/memory.bin" --vcd "$tmp/scan.vcd" scan rotanMotub 0000:03:00.0
+echo "memory after the run (erased): $(od -An -tx1 "$tmp/memory.bin" | tr -s ' \n' ' ')"
+echo "VCD: $(grep -c '^#' "$tmp/scan.vcd") change times, $(sed -n 4,11p "$tmp/scan.vcd" | cut -d' ' -f5 | paste -sd' ')"

@@ -29,6 +29,16 @@ std::string& lockDirToRemove() {
     return dir;
 }
 
+// The installed board, finished at exit() when it is still there.
+Board*& installedBoard() {
+    static Board* board = nullptr;
+    return board;
+}
+
+void finishInstalled() {
+    if (Board* b = installedBoard()) b->finish();
+}
+
 void removeLockDir() {
     std::string& dir = lockDirToRemove();
     if (dir.empty()) return;
@@ -93,6 +103,8 @@ Board::Board(BoardConfig config) : config_(std::move(config)), chain_(config_.ch
 }
 
 Board::~Board() {
+    finish();
+    if (installedBoard() == this) installedBoard() = nullptr;
     Ham::providerIs({});
     Os::resetHooks();
     removeLockDir();
@@ -113,8 +125,15 @@ void Board::install() {
     }
     lockDir_ = tmpl;
     lockDirToRemove() = lockDir_;
+    installedBoard() = this;
     static bool registered = false;
-    if (!registered) registered = std::atexit(removeLockDir) == 0;
+    if (!registered) registered = std::atexit(removeLockDir) == 0 && std::atexit(finishInstalled) == 0;
+    if (!config_.vcd.empty()) {
+        if (FILE* f = std::fopen(config_.vcd.c_str(), "w"))
+            vcd_ = std::make_unique<VcdWriter>(f);
+        else
+            std::fprintf(stderr, "kelvorn-sim: cannot write %s: %s\n", config_.vcd.c_str(), std::strerror(errno));
+    }
 
     Os::Hooks& h = Os::hooks();
     std::string line = cmdline();
@@ -228,6 +247,7 @@ void Board::attach(const Ptr<ChipModel>& model, Chip chip) {
             route_.push_back({label(board.route[i].pin), w.route[i].pin, w.route[i].level});
         settle();
         last_ = snapshot();
+        recordVcd();
         return;
     }
 }
@@ -270,11 +290,20 @@ std::string Board::pins() const {
     return out;
 }
 
+void Board::recordVcd() {
+    if (!vcd_) return;
+    Snapshot now = snapshot();  // in the order of signals(): TCK, TDI, TMS, TDO
+    vcd_->sample(reads_ + writes_, {now.states[0][0], now.states[2][0], now.states[1][0], now.states[3][0], now.tap});
+}
+
 void Board::accessed(ChipModel& model, const ChipModel::Access& a) {
-    if (a.op != 'W') return;
     bool onChain = &model == wired_.ptr();
-    if (onChain) settle();
-    if (!config_.showWrites) return;
+    if (onChain) {
+        ++(a.op == 'W' ? writes_ : reads_);
+        if (a.op == 'W') settle();
+        recordVcd();
+    }
+    if (a.op != 'W' || !config_.showWrites) return;
     int digits = a.width / 4;
     std::string line = "sim: " + model.window();
     char buf[96];
@@ -291,6 +320,32 @@ void Board::accessed(ChipModel& model, const ChipModel::Access& a) {
         last_ = now;
     }
     std::fprintf(stderr, "%s\n", line.c_str());
+}
+
+void Board::finish() {
+    if (finished_) return;
+    finished_ = true;
+    vcd_.reset();
+    if (!config_.dumpMemory.empty()) writeMemoryDump();
+    if (config_.stats)
+        std::fprintf(stderr, "sim stats: reads %llu writes %llu tck-cycles %llu\n", static_cast<unsigned long long>(reads_),
+                     static_cast<unsigned long long>(writes_), static_cast<unsigned long long>(chain_.tckCycles()));
+}
+
+// The memory as its bits are numbered: bit i of the dump (bit i % 8 of byte
+// i / 8) is bit i % rowBits of row i / rowBits.
+void Board::writeMemoryDump() const {
+    const char* path = config_.dumpMemory.c_str();
+    const ProgDevice* device = chain_.firstProgrammable();
+    if (!device) {
+        std::fprintf(stderr, "kelvorn-sim: no device on the chain has memory to write to %s\n", path);
+        return;
+    }
+    const jtag::BitVector& m = device->memory();
+    FILE* f = std::fopen(path, "wb");
+    bool written = f && std::fwrite(m.data(), 1, m.byteCount(), f) == m.byteCount();
+    if (f) written = std::fclose(f) == 0 && written;
+    if (!written) std::fprintf(stderr, "kelvorn-sim: cannot write %s: %s\n", path, std::strerror(errno));
 }
 
 }  // namespace sim

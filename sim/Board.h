@@ -14,6 +14,7 @@
 
 #include "sim/ChipModel.h"
 #include "sim/JtagChain.h"
+#include "sim/Vcd.h"
 #include "sim/Wiring.h"
 
 namespace sim {
@@ -35,6 +36,10 @@ struct BoardConfig {
     std::string device;        // whose wiring the chain hangs on
     unsigned holdSeconds = 0;  // replaces the tool's ten-second hold
     bool showWrites = false;   // every register write on stderr, with what it did to the pins
+    std::string vcd;           // the pins and the TAP state as a Value Change Dump into this file (sim/Vcd.h)
+    // What the run leaves when it ends (Board::finish):
+    std::string dumpMemory;  // the memory of the first programmable device, into this file
+    bool stats = false;      // "sim stats: reads R writes W tck-cycles C" on stderr
     // Test-only: a change to the device's wiring (a swapped pin) before the
     // chain is hung on it.
     std::function<void(Wiring&)> rewire;
@@ -43,15 +48,23 @@ struct BoardConfig {
 class Board {
   public:
     explicit Board(BoardConfig config);
-    ~Board();  // puts the real hooks and windows back
+    ~Board();  // finishes, puts the real hooks and windows back
     Board(const Board&) = delete;
     Board& operator=(const Board&) = delete;
 
     void install();
+    // Once, when the run ends: closes the VCD file, writes the memory dump
+    // and the stats line. The destructor calls it, and so does exit() while
+    // the board is installed, so a run that the module ends with exit()
+    // leaves the same as one that returns.
+    void finish();
 
     const BoardConfig& config() const { return config_; }
     std::string cmdline() const;
     JtagChain& chain() { return chain_; }
+    // Register accesses of the wired chip so far.
+    uint64_t reads() const { return reads_; }
+    uint64_t writes() const { return writes_; }
     // The chip the chain hangs on, once a window of the wired chip kind has
     // been opened; null before.
     ChipModel* wiredChip() const { return wired_.ptr(); }
@@ -76,6 +89,8 @@ class Board {
     void attach(const Ptr<ChipModel>& model, Chip chip);
     void settle();
     void accessed(ChipModel& model, const ChipModel::Access& a);
+    void recordVcd();
+    void writeMemoryDump() const;
     std::vector<const Signal*> signals() const;
     Snapshot snapshot() const;
     FILE* openConfig(const char* path, const char* mode);
@@ -87,6 +102,9 @@ class Board {
     Signal tck_, tdi_, tms_, tdo_;
     std::vector<Signal> route_;
     Snapshot last_;
+    uint64_t reads_ = 0, writes_ = 0;
+    std::unique_ptr<VcdWriter> vcd_;
+    bool finished_ = false;
     std::string lockDir_;
     unsigned char configSpace_[256] = {};  // every PCI function's configuration space
 };

@@ -1,24 +1,27 @@
 // An IEEE 1149.1 scan chain as the pins of a board see it: devices in
 // series, each with its own TAP controller, an instruction register of
 // configurable length that captures ...01, an IDCODE register selected by
-// Test-Logic-Reset, and a one-bit BYPASS register for the all-ones
-// instruction (and for every code it does not know, as the standard asks).
+// Test-Logic-Reset, a one-bit BYPASS register for the all-ones instruction
+// (and for every code it does not know, as the standard asks), a test
+// loop-back register, and, on a programmable device, the registers of its
+// memory (sim/ProgDevice.h has the instruction codes).
 // The controllers step on rising TCK edges; TDO changes on falling edges.
 #pragma once
 #include <cstdint>
+#include <optional>
 #include <vector>
 
+#include "jtag/BitVector.h"
 #include "jtag/Tap.h"
+#include "sim/ProgDevice.h"
 
 namespace sim {
 
 struct DeviceDesc {
     uint32_t idcode;
-    unsigned irLength;  // 2 to 32
+    unsigned irLength;  // 2 to 32; at least kProgIrMinLength with memory
+    MemoryDesc memory = {};
 };
-
-// The instruction that selects the IDCODE register on every simulated device.
-constexpr uint32_t kIdcodeInstruction = 0x1;
 
 class JtagChain {
   public:
@@ -37,24 +40,59 @@ class JtagChain {
     // The instruction in force on device i.
     uint32_t instruction(size_t i) const { return devices_[i].instruction; }
     size_t size() const { return devices_.size(); }
+    // The memory of device i; null for a device without one.
+    const ProgDevice* programmable(size_t i) const {
+        return devices_[i].prog ? &*devices_[i].prog : nullptr;
+    }
+    // The first device with memory, nearest TDO first; null when none has one.
+    const ProgDevice* firstProgrammable() const;
+    // Rising TCK edges so far.
+    uint64_t tckCycles() const { return tckCycles_; }
 
   private:
+    // A shift register of any length that shifts in constant time: a ring
+    // whose bit i (bit 0 leaves on TDO first) is at (head + i) % size.
+    class ShiftRegister {
+      public:
+        // The storage, to fill with the new content (bit 0 first).
+        jtag::BitVector& reload() {
+            head_ = 0;
+            return bits_;
+        }
+        bool out() const { return bits_[head_]; }
+        void shift(bool in) {
+            bits_.set(head_, in);
+            if (++head_ == bits_.size()) head_ = 0;
+        }
+        jtag::BitVector contents() const;
+
+      private:
+        jtag::BitVector bits_;
+        size_t head_ = 0;
+    };
+
     struct Device {
         DeviceDesc desc;
+        std::optional<ProgDevice> prog;
         jtag::TapState state = jtag::TapState::TestLogicReset;
         uint32_t instruction = kIdcodeInstruction;
         uint32_t irShift = 0;
-        uint32_t drShift = 0;
+        ShiftRegister dr;        // the register of the current DR scan
+        ShiftRegister loopback;  // kept from scan to scan
         bool tdoDriven = false;
         bool tdoLevel = true;
 
-        bool idcodeSelected() const { return instruction == kIdcodeInstruction; }
+        explicit Device(const DeviceDesc& d);
+        ShiftRegister& selected() { return instruction == kLoopbackInstruction ? loopback : dr; }
+        bool memorySelected() const { return prog && prog->registerLength(instruction) > 0; }
+        void capture();
         void rising(bool tms, bool tdi);
         void falling();
     };
 
     std::vector<Device> devices_;
     bool tck_ = false;
+    uint64_t tckCycles_ = 0;
 };
 
 }  // namespace sim

@@ -3,67 +3,25 @@
 // register window and OS call (sim/Board.h), so nothing here reaches this
 // machine's hardware.
 #include <CLI/CLI.hpp>
-#include <cstdlib>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "sim/Board.h"
+#include "sim/Options.h"
 #include "sim/Scan.h"
 #include "tool/Kelvorn.h"
 
 namespace {
 
-bool parseNumber(const std::string& text, unsigned long max, unsigned long* out) {
-    if (text.empty()) return false;
-    char* end = nullptr;
-    errno = 0;
-    unsigned long v = std::strtoul(text.c_str(), &end, 0);
-    if (*end || errno || v > max || text[0] == '-') return false;
-    *out = v;
-    return true;
-}
-
-// "FAMILY:MODEL", each in C notation.
-std::string parseCpu(const std::string& text, unsigned* family, unsigned* model) {
-    size_t colon = text.find(':');
-    unsigned long f, m;
-    if (colon == std::string::npos || !parseNumber(text.substr(0, colon), 0xFF + 0xF, &f) ||
-        !parseNumber(text.substr(colon + 1), 0xFF, &m))
-        return "wants FAMILY:MODEL, for example 0x16:0x30";
-    *family = static_cast<unsigned>(f);
-    *model = static_cast<unsigned>(m);
+// An option's file: "" when it can be written, else why not.
+std::string writable(const std::string& path) {
+    FILE* f = std::fopen(path.c_str(), "w");
+    if (!f) return "cannot write " + path + ": " + std::strerror(errno);
+    std::fclose(f);
     return "";
-}
-
-// "IDCODE:IRLEN[,IDCODE:IRLEN...]", the device nearest TDO first.
-std::string parseChain(const std::string& text, std::vector<sim::DeviceDesc>* chain) {
-    chain->clear();
-    size_t start = 0;
-    while (start <= text.size()) {
-        size_t comma = text.find(',', start);
-        std::string item = text.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
-        size_t colon = item.find(':');
-        unsigned long id, len;
-        if (colon == std::string::npos || !parseNumber(item.substr(0, colon), 0xffffffffUL, &id) ||
-            !parseNumber(item.substr(colon + 1), 32, &len))
-            return "wants IDCODE:IRLEN[,IDCODE:IRLEN...], for example 0x0a5c7035:8";
-        if (!(id & 1) || id == 0xffffffffUL) return "an IDCODE has bit 0 set and is not all ones: " + item;
-        if (len < 2) return "an instruction register has at least 2 bits: " + item;
-        chain->push_back({static_cast<uint32_t>(id), static_cast<unsigned>(len)});
-        if (comma == std::string::npos) break;
-        start = comma + 1;
-    }
-    return "";
-}
-
-std::string chainText(const std::vector<sim::DeviceDesc>& chain) {
-    std::string s;
-    char buf[32];
-    for (const sim::DeviceDesc& d : chain) {
-        std::snprintf(buf, sizeof buf, "%s0x%08x:%u", s.empty() ? "" : ",", d.idcode, d.irLength);
-        s += buf;
-    }
-    return s;
 }
 
 }  // namespace
@@ -71,7 +29,7 @@ std::string chainText(const std::vector<sim::DeviceDesc>& chain) {
 int main(int argc, char** argv) {
     sim::BoardConfig config;
     std::string cpu = "0x16:0x30";
-    std::string chain = chainText(config.chain);
+    std::string chain = sim::chainText(config.chain);
     std::vector<std::string> kelvornArgs;
     std::string scanDevice, scanAddress;
 
@@ -89,22 +47,43 @@ int main(int argc, char** argv) {
                    "the board's platform: the kernel command line holds platform=NAME (default: no platform word)");
     app.add_option("--cpu", cpu, "the processor's CPUID family and model, in C notation")
         ->capture_default_str()
-        ->check([&](const std::string& s) { return parseCpu(s, &config.family, &config.model); });
+        ->check([&](const std::string& s) { return sim::parseCpu(s, &config.family, &config.model); });
     app.add_option("--chain", chain,
-                   "the devices on the chain, nearest TDO first (default: an 8-bit and a 6-bit instruction register)")
+                   "the devices on the chain, nearest TDO first, each IDCODE:IRLEN[:mem=ROWSxBITS[:erase=CYCLES]"
+                   "[:program=CYCLES]]: mem= makes it programmable, ROWS rows of BITS bits, erased and "
+                   "programmed in the TCK cycles given (default 1000 and 100) in Run-Test/Idle")
         ->capture_default_str()
-        ->check([&](const std::string& s) { return parseChain(s, &config.chain); });
+        ->check([&](const std::string& s) { return sim::parseChain(s, &config.chain); });
     app.add_option("--hold", config.holdSeconds, "seconds a set command holds its pin, instead of ten")
         ->capture_default_str();
     app.add_flag("--show-writes", config.showWrites,
                  "print every register write of the simulated chips on stderr, with what it did to the JTAG pins "
                  "(z: not driven) and the TAP state");
+    app.add_option("--vcd", config.vcd,
+                   "write the JTAG pins and the TAP state to FILE as a Value Change Dump, one time unit per register "
+                   "access")
+        ->type_name("FILE")
+        ->check(writable);
+    app.add_option("--dump-memory", config.dumpMemory,
+                   "after the run, write the memory of the first programmable device on the chain to FILE, row after "
+                   "row, bit 0 first (the bit order of an image)")
+        ->type_name("FILE")
+        ->check(writable);
+    app.add_flag("--stats", config.stats,
+                 "after the run, print \"sim stats: reads R writes W tck-cycles C\" on stderr: the register accesses "
+                 "of the chip the chain hangs on, and the rising TCK edges the chain saw");
     app.add_option("kelvorn", kelvornArgs, "the arguments of kelvorn, after --");
     CLI::App* scan = app.add_subcommand("scan", "reset the chain and print the IDCODEs on it");
     scan->add_option("fpga", scanDevice, "the device name")->required();
     scan->add_option("address", scanAddress, "the PCI address, dddd:bb:dd.f")->required();
     scan->fallthrough();
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+        std::string noMemory = sim::needMemory(config.chain);
+        if (!config.dumpMemory.empty() && !noMemory.empty()) throw CLI::ValidationError("--dump-memory", noMemory);
+    } catch (const CLI::ParseError& e) {
+        return app.exit(e);
+    }
 
     config.device = scan->parsed() ? scanDevice : kelvornArgs.empty() ? "" : kelvornArgs.front();
     sim::Board board(config);

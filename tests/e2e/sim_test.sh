@@ -1,5 +1,6 @@
 # kelvorn-sim: the kelvorn tool's output and statuses on simulated boards,
-# its refusals, and the scan command's output and statuses.
+# its refusals, the scan command's output and statuses, what a run leaves
+# (stats, memory dump, VCD), and kelvorn-vectors' files and refusals.
 source "$(dirname "$0")/lib.sh" "$1"
 
 usage='USAGE:  kelvorn <fpga> <pci address> { tck | tms | tdi | tdo } [ 0 | 1 ]
@@ -60,6 +61,57 @@ expect_run 2 "" "kelvorn-sim: 0000:00:14 is not a PCI address (dddd:bb:dd.f)" "s
 e2e_run kelvorn-sim --chain 0x12345678:5 scan fodak 0000:00:14.0
 expect_eq "$E2E_STATUS $E2E_ERR" "105 --chain: an IDCODE has bit 0 set and is not all ones: 0x12345678:5
 Run with --help for more information." "scan, IDCODE without bit 0"
+# A programmable device on the chain: the scan reads through it; the stats line, the memory dump (erased)
+# and the VCD are written when the run ends, the stats line once, also when the module ends the run in exit().
+e2e_run kelvorn-sim --stats --chain 0x0a5c7035:8:mem=4x16:erase=5,0x1b4d2093:6 --dump-memory /tmp/mem.bin \
+  --vcd /tmp/scan.vcd scan rotanMotub 0000:03:00.0
+expect_eq "$E2E_STATUS $E2E_OUT" "0 0x0a5c7035
+0x1b4d2093" "scan with a programmable device"
+expect_eq "$E2E_ERR" "sim stats: reads 3471 writes 4287 tck-cycles 1068" "scan: stats"
+expect_eq "$(od -An -tx1 "$(e2e_tmp_dir)/mem.bin" | tr -d ' \n')" "ffffffffffffffff" "scan: memory dump"
+expect_eq "$(sed -n '1p;13,15p' "$(e2e_tmp_dir)/scan.vcd" | paste -sd' ')" \
+  '$version kelvorn-sim $end $enddefinitions $end #0 $dumpvars' "scan: VCD header"
+expect_eq "$(tail -n2 "$(e2e_tmp_dir)/scan.vcd" | paste -sd' ')" "#7758 zM" "scan: VCD ends at the last access"
+expect_run 1 "Kelvorn" "sim stats: reads 20 writes 20 tck-cycles 1" "stats after a pin command" \
+  kelvorn-sim --stats --platform mosavo -- fodak 0000:00:14.0 tck 1
+expect_run 1 "Kelvorn
+Unsupported gpio 58" "sim stats: reads 0 writes 0 tck-cycles 0" "stats after the module's exit()" \
+  kelvorn-sim --stats --platform gozip -- pabev_misc 0000:00:14.0 tck 1
+e2e_run kelvorn-sim --dump-memory /tmp/none.bin scan rotanMotub 0000:03:00.0
+expect_eq "$E2E_STATUS $E2E_ERR" "105 --dump-memory: no device on the chain has memory (mem=ROWSxBITS)
+Run with --help for more information." "dump without a programmable device"
+e2e_run kelvorn-sim --vcd /nowhere/x.vcd scan rotanMotub 0000:03:00.0
+expect_eq "$E2E_STATUS $E2E_ERR" "105 --vcd: cannot write /nowhere/x.vcd: No such file or directory
+Run with --help for more information." "VCD file that cannot be written"
+e2e_run kelvorn-sim --chain 0x3:2:mem=2x8 scan rotanMotub 0000:03:00.0
+expect_eq "$E2E_STATUS $E2E_ERR" "105 --chain: a device with memory has an instruction register of at least 3 bits: \
+0x3:2:mem=2x8
+Run with --help for more information." "programmable device with a 2-bit instruction register"
+
+# The vector generator: both files for a two-row image, and its refusals.
+tmp=$(e2e_tmp_dir)
+printf '\x21\x43\x65' >"$tmp/image.bin"
+: >"$tmp/empty.bin"
+chain=0x0a5c7035:5,0x12345679:4:mem=2x12:erase=30:program=10,0x1b4d2093:3
+expect_run 0 "" "" "vectors written" \
+  kelvorn-vectors --chain "$chain" --svf /tmp/image.svf --xsvf /tmp/image.xsvf /tmp/image.bin
+expect_eq "$(grep -c ';' "$tmp/image.svf") $(sed -n '4p;15p;23p' "$tmp/image.svf" | paste -sd' ')" \
+  "22 HIR 5 TDI (1f); SDR 12 TDI (321); SDR 12 TDI (000) TDO (654) MASK (fff);" "vectors: SVF"
+expect_eq "$(od -An -tx1 "$tmp/image.xsvf" | tr -d '\n' | cut -c1-57) $(stat -c %s "$tmp/image.xsvf")" \
+  " 07 00 13 00 14 00 12 00 12 01 04 00 00 00 1e 02 0c 0e 7f 109" "vectors: XSVF"
+expect_run 1 "" "kelvorn-vectors: /tmp/empty.bin is empty" "vectors of an empty image" \
+  kelvorn-vectors --chain "$chain" --svf /tmp/x.svf /tmp/empty.bin
+expect_run 1 "" "kelvorn-vectors: /tmp/image.bin needs 2 rows of 12 bits; the device has 1" "vectors too large" \
+  kelvorn-vectors --chain 0x12345679:4:mem=1x12 --svf /tmp/x.svf /tmp/image.bin
+expect_run 1 "" "kelvorn-vectors: cannot read /tmp/nothing.bin: No such file or directory" "vectors without image" \
+  kelvorn-vectors --chain "$chain" --xsvf /tmp/x.xsvf /tmp/nothing.bin
+expect_run 1 "" "kelvorn-vectors: cannot write /nowhere/x.xsvf: No such file or directory" "vectors unwritable" \
+  kelvorn-vectors --chain "$chain" --xsvf /nowhere/x.xsvf /tmp/image.bin
+expect_run 106 "" "At least 1 option from [--svf,--xsvf] is required
+Run with --help for more information." "vectors to no file" kelvorn-vectors --chain "$chain" /tmp/image.bin
+expect_run 105 "" "--chain: no device on the chain has memory (mem=ROWSxBITS)
+Run with --help for more information." "vectors for a chain without memory" \
+  kelvorn-vectors --chain 0x0a5c7035:5 --svf /tmp/x.svf /tmp/image.bin
 expect_eq "$(ls "$(e2e_lock_dir)")" "" "no lock under /var/lock"
 
 e2e_done

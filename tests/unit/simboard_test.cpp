@@ -7,7 +7,11 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 
+#include "ChainIntf.h"
+#include "jtag/Tap.h"
 #include "os/Os.h"
 #include "sim/Board.h"
 
@@ -35,6 +39,24 @@ void sb820Cycle(HamImpl& w, bool tms) {
     w.write8(0x1bd, 0x40);
     w.write8(0x1bd, 0x00);
 }
+
+// A file name in a fresh private directory under /tmp, and what a file holds.
+std::string tempPath(const char* name) {
+    char dir[] = "/tmp/kelvorn-simboard-XXXXXX";
+    return std::string(::mkdtemp(dir)) + "/" + name;
+}
+std::string contents(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+const char kVcdHeader[] =
+    "$version kelvorn-sim $end\n$timescale 1 us $end\n$scope module jtag $end\n"
+    "$var wire 1 C tck $end\n$var wire 1 M tms $end\n$var wire 1 I tdi $end\n$var wire 1 O tdo $end\n"
+    "$var wire 1 S3 tap_state[3] $end\n$var wire 1 S2 tap_state[2] $end\n$var wire 1 S1 tap_state[1] $end\n"
+    "$var wire 1 S0 tap_state[0] $end\n$upscope $end\n$enddefinitions $end\n";
 
 }  // namespace
 
@@ -149,4 +171,64 @@ TEST(SimBoard, ShowWritesPrintsEachWriteWithThePinsItMoved) {
               "sim: theSb820Ham W8 0x132: 0xa0 -> 0x00  GPIO50 z->0\n"
               "sim: theSb820Ham W8 0x13c: 0xa0 -> 0x40  GPIO60 z->1\n"
               "sim: theSb820Ham W8 0x1bd: 0x00 -> 0x40  TCK 0->1  TAP Test-Logic-Reset->Run-Test/Idle\n");
+}
+
+TEST(SimBoard, VcdHasThePinsAndTapStateOneTimeUnitPerAccessAndStatsCountThem) {
+    BoardConfig c = boardFor("fodak", "mosavo");
+    c.vcd = tempPath("run.vcd");
+    c.stats = true;
+    ::testing::internal::CaptureStderr();
+    {
+        Board board(c);
+        board.install();
+        Ptr<HamImpl> w = sb820();
+        for (U32 off : {0x1bdu, 0x131u, 0x1abu, 0x129u, 0x132u}) w->write8(off, 0x00);  // at 1 to 5
+        w->write8(0x13c, 0x40);                                                        // 6: routed, nothing seen
+        U8 ignored;
+        w->read8(0x13d, &ignored);  // 7: a read takes its time unit too
+        sb820Cycle(*w, false);      // 8 (TMS stays low), 9, 10
+        sb820Cycle(*w, true);       // 11, 12, 13
+        window("oddHam", "", 0, 0, HamType::ioPort)->write32(0x80, 1);  // not the wired chip: not counted
+    }
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "kelvorn-sim: no model for window oddHam (I/O ports), plain memory behind it\n"
+              "sim stats: reads 1 writes 12 tck-cycles 2\n");
+    EXPECT_EQ(contents(c.vcd), std::string(kVcdHeader) +
+                                   "#0\n$dumpvars\nzC\nzM\nzI\n1O\n0S3\n0S2\n0S1\n0S0\n$end\n"
+                                   "#1\n0C\n#2\n0M\n#3\n0I\n"
+                                   "#9\n1C\n1S0\n#10\n0C\n"        // Run-Test/Idle
+                                   "#11\n1M\n#12\n1C\n1S1\n0S0\n#13\n0C\n");  // Select-DR-Scan
+}
+
+TEST(SimBoard, StatsAndMemoryDumpAreWrittenOnceAlsoWhenTheRunEndsInExit) {
+    BoardConfig c = boardFor("fodak", "mosavo");
+    c.chain = {{0x0a5c7035, 8}, {0x1b4d2093, 4, {3, 16, 5, 5}}};
+    c.dumpMemory = tempPath("memory.bin");
+    c.stats = true;
+    EXPECT_EXIT(
+        {
+            auto* board = new Board(c);  // never destroyed: exit() finishes it
+            board->install();
+            sb820()->write8(0x1bd, 0x00);
+            // Row 1 programmed through the chain itself.
+            jtag::Tap tap(new ChainIntf("0_1_0_jtag", &board->chain()));
+            tap.reset();
+            tap.shiftIr(jtag::BitVector::fromValue(0xff | kAddressInstruction << 8, 12));
+            tap.shiftDr(jtag::BitVector::fromValue(1 << 1, 17));
+            tap.shiftIr(jtag::BitVector::fromValue(0xff | kProgramInstruction << 8, 12));
+            tap.shiftDr(jtag::BitVector::fromValue(0x1234 << 1, 17));
+            tap.idle(5);
+            std::exit(3);
+        },
+        // Cycles: reset 5; IR scans 5 and 4 to Shift-IR, 12 bits, 2 to Run-Test/Idle; DR scans 3 + 17 + 2; idle 5.
+        ::testing::ExitedWithCode(3), "^sim stats: reads 0 writes 1 tck-cycles 91\n$");
+    EXPECT_EQ(contents(c.dumpMemory), std::string("\xff\xff\x34\x12\xff\xff", 6));
+    // A board that is destroyed finishes once; exit() afterwards adds nothing.
+    EXPECT_EXIT(
+        {
+            { Board(c).install(); }
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "^sim stats: reads 0 writes 0 tck-cycles 0\n$");
+    EXPECT_EQ(contents(c.dumpMemory), std::string(6, '\xff'));
 }

@@ -1,0 +1,125 @@
+#include "sim/Options.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <set>
+
+namespace sim {
+
+namespace {
+
+constexpr unsigned kMaxIrLength = 32;
+
+const char kChainForm[] =
+    "wants IDCODE:IRLEN[:mem=ROWSxBITS[:erase=CYCLES][:program=CYCLES]][,...], for example 0x0a5c7035:8";
+
+std::vector<std::string> split(const std::string& text, char separator) {
+    std::vector<std::string> pieces;
+    size_t start = 0;
+    for (size_t at; (at = text.find(separator, start)) != std::string::npos; start = at + 1)
+        pieces.push_back(text.substr(start, at - start));
+    pieces.push_back(text.substr(start));
+    return pieces;
+}
+
+// One "key=value" field of a programmable device.
+std::string parseMemoryField(const std::string& field, MemoryDesc* m, std::set<std::string>* seen) {
+    size_t eq = field.find('=');
+    std::string key = field.substr(0, eq), value = eq == std::string::npos ? "" : field.substr(eq + 1);
+    if (key != "mem" && key != "erase" && key != "program") return "unknown field " + field;
+    if (!seen->insert(key).second) return key + "= given twice: " + field;
+    unsigned long n;
+    if (key == "mem") {
+        size_t x = value.find('x');
+        unsigned long rows, bits;
+        if (x == std::string::npos || !parseNumber(value.substr(0, x), kMaxRows, &rows) || rows == 0 ||
+            !parseNumber(value.substr(x + 1), kMaxMemoryBits, &bits) || bits == 0)
+            return "mem= wants ROWSxBITS, 1 to " + std::to_string(kMaxRows) + " rows of at least one bit: " + field;
+        if (rows * bits > kMaxMemoryBits) return "a memory holds at most " + std::to_string(kMaxMemoryBits) + " bits: " + field;
+        m->rows = static_cast<unsigned>(rows);
+        m->rowBits = static_cast<unsigned>(bits);
+        return "";
+    }
+    if (!parseNumber(value, 0xffffffffUL, &n)) return key + "= wants a number of TCK cycles: " + field;
+    (key == "erase" ? m->eraseCycles : m->programCycles) = static_cast<uint32_t>(n);
+    return "";
+}
+
+std::string parseDevice(const std::string& item, DeviceDesc* d) {
+    std::vector<std::string> fields = split(item, ':');
+    unsigned long id, len;
+    if (fields.size() < 2 || !parseNumber(fields[0], 0xffffffffUL, &id) || !parseNumber(fields[1], kMaxIrLength, &len))
+        return kChainForm;
+    if (!(id & 1) || id == 0xffffffffUL) return "an IDCODE has bit 0 set and is not all ones: " + item;
+    if (len < 2) return "an instruction register has at least 2 bits: " + item;
+    *d = {static_cast<uint32_t>(id), static_cast<unsigned>(len)};
+    std::set<std::string> seen;
+    for (size_t i = 2; i < fields.size(); ++i) {
+        std::string error = parseMemoryField(fields[i], &d->memory, &seen);
+        if (!error.empty()) return error;
+    }
+    if (fields.size() > 2 && d->memory.rows == 0) return "erase= and program= need mem=: " + item;
+    if (d->memory.rows && len < kProgIrMinLength)
+        return "a device with memory has an instruction register of at least " + std::to_string(kProgIrMinLength) +
+               " bits: " + item;
+    return "";
+}
+
+}  // namespace
+
+bool parseNumber(const std::string& text, unsigned long max, unsigned long* out) {
+    if (text.empty() || text[0] == '-') return false;
+    char* end = nullptr;
+    errno = 0;
+    unsigned long v = std::strtoul(text.c_str(), &end, 0);
+    if (*end || errno || v > max) return false;
+    *out = v;
+    return true;
+}
+
+std::string parseCpu(const std::string& text, unsigned* family, unsigned* model) {
+    size_t colon = text.find(':');
+    unsigned long f, m;
+    if (colon == std::string::npos || !parseNumber(text.substr(0, colon), 0xFF + 0xF, &f) ||
+        !parseNumber(text.substr(colon + 1), 0xFF, &m))
+        return "wants FAMILY:MODEL, for example 0x16:0x30";
+    *family = static_cast<unsigned>(f);
+    *model = static_cast<unsigned>(m);
+    return "";
+}
+
+std::string parseChain(const std::string& text, std::vector<DeviceDesc>* chain) {
+    std::vector<DeviceDesc> devices;
+    for (const std::string& item : split(text, ',')) {
+        DeviceDesc d{};
+        std::string error = parseDevice(item, &d);
+        if (!error.empty()) return error;
+        devices.push_back(d);
+    }
+    *chain = std::move(devices);
+    return "";
+}
+
+std::string needMemory(const std::vector<DeviceDesc>& chain) {
+    for (const DeviceDesc& d : chain)
+        if (d.memory.rows) return "";
+    return "no device on the chain has memory (mem=ROWSxBITS)";
+}
+
+std::string chainText(const std::vector<DeviceDesc>& chain) {
+    std::string s;
+    char buf[96];
+    for (const DeviceDesc& d : chain) {
+        std::snprintf(buf, sizeof buf, "%s0x%08x:%u", s.empty() ? "" : ",", d.idcode, d.irLength);
+        s += buf;
+        const MemoryDesc& m = d.memory;
+        if (!m.rows) continue;
+        s += ":mem=" + std::to_string(m.rows) + "x" + std::to_string(m.rowBits);
+        if (m.eraseCycles != kDefaultEraseCycles) s += ":erase=" + std::to_string(m.eraseCycles);
+        if (m.programCycles != kDefaultProgramCycles) s += ":program=" + std::to_string(m.programCycles);
+    }
+    return s;
+}
+
+}  // namespace sim

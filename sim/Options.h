@@ -1,0 +1,29 @@
+// The option values of the simulator's tools, parsed and written back:
+// numbers in C notation, a processor, and a scan chain. Each parser returns
+// "" when the text is good, else what is wrong, in a form that follows the
+// option's name on one line.
+#pragma once
+#include <string>
+#include <vector>
+
+#include "sim/JtagChain.h"
+
+namespace sim {
+
+// A number in C notation (decimal, 0x hex, 0 octal), at most max.
+bool parseNumber(const std::string& text, unsigned long max, unsigned long* out);
+
+// "FAMILY:MODEL", each in C notation.
+std::string parseCpu(const std::string& text, unsigned* family, unsigned* model);
+
+// Devices separated by commas, the device nearest TDO first:
+//   IDCODE:IRLEN[:mem=ROWSxBITS[:erase=CYCLES][:program=CYCLES]]
+// mem= makes the device programmable (sim/ProgDevice.h): ROWS rows of BITS
+// bits; erase= and program= are its busy times in TCK cycles.
+std::string parseChain(const std::string& text, std::vector<DeviceDesc>* chain);
+// The chain as parseChain reads it; fields at their defaults left out.
+std::string chainText(const std::vector<DeviceDesc>& chain);
+// "" when a device on the chain has memory, else what is wrong.
+std::string needMemory(const std::vector<DeviceDesc>& chain);
+
+}  // namespace sim
