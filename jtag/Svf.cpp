@@ -378,8 +378,9 @@ bool SvfReader::next(Action* a) {
         if (k == "PIO" || k == "PIOMAP")
             throw FormatError(FormatError::unsupported, Place{false, statementLine_},
                               k + ": parallel test vectors are not supported: there are no parallel test pins here");
+        std::string unknown = "unknown statement " + k;
         keyword_.clear();
-        syntax(statementLine_, "unknown statement " + k);
+        syntax(statementLine_, unknown);
     }
 }
 

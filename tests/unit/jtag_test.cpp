@@ -4,40 +4,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "ChainIntf.h"
 #include "TestSupport.h"
 #include "jtag/Tap.h"
 #include "sim/JtagChain.h"
-#include "xilinx/XilIntf.h"
 
 using jtag::BitVector;
 using jtag::TapState;
 using ::testing::ElementsAre;
 
 namespace {
-
-// A pin interface whose pins are the chain's, counting TCK cycles.
-struct ChainIntf : XilIntf {
-    ChainIntf(const char* lock, sim::JtagChain* chain) : XilIntf(lock), chain(chain) {}
-    void tdiIs(bool v) override { tdi = v; }
-    void tmsIs(bool v) override { tms = v; }
-    void tckIs(bool v) override {
-        if (v == tck) return;  // no edge
-        tck = v;
-        cycles += v;
-        tmsTrail.push_back(tms);
-        chain->tckIs(v, tms, tdi);
-    }
-    bool tdo() override { return stuck < 0 ? chain->tdo() : stuck; }
-    void select(const char*) override {}
-    void cleanup(const char*) override {}
-    void warningIs(bool) override {}
-
-    sim::JtagChain* chain;
-    bool tck = false, tms = false, tdi = false;
-    int stuck = -1;  // 0 or 1: TDO stuck at that level
-    unsigned cycles = 0;
-    std::vector<bool> tmsTrail;  // TMS at each TCK edge
-};
 
 class Jtag : public ::testing::Test {
   protected:

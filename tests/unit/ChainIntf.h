@@ -1,0 +1,36 @@
+// A pin interface wired straight to a simulated chain, for tests of the
+// JTAG layer and the player: no backend, no registers.
+#pragma once
+#include <vector>
+
+#include "sim/JtagChain.h"
+#include "xilinx/XilIntf.h"
+
+// A pin interface whose pins are the chain's, counting TCK cycles.
+struct ChainIntf : XilIntf {
+    ChainIntf(const char* lock, sim::JtagChain* chain) : XilIntf(lock), chain(chain) {}
+    void tdiIs(bool v) override { tdi = v; }
+    void tmsIs(bool v) override { tms = v; }
+    void tckIs(bool v) override {
+        if (v == tck) return;  // no edge
+        tck = v;
+        cycles += v;
+        tmsTrail.push_back(tms);
+        chain->tckIs(v, tms, tdi);
+    }
+    bool tdo() override {
+        if (scripted < script.size()) return script[scripted++];
+        return stuck < 0 ? chain->tdo() : stuck;
+    }
+    void select(const char*) override {}
+    void cleanup(const char*) override {}
+    void warningIs(bool) override {}
+
+    sim::JtagChain* chain;
+    bool tck = false, tms = false, tdi = false;
+    int stuck = -1;  // 0 or 1: TDO stuck at that level
+    std::vector<bool> script;  // TDO levels for the first reads, before the chain's
+    size_t scripted = 0;
+    unsigned cycles = 0;
+    std::vector<bool> tmsTrail;  // TMS at each TCK edge
+};
