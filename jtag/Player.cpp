@@ -38,7 +38,11 @@ class SystemClock : public Clock {
     }
 };
 
-uint64_t nanoseconds(double seconds) { return static_cast<uint64_t>(std::ceil(seconds * 1e9)); }
+// Seconds as nanoseconds, rounded up; past what 64 bits hold, the most they hold.
+uint64_t nanoseconds(double seconds) {
+    double ns = std::ceil(seconds * 1e9);
+    return ns < 1.8e19 ? static_cast<uint64_t>(ns) : UINT64_MAX;
+}
 
 }  // namespace
 
