@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 
 #include "jtag/Player.h"
@@ -120,6 +121,12 @@ int playAll(jtag::Reader& reader, jtag::Player& player, const Options& o, Progre
         return e.kind == jtag::FormatError::unreadable ? kUnreadable
                : e.kind == jtag::FormatError::syntax   ? kSyntax
                                                        : kUnsupported;
+    } catch (const std::bad_alloc&) {
+        // A scan longer than this machine can hold: the pins are still released.
+        progress.clear();
+        std::fprintf(stderr, "kelvorn-play: %s: not enough memory for the statement after %s\n", file,
+                     a.place.in(file).c_str());
+        return kUnsupported;
     }
     return player.stats().mismatches ? kMismatch : kPlayed;
 }
