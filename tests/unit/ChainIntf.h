@@ -19,6 +19,7 @@ struct ChainIntf : XilIntf {
         chain->tckIs(v, tms, tdi);
     }
     bool tdo() override {
+        ++tdoReads;
         if (scripted < script.size()) return script[scripted++];
         return stuck < 0 ? chain->tdo() : stuck;
     }
@@ -31,6 +32,7 @@ struct ChainIntf : XilIntf {
     int stuck = -1;  // 0 or 1: TDO stuck at that level
     std::vector<bool> script;  // TDO levels for the first reads, before the chain's
     size_t scripted = 0;
+    unsigned tdoReads = 0;
     unsigned cycles = 0;
     std::vector<bool> tmsTrail;  // TMS at each TCK edge
 };

@@ -117,7 +117,7 @@ TEST_F(Play, XsvfIsToldFromItsBytes) {
 
 TEST_F(Play, DryRunReadsEverythingAndTouchesNothing) {
     std::string path =
-        file("dry.svf", "FREQUENCY 1E6 HZ;\nSIR 8 TDI(ff);\nRUNTEST 100 TCK 1E-2 SEC;\nSDR 70 TDI(0) TDO(0);\n"
+        file("dry.svf", "! \xc2\xa9 text with UTF-8 is still SVF\nFREQUENCY 1E6 HZ;\nSIR 8 TDI(ff);\nRUNTEST 100 TCK 1E-2 SEC;\nSDR 70 TDI(0) TDO(0);\n"
                         "RUNTEST 2E6 TCK;\n");
     Outcome r = run({"--dry-run", "fodak", "0000:00:14.0", path});
     EXPECT_EQ(r.status, kPlayed);
