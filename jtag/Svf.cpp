@@ -190,8 +190,8 @@ void SvfReader::pattern(Pattern* p) {
 void SvfReader::scan(Action* a, bool ir) {
     Pattern& s = ir ? sir_ : sdr_;
     pattern(&s);
-    const Pattern* parts[] = {ir ? &hir_ : &hdr_, &s, ir ? &tir_ : &tdr_};
-    size_t total = parts[0]->length + s.length + parts[2]->length;
+    const Pattern* pieces[] = {ir ? &hir_ : &hdr_, &s, ir ? &tir_ : &tdr_};
+    size_t total = pieces[0]->length + s.length + pieces[2]->length;
     if (total > maxBits_)
         syntax(statementLine_, "with header and trailer the scan has " + std::to_string(total) +
                                    " bits, more than the " + std::to_string(maxBits_) + " this reader takes");
@@ -204,7 +204,7 @@ void SvfReader::scan(Action* a, bool ir) {
     a->smask.clear();
     a->tdo.clear();
     a->mask.clear();
-    for (const Pattern* p : parts) {
+    for (const Pattern* p : pieces) {
         a->tdi.append(p->tdi);
         a->smask.append(p->smask);
         if (!a->check) continue;

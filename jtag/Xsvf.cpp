@@ -82,7 +82,7 @@ TapState XsvfReader::state() {
 }
 
 // The scan of a command whose TDI is in a->tdi.
-void XsvfReader::scan(Action* a, bool ir, bool check, Part part) {
+void XsvfReader::scan(Action* a, bool ir, bool check, Segment segment) {
     a->kind = Action::scan;
     a->place = Place{true, command_};
     a->statement = name_;
@@ -98,7 +98,7 @@ void XsvfReader::scan(Action* a, bool ir, bool check, Part part) {
     }
     a->retries = 0;
     a->waitUs = 0;
-    switch (part) {
+    switch (segment) {
         case whole:
             a->waitUs = runTestUs_;
             a->end = runTestUs_ ? TapState::RunTestIdle : ir ? endIr_ : endDr_;

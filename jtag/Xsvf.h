@@ -13,9 +13,9 @@
 //   Update-DR, Run-Test/Idle and the XRUNTEST time there. Then
 //   Run-Test/Idle for the XRUNTEST time when it is not 0, else the XENDDR
 //   state. An XSDR before any XSDRTDO of its length reads no TDO.
-// - XSDRB, XSDRC, XSDRE and their TDO forms: a long scan in parts, staying
-//   in Shift-DR until the E part, which ends in the XENDDR state; their TDO
-//   forms compare each part, without retries.
+// - XSDRB, XSDRC, XSDRE and their TDO forms: a long scan in segments, staying
+//   in Shift-DR until the E segment, which ends in the XENDDR state; their TDO
+//   forms compare each segment, without retries.
 // - XSDRINC: XSDR with the start address, then for each of its data values
 //   an XSDR with the address bits (XSETSDRMASKS) counted up by one and the
 //   data bits replaced by the next value.
@@ -44,9 +44,9 @@ class XsvfReader : public Reader {
     uint32_t number(unsigned bytes);
     void value(size_t bits, BitVector* out);
     TapState state();
-    // A whole scan, or the first, a middle or the last part of a long one.
-    enum Part { whole, first, middle, last };
-    void scan(Action* a, bool ir, bool check, Part part);
+    // A whole scan, or the first, a middle or the last segment of a long one.
+    enum Segment { whole, first, middle, last };
+    void scan(Action* a, bool ir, bool check, Segment segment);
     void nextIncrement(Action* a);
 
     Input in_;

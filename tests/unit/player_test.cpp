@@ -1,6 +1,6 @@
 // The player on a simulated chain with a clock that runs only as TCK
 // cycles and sleeps make it: TDO checks against real IDCODEs, headers,
-// long scans in parts, XSVF retries and their TMS path, and the timing of
+// long scans in segments, XSVF retries and their TMS path, and the timing of
 // RUNTEST, XRUNTEST and FREQUENCY.
 #include <gtest/gtest.h>
 
@@ -101,9 +101,9 @@ TEST_F(Player, HeadersAddressTheDeviceNearestTdoFirst) {
     EXPECT_EQ(player.stats().bits, 14u + 33 + 33);
 }
 
-TEST_F(Player, LongScansInPartsStayInShiftDr) {
+TEST_F(Player, LongScansInSegmentsStayInShiftDr) {
     player.start();
-    // XSDRTDOB, C and E: both IDCODEs and then the zeros shifted in first, in three parts of one Shift-DR.
+    // XSDRTDOB, C and E: both IDCODEs and then the zeros shifted in first, in three segments of one Shift-DR.
     EXPECT_EQ(play(bytes({0x08, 0, 0, 0, 32, 0x0f, 0, 0, 0, 0, 0x0a, 0x5c, 0x70, 0x35, 0x10, 0, 0, 0, 0, 0x1b, 0x4d,
                           0x20, 0x93, 0x11, 0, 0, 0, 0, 0, 0, 0, 0, 0x00}),
                    true),
