@@ -36,6 +36,14 @@ bool BitVector::fromHex(std::string_view digits, size_t bits, BitVector* out) {
     return true;
 }
 
+void BitVector::assignBytes(const uint8_t* msbFirst, size_t bits) {
+    size_t n = (bits + 7) / 8;
+    bytes_.resize(n);
+    bits_ = bits;
+    for (size_t i = 0; i < n; ++i) bytes_[i] = msbFirst[n - 1 - i];
+    clearTail();
+}
+
 void BitVector::resize(size_t bits, bool value) {
     size_t old = bits_;
     bytes_.resize((bits + 7) / 8, value ? 0xff : 0x00);

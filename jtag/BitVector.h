@@ -25,6 +25,11 @@ class BitVector {
     // a digit that sets a bit at or past `bits`.
     static bool fromHex(std::string_view digits, size_t bits, BitVector* out);
 
+    // The low `bits` bits of the number in bytes, most significant byte
+    // first (XSVF order: the last byte holds bit 0); ceil(bits / 8) bytes,
+    // whose bits at or past `bits` are dropped.
+    void assignBytes(const uint8_t* msbFirst, size_t bits);
+
     size_t size() const { return bits_; }
     bool empty() const { return bits_ == 0; }
     size_t byteCount() const { return bytes_.size(); }

@@ -155,6 +155,23 @@ bool Tap::stepTo(TapState next) {
     return false;
 }
 
+bool Tap::walkTo(const TapState* path, size_t count) {
+    TapState s = state_;
+    for (size_t i = 0; i < count; ++i) {
+        bool low = nextState(s, false) == path[i];
+        if (!low && nextState(s, true) != path[i]) {
+            tmsScratch_.clear();
+            tdiScratch_.clear();
+            return false;
+        }
+        tmsScratch_.append(!low);
+        tdiScratch_.append(tdi_);
+        s = path[i];
+    }
+    run(nullptr);
+    return true;
+}
+
 void Tap::stay(TapState stable, uint64_t count) {
     appendPath(state_, stable);
     bool tms = stable == TapState::TestLogicReset;  // the level that keeps a stable state
@@ -194,13 +211,14 @@ void Tap::shift(TapState shiftState, const BitVector& in, BitVector* out, TapSta
     size_t first = tmsScratch_.size();  // 0: the scratch is empty between calls
     appendPath(state_, shiftState);
     size_t lead = tmsScratch_.size() - first;
-    // In the shift state, TMS low but for the last bit, which leaves it for Exit1.
+    // In the shift state, TMS low but for the last bit, which leaves it for
+    // Exit1, unless the shift goes on later.
+    bool stays = end == shiftState;
     tmsScratch_.resize(tmsScratch_.size() + in.size() - 1, false);
-    tmsScratch_.append(true);
+    tmsScratch_.append(!stays);
     tdiScratch_.append(in);
     tdi_ = in[in.size() - 1];
-    TapState exit1 = nextState(shiftState, true);
-    appendPath(exit1, end);
+    if (!stays) appendPath(nextState(shiftState, true), end);
     run(out ? &tdoScratch_ : nullptr);
     if (out) {
         out->assign(in.size(), false);

@@ -65,14 +65,20 @@ class Tap {
     // One cycle to a state next to the current one; false (and no cycle)
     // when no TMS level leads there.
     bool stepTo(TapState next);
+    // Through each of count states in turn, one cycle each, in one
+    // XilIntf_shift; false (and no cycle) when a state does not follow the
+    // one before it in one cycle.
+    bool walkTo(const TapState* path, size_t count);
     // Moves to a stable state (Test-Logic-Reset, Run-Test/Idle, Pause-DR,
     // Pause-IR) and stays there for count cycles, TDI unchanged.
     void stay(TapState stable, uint64_t count);
     void idle(uint64_t count) { stay(TapState::RunTestIdle, count); }
     // Shifts in through Shift-IR or Shift-DR; out, when given, receives
     // what came out of TDO meanwhile (no TDO is read without it). The last
-    // bit leaves the shift state, and the controller then moves on to end.
-    // Moving there, shifting and moving on are one XilIntf_shift.
+    // bit leaves the shift state, and the controller then moves on to end;
+    // with end the shift state itself, it stays there instead, so that the
+    // next shift goes on with the same register. Moving there, shifting and
+    // moving on are one XilIntf_shift.
     void shiftIr(const BitVector& in, BitVector* out, TapState end = TapState::RunTestIdle);
     void shiftDr(const BitVector& in, BitVector* out, TapState end = TapState::RunTestIdle);
     BitVector shiftIr(const BitVector& in, TapState end = TapState::RunTestIdle);

@@ -1,13 +1,14 @@
 // A pin interface wired straight to a simulated chain, for tests that drive
-// the chain through the JTAG layer (jtag::Tap) without a board: no
-// registers in between, TCK cycles counted, TMS kept for each edge, TDO
-// optionally stuck.
+// the chain through the JTAG layer (jtag::Tap) or the player without a
+// board: no registers in between, TCK cycles counted, TMS kept for each
+// edge, TDO optionally stuck or scripted.
 #pragma once
 #include <vector>
 
 #include "sim/JtagChain.h"
 #include "xilinx/XilIntf.h"
 
+// A pin interface whose pins are the chain's, counting TCK cycles.
 struct ChainIntf : XilIntf {
     ChainIntf(const char* lock, sim::JtagChain* chain) : XilIntf(lock), chain(chain) {}
     void tdiIs(bool v) override { tdi = v; }
@@ -19,7 +20,11 @@ struct ChainIntf : XilIntf {
         tmsTrail.push_back(tms);
         chain->tckIs(v, tms, tdi);
     }
-    bool tdo() override { return stuck < 0 ? chain->tdo() : stuck; }
+    bool tdo() override {
+        ++tdoReads;
+        if (scripted < script.size()) return script[scripted++];
+        return stuck < 0 ? chain->tdo() : stuck;
+    }
     void select(const char*) override {}
     void cleanup(const char*) override {}
     void warningIs(bool) override {}
@@ -27,6 +32,9 @@ struct ChainIntf : XilIntf {
     sim::JtagChain* chain;
     bool tck = false, tms = false, tdi = false;
     int stuck = -1;  // 0 or 1: TDO stuck at that level
+    std::vector<bool> script;  // TDO levels for the first reads, before the chain's
+    size_t scripted = 0;
+    unsigned tdoReads = 0;
     unsigned cycles = 0;
     std::vector<bool> tmsTrail;  // TMS at each TCK edge
 };

@@ -1,0 +1,96 @@
+// Carries out the actions of an SVF or XSVF reader (Action.h) on a Tap.
+//
+// TDO is read only for scans that compare it. Waits are measured with a
+// monotonic clock and TCK keeps running through them, since many devices
+// count their busy time in TCK cycles: a RUNTEST clocks its cycles in the
+// run state, then goes on clocking there until its minimum time has passed
+// since it got there; a time-only RUNTEST clocks for the whole time; an
+// XSVF wait of n microseconds clocks at least n cycles and lasts at least
+// n microseconds.
+//
+// FREQUENCY is a ceiling on TCK. Each Tap operation (one scan with the
+// state moves around it, one state move, one slice of a run of at most a
+// hundredth of the ceiling's cycles per second) is followed by a wait, so
+// that from its start to the start of the next operation at least
+// cycles / FREQUENCY seconds pass: the average TCK rate over any operation,
+// and over any run of consecutive operations, stays at or below the
+// ceiling. Within one operation the pins move at the backend's own speed.
+// Without FREQUENCY, or after FREQUENCY with no value, nothing waits.
+//
+// The clock and the sleep are a Clock, so tests can run time without waiting.
+#pragma once
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "jtag/Action.h"
+#include "jtag/Tap.h"
+
+namespace jtag {
+
+class Clock {
+  public:
+    virtual ~Clock() = default;
+    // Nanoseconds on a monotonic clock.
+    virtual uint64_t now() = 0;
+    virtual void sleep(uint64_t ns) = 0;
+};
+
+// steady_clock and nanosleep.
+Clock& systemClock();
+
+struct PlayStats {
+    uint64_t scans = 0;
+    uint64_t bits = 0;       // shifted in scans, headers and trailers included
+    uint64_t cycles = 0;     // TCK cycles (0 in a dry run)
+    uint64_t minRunNs = 0;   // the waits the file asks for: RUNTEST (its count at the
+                             // ceiling, or its minimum time, the longer), XRUNTEST, XWAIT
+    uint64_t mismatches = 0;
+    uint64_t retries = 0;    // XSVF scans tried again after a mismatch
+    uint64_t overruns = 0;   // RUNTEST stays that took longer than their MAXIMUM
+};
+
+class Player {
+  public:
+    // tap null: a dry run, which only counts.
+    Player(Tap* tap, Clock& clock) : tap_(tap), clock_(clock) {}
+
+    // Five cycles with TMS high: the chain in Test-Logic-Reset, where the
+    // readers start.
+    void start();
+    // Carries out one action; false on a TDO mismatch, which mismatch()
+    // then describes. The chain is then in the scan's end state.
+    bool play(const Action& a);
+
+    // "TDO mismatch: expected 1b4d2093 mask ffffffff actual 0a5c7035". A
+    // scan longer than 64 bits shows the 64 bits around the first
+    // difference: "TDO mismatch at bit 1234 of 4096, bits 1265..1202:
+    // expected ... mask ... actual ...". After retries, "after N tries" follows.
+    const std::string& mismatch() const { return mismatch_; }
+    // A RUNTEST that stayed longer than its MAXIMUM: what warning() then says.
+    const std::string& warning() const { return warning_; }
+    const PlayStats& stats() const { return stats_; }
+
+    // Called after each action and each slice of a long run, for progress.
+    std::function<void()> onProgress;
+    // Called for a RUNTEST that took longer than its MAXIMUM.
+    std::function<void(const Action&)> onOverrun;
+
+  private:
+    template <class Op>
+    void paced(Op op);
+    bool scan(const Action& a);
+    void runTest(TapState state, uint64_t cycles, uint64_t minNs, uint64_t maxNs, TapState end, const Action* a);
+    void describeMismatch(const Action& a, unsigned tries);
+    uint64_t askedNs(uint64_t cycles, uint64_t minNs) const;
+
+    Tap* tap_;
+    Clock& clock_;
+    double hz_ = 0;
+    uint64_t nsPerCycle_ = 1000;  // how long a cycle took in the last slice of a run
+    BitVector tdo_;
+    std::string mismatch_, warning_;
+    PlayStats stats_;
+};
+
+}  // namespace jtag

@@ -1,0 +1,248 @@
+#include "play/KelvornPlay.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+
+#include "jtag/Player.h"
+#include "jtag/Svf.h"
+#include "jtag/Xsvf.h"
+#include "tool/CleanupOnSignal.h"
+#include "xilinx/XilIntfC.h"
+
+namespace {
+
+// XSVF is binary, SVF text: a control byte other than white space in this
+// many first bytes makes a file XSVF (every XSVF command code is one).
+constexpr size_t kSniffBytes = 4096;
+// The progress line is redrawn at most this often, and is this wide.
+constexpr uint64_t kRefreshNs = 100000000;
+constexpr int kBarWidth = 24;
+// Mismatch lines (with --ignore-tdo) and overrun warnings shown at most; the summary counts the rest.
+constexpr uint64_t kMaxLines = 10;
+
+enum class Format { svf, xsvf };
+
+Format sniff(FILE* f) {
+    unsigned char head[kSniffBytes];
+    size_t n = std::fread(head, 1, sizeof head, f);
+    std::rewind(f);
+    for (size_t i = 0; i < n; ++i) {
+        unsigned c = head[i];
+        bool space = c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
+        if ((c < 0x20 && !space) || c == 0x7f) return Format::xsvf;
+    }
+    return Format::svf;
+}
+
+std::unique_ptr<jtag::Reader> readerFor(Format format, FILE* f) {
+    if (format == Format::xsvf) return std::make_unique<jtag::XsvfReader>(f);
+    return std::make_unique<jtag::SvfReader>(f);
+}
+
+// The progress line on a terminal: the share of the file read, the bits
+// shifted, and the time left at the pace so far.
+class Progress {
+  public:
+    Progress(bool on, uint64_t fileSize) : on_(on), size_(fileSize), start_(jtag::systemClock().now()) {}
+    ~Progress() { clear(); }
+
+    void update(const jtag::Reader& reader, const jtag::PlayStats& stats) {
+        if (!on_) return;
+        uint64_t now = jtag::systemClock().now();
+        if (now - last_ < kRefreshNs) return;
+        last_ = now;
+        double share = size_ ? static_cast<double>(reader.bytesRead()) / size_ : 1;
+        if (share > 1) share = 1;
+        int filled = static_cast<int>(share * kBarWidth);
+        char left[32] = "--:--";
+        if (share >= 0.01) {
+            double s = (now - start_) * 1e-9 * (1 - share) / share;
+            std::snprintf(left, sizeof left, "%d:%02d", static_cast<int>(s / 60), static_cast<int>(s) % 60);
+        }
+        std::fprintf(stderr, "\r[%.*s%*s] %3d%%  %llu bits  %s left\033[K", filled, "########################",
+                     kBarWidth - filled, "", static_cast<int>(share * 100),
+                     static_cast<unsigned long long>(stats.bits), left);
+        std::fflush(stderr);
+        drawn_ = true;
+    }
+    void clear() {
+        if (!drawn_) return;
+        std::fprintf(stderr, "\r\033[K");
+        std::fflush(stderr);
+        drawn_ = false;
+    }
+
+  private:
+    bool on_;
+    uint64_t size_, start_, last_ = 0;
+    bool drawn_ = false;
+};
+
+struct Options {
+    std::string path;
+    bool ignoreTdo = false;
+    bool quiet = false;
+};
+
+// Plays every action of reader; one line on stderr for each failure.
+int playAll(jtag::Reader& reader, jtag::Player& player, const Options& o, Progress& progress) {
+    const char* file = o.path.c_str();
+    uint64_t overruns = 0;
+    jtag::Action a;
+    player.onProgress = [&] { progress.update(reader, player.stats()); };
+    player.onOverrun = [&](const jtag::Action& x) {
+        if (o.quiet || ++overruns > kMaxLines) return;
+        progress.clear();
+        std::fprintf(stderr, "kelvorn-play: %s: warning: %s %s\n", x.place.in(file).c_str(), x.statement,
+                     player.warning().c_str());
+    };
+    try {
+        while (reader.next(&a)) {
+            if (player.play(a)) continue;
+            if (player.stats().mismatches <= kMaxLines) {
+                progress.clear();
+                std::fprintf(stderr, "kelvorn-play: %s: %s of %zu bits: %s\n", a.place.in(file).c_str(), a.statement,
+                             a.tdi.size(), player.mismatch().c_str());
+            }
+            if (!o.ignoreTdo) return kMismatch;
+        }
+    } catch (const jtag::FormatError& e) {
+        progress.clear();
+        std::fprintf(stderr, "kelvorn-play: %s: %s%s\n", e.place.in(file).c_str(),
+                     e.kind == jtag::FormatError::unreadable ? "cannot read: " : "", e.what());
+        return e.kind == jtag::FormatError::unreadable ? kUnreadable
+               : e.kind == jtag::FormatError::syntax   ? kSyntax
+                                                       : kUnsupported;
+    } catch (const std::bad_alloc&) {
+        // A scan longer than this machine can hold: the pins are still released.
+        progress.clear();
+        std::fprintf(stderr, "kelvorn-play: %s: not enough memory for the statement after %s\n", file,
+                     a.place.in(file).c_str());
+        return kUnsupported;
+    }
+    return player.stats().mismatches ? kMismatch : kPlayed;
+}
+
+std::string counts(const jtag::Reader& reader, const jtag::PlayStats& s) {
+    char line[256];
+    std::snprintf(line, sizeof line, "%llu statements, %llu scans, %llu bits",
+                  static_cast<unsigned long long>(reader.statements()), static_cast<unsigned long long>(s.scans),
+                  static_cast<unsigned long long>(s.bits));
+    return line;
+}
+
+// "0.011 s", "4.2 s".
+std::string seconds(double s) {
+    char t[32];
+    std::snprintf(t, sizeof t, s < 1 ? "%.3f s" : "%.1f s", s);
+    return t;
+}
+
+std::string extras(const jtag::PlayStats& s) {
+    std::string e;
+    if (s.retries) e += ", " + std::to_string(s.retries) + " retries";
+    if (s.mismatches) e += ", " + std::to_string(s.mismatches) + " TDO mismatches";
+    if (s.overruns) e += ", " + std::to_string(s.overruns) + " RUNTEST over MAXIMUM";
+    return e;
+}
+
+}  // namespace
+
+int kelvornPlayMain(int argc, char** argv) {
+    std::string fpga, address, format = "auto";
+    bool testMode = false, dryRun = false;
+    Options o;
+    CLI::App app{
+        "Plays an SVF or XSVF file on the JTAG chain of a logic device, through the GPIO pins that\n"
+        "the named device is wired to. Statuses: 0 played, every TDO as expected; 1 the interface\n"
+        "refused (lock held, unknown device); 2 usage; 3 file cannot be read; 4 syntax error;\n"
+        "5 unsupported statement; 6 TDO mismatch; 7 no backend serves the name on this board.",
+        "kelvorn-play"};
+    app.add_option("fpga", fpga, "the device name")->required();
+    app.add_option("address", address, "the PCI address, dddd:bb:dd.f")->required();
+    app.add_option("file", o.path, "the SVF or XSVF file")->required();
+    app.add_option("--format", format, "svf or xsvf (default: XSVF when the file is binary, else SVF)")
+        ->check(CLI::IsMember({"auto", "svf", "xsvf"}))
+        ->capture_default_str();
+    app.add_flag("--test-mode", testMode, "the lock file (and register files) of test mode, under /tmp");
+    app.add_flag("--dry-run", dryRun, "read and check the whole file, print what it would do; touch no device");
+    app.add_flag("--ignore-tdo", o.ignoreTdo,
+                 "report TDO mismatches and go on to the end (the status still says 6)");
+    app.add_flag("--quiet", o.quiet, "no summary, no progress, no warnings");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        return app.exit(e) == 0 ? kPlayed : kUsage;
+    }
+
+    unsigned short domain = 0;
+    unsigned char bus = 0, device = 0, function = 0;
+    if (std::sscanf(address.c_str(), "%hx:%hhx:%hhx.%hhx", &domain, &bus, &device, &function) != 4) {
+        std::fprintf(stderr, "kelvorn-play: %s is not a PCI address (dddd:bb:dd.f)\n", address.c_str());
+        return kUsage;
+    }
+    std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(o.path.c_str(), "rb"), std::fclose);
+    if (!file) {
+        std::fprintf(stderr, "kelvorn-play: %s: cannot read: %s\n", o.path.c_str(), std::strerror(errno));
+        return kUnreadable;
+    }
+    Format fmt = format == "svf" ? Format::svf : format == "xsvf" ? Format::xsvf : sniff(file.get());
+    struct stat st = {};
+    uint64_t size = ::fstat(fileno(file.get()), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
+    bool terminal = !o.quiet && ::isatty(2);
+
+    // The whole file is read once before any pin moves, so that a file that
+    // breaks off or holds a statement this player refuses does not leave a
+    // device half programmed.
+    std::unique_ptr<jtag::Reader> check = readerFor(fmt, file.get());
+    jtag::Player counter(nullptr, jtag::systemClock());
+    int status;
+    {
+        Progress progress(terminal, size);
+        status = playAll(*check, counter, o, progress);
+    }
+    if (status != kPlayed || dryRun) {
+        if (status == kPlayed && !o.quiet)
+            std::printf("kelvorn-play: %s: %s, at least %s of waits; nothing played (dry run)\n", o.path.c_str(),
+                        counts(*check, counter.stats()).c_str(), seconds(counter.stats().minRunNs * 1e-9).c_str());
+        return status;
+    }
+
+    if (testMode) XilIntf_testModeIs(1);
+    std::fflush(stdout);  // keep what came before ahead of what the backends print
+    XilIntf* intf = XilIntf_bySystem(fpga.c_str(), 0, 0, domain, bus, device, function);
+    if (!intf) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "kelvorn-play: no backend serves %s on this board\n", fpga.c_str());
+        return kNoBackend;
+    }
+    XilIntf_select(intf, fpga.c_str());
+    std::fflush(stdout);
+    CleanupOnSignal guard(intf, fpga.c_str());
+    std::rewind(file.get());
+    std::unique_ptr<jtag::Reader> reader = readerFor(fmt, file.get());
+    jtag::Tap tap(intf);
+    jtag::Player player(&tap, jtag::systemClock());
+    uint64_t start = jtag::systemClock().now();
+    {
+        Progress progress(terminal, size);
+        player.start();
+        status = playAll(*reader, player, o, progress);
+    }
+    guard.cleanup();
+    double took = (jtag::systemClock().now() - start) * 1e-9;
+    if (!o.quiet)
+        std::printf("kelvorn-play: %s: %s, %llu TCK cycles, %s%s\n", o.path.c_str(),
+                    counts(*reader, player.stats()).c_str(), static_cast<unsigned long long>(player.stats().cycles),
+                    seconds(took).c_str(), extras(player.stats()).c_str());
+    std::fflush(stdout);
+    return status;
+}

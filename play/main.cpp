@@ -1,0 +1,3 @@
+#include "play/KelvornPlay.h"
+
+int main(int argc, char** argv) { return kelvornPlayMain(argc, argv); }

@@ -1,0 +1,204 @@
+// The player on a simulated chain with a clock that runs only as TCK
+// cycles and sleeps make it: TDO checks against real IDCODEs, headers,
+// long scans in segments, XSVF retries and their TMS path, and the timing of
+// RUNTEST, XRUNTEST and FREQUENCY.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+
+#include "ChainIntf.h"
+#include "TestSupport.h"
+#include "jtag/Player.h"
+#include "jtag/Svf.h"
+#include "jtag/Xsvf.h"
+
+namespace {
+
+// Time is what the cycles took, at nsPerCycle each, plus what was slept.
+struct FakeClock : jtag::Clock {
+    explicit FakeClock(const ChainIntf* intf) : intf(intf) {}
+    uint64_t now() override { return intf->cycles * nsPerCycle + slept; }
+    void sleep(uint64_t ns) override {
+        slept += ns;
+        sleptAt.push_back(intf->cycles);
+    }
+    const ChainIntf* intf;
+    uint64_t nsPerCycle = 100;
+    uint64_t slept = 0;
+    std::vector<unsigned> sleptAt;  // the cycle count at each sleep
+};
+
+class Player : public ::testing::Test {
+  protected:
+    // Plays the file to its end or its first mismatch; "" or the mismatch.
+    std::string play(const std::string& file, bool xsvf = false) {
+        FILE* f = fmemopen(const_cast<char*>(file.data()), file.size(), "rb");
+        jtag::SvfReader svf(f);
+        jtag::XsvfReader xs(f);
+        jtag::Reader& r = xsvf ? static_cast<jtag::Reader&>(xs) : svf;
+        jtag::Action a;
+        std::string out;
+        while (r.next(&a))
+            if (!player.play(a)) {
+                out = std::string(a.statement) + " " + player.mismatch();
+                break;
+            }
+        std::fclose(f);
+        return out;
+    }
+    // TMS at each rising edge since the mark.
+    std::string tmsSince(size_t mark) const {
+        std::string s;
+        for (size_t i = 2 * mark; i < intf->tmsTrail.size(); i += 2) s += intf->tmsTrail[i] ? '1' : '0';
+        return s;
+    }
+
+    FakeBoard board;
+    sim::JtagChain chain{{{0x0a5c7035, 8}, {0x1b4d2093, 6}}};
+    ChainIntf* intf = new ChainIntf("0_1_0_jtag", &chain);
+    jtag::Tap tap{intf};
+    FakeClock clock{intf};
+    jtag::Player player{&tap, clock};
+};
+
+std::string bytes(std::initializer_list<int> b) {
+    std::string s;
+    for (int c : b) s += static_cast<char>(c);
+    return s;
+}
+
+}  // namespace
+
+TEST_F(Player, IdcodesVerifyAndAFlippedBitIsOneMismatchLine) {
+    player.start();
+    EXPECT_EQ(play("SDR 64 TDI(0) TDO(1b4d2093 0a5c7035);\n"), "");
+    EXPECT_EQ(play("STATE RESET;\nSDR 64 TDI(0) TDO(1b4d2093 0a5c7034);\n"),
+              "SDR TDO mismatch: expected 1b4d20930a5c7034 mask ffffffffffffffff actual 1b4d20930a5c7035");
+    // A mask hides the bit; a scan without TDO reads nothing.
+    EXPECT_EQ(play("STATE RESET;\nSDR 64 TDI(0) TDO(1b4d2093 0a5c7034) MASK(ffffffff fffffffe);\n"), "");
+    unsigned reads = intf->tdoReads;
+    EXPECT_EQ(play("STATE RESET;\nSDR 64 TDI(0);\nSIR 14 TDI(0);\n"), "");
+    EXPECT_EQ(intf->tdoReads, reads);
+    // Past 64 bits: the 64 around the first difference, with its place.
+    EXPECT_EQ(play("STATE RESET;\nSDR 100 TDI(0) TDO(4 1b4d2093 0a5c7035);\n"),
+              "SDR TDO mismatch at bit 66 of 100, bits 97..34: expected 0000000106d34824 mask ffffffffffffffff "
+              "actual 0000000006d34824");
+    EXPECT_EQ(player.stats().mismatches, 2u);
+    EXPECT_EQ(player.stats().scans, 6u);
+    EXPECT_EQ(player.stats().bits, 4 * 64u + 14 + 100);
+}
+
+TEST_F(Player, HeadersAddressTheDeviceNearestTdoFirst) {
+    player.start();
+    // The device nearest TDO (8-bit IR) in BYPASS through the headers; the other keeps IDCODE.
+    // The first SDR matches; the second shows the header's bit, masked.
+    EXPECT_EQ(play("HIR 8 TDI(FF);\nHDR 1 TDI(0);\nSIR 6 TDI(01) TDO(01);\nSDR 32 TDI(0) TDO(1b4d2093);\n"
+                   "SDR 32 TDI(0) TDO(1b4d2092);\n"),
+              "SDR TDO mismatch: expected 0369a4124 mask 1fffffffe actual 0369a4126");
+    EXPECT_EQ(chain.instruction(0), 0xffu);
+    EXPECT_EQ(chain.instruction(1), 0x01u);
+    EXPECT_EQ(player.stats().bits, 14u + 33 + 33);
+}
+
+TEST_F(Player, LongScansInSegmentsStayInShiftDr) {
+    player.start();
+    // XSDRTDOB, C and E: both IDCODEs and then the zeros shifted in first, in three segments of one Shift-DR.
+    EXPECT_EQ(play(bytes({0x08, 0, 0, 0, 32, 0x0f, 0, 0, 0, 0, 0x0a, 0x5c, 0x70, 0x35, 0x10, 0, 0, 0, 0, 0x1b, 0x4d,
+                          0x20, 0x93, 0x11, 0, 0, 0, 0, 0, 0, 0, 0, 0x00}),
+                   true),
+              "");
+    EXPECT_EQ(chain.state(), jtag::TapState::RunTestIdle);
+}
+
+TEST_F(Player, XrepeatTriesAgainThroughPauseDrAndShiftsOneBitBeforeUpdate) {
+    player.start();
+    size_t mark = intf->cycles;
+    // Two wrong tries (TDO is read in the moves to Shift-DR too: 4 cycles
+    // from Test-Logic-Reset, 3 from Run-Test/Idle), then the expected 0xa5.
+    intf->script.assign(4 + 8 + 3 + 8 + 3, false);
+    for (int i = 0; i < 8; ++i) intf->script.push_back((0xa5 >> i) & 1);
+    // XREPEAT 3, XRUNTEST 5 us, XSDRSIZE 8, XTDOMASK ff, XSDRTDO 00 a5.
+    EXPECT_EQ(play(bytes({0x07, 3, 0x04, 0, 0, 0, 5, 0x08, 0, 0, 0, 8, 0x01, 0xff, 0x09, 0x00, 0xa5, 0x00}), true), "");
+    std::string wait(50, '0');  // 5 us at 100 ns a cycle: 5 cycles, then on until the time has passed
+    std::string shift = "100" "00000001";
+    EXPECT_EQ(tmsSince(mark), "0" + shift + "010110" + wait + shift + "010110" + wait + shift + "10" + wait);
+    EXPECT_EQ(player.stats().retries, 2u);
+    // One try too few: the mismatch, after the last try.
+    intf->script.assign(2 * (3 + 8), false);
+    intf->scripted = 0;
+    EXPECT_EQ(play(bytes({0x07, 1, 0x08, 0, 0, 0, 8, 0x01, 0xff, 0x09, 0x00, 0xa5, 0x00}), true),
+              "XSDRTDO TDO mismatch: expected a5 mask ff actual 00 after 2 tries");
+}
+
+TEST_F(Player, RuntestClocksItsCyclesThenUntilItsMinimumTime) {
+    player.start();
+    unsigned before = intf->cycles;
+    EXPECT_EQ(play("RUNTEST 5000 TCK 1E-6 SEC;\n"), "");  // the count is the longer
+    EXPECT_EQ(intf->cycles - before, 1 + 5000u);
+    before = intf->cycles;
+    EXPECT_EQ(play("RUNTEST 100 TCK 1E-3 SEC;\n"), "");  // the time is: 10000 cycles of 100 ns
+    EXPECT_GE(intf->cycles - before, 10000u);
+    EXPECT_LE(intf->cycles - before, 10010u);
+    before = intf->cycles;
+    EXPECT_EQ(play("RUNTEST DRPAUSE 2E-4 SEC ENDSTATE IDLE;\n"), "");  // time alone: clocked throughout
+    EXPECT_GE(intf->cycles - before, 2000u);
+    EXPECT_LE(intf->cycles - before, 2020u);
+    EXPECT_EQ(clock.slept, 0u);  // no ceiling: nothing sleeps
+    // Longer than MAXIMUM: a warning, and on.
+    std::string warned;
+    player.onOverrun = [&](const jtag::Action& a) { warned = a.statement + (" " + player.warning()); };
+    EXPECT_EQ(play("RUNTEST 1000 TCK 1E-6 SEC MAXIMUM 1E-5 SEC;\n"), "");
+    EXPECT_EQ(warned, "RUNTEST stayed 0.000100 s in Run-Test/Idle, longer than its MAXIMUM of 0.000010 s");
+    EXPECT_EQ(player.stats().minRunNs, 1000u + 1000000 + 200000 + 1000);  // the times: no ceiling to count cycles at
+}
+
+TEST_F(Player, XruntestClocksAtLeastAsManyCyclesAsMicroseconds) {
+    clock.nsPerCycle = 2000;  // a slow backend: the count, not the time, is the longer
+    player.start();
+    unsigned before = intf->cycles;
+    // XRUNTEST 1000 us, XSIR 8 bits: the scan, then 1000 cycles in Run-Test/Idle.
+    EXPECT_EQ(play(bytes({0x04, 0, 0, 0x03, 0xe8, 0x02, 8, 0xff, 0x00}), true), "");
+    EXPECT_EQ(intf->cycles - before, 5u + 8 + 2 + 1000);
+    before = intf->cycles;
+    // XWAIT in Pause-DR for 100 us, ending in Run-Test/Idle.
+    EXPECT_EQ(play(bytes({0x17, 0x06, 0x01, 0, 0, 0, 100, 0x00}), true), "");
+    EXPECT_EQ(chain.state(), jtag::TapState::RunTestIdle);
+    EXPECT_EQ(intf->cycles - before, 4u + 100 + 3);
+}
+
+TEST_F(Player, FrequencyIsACeilingOverEverySliceAndScan) {
+    player.start();
+    unsigned before = intf->cycles;
+    EXPECT_EQ(play("FREQUENCY 1E5 HZ;\nRUNTEST 20000 TCK;\n"), "");
+    unsigned cycles = intf->cycles - before;
+    EXPECT_EQ(cycles, 20001u);
+    EXPECT_GE(clock.now(), 20001u * 10000 + before * 100);  // 10 us a cycle at least
+    // Slices of at most a hundredth of a second's worth, each followed by its wait.
+    unsigned last = before, longest = 0;
+    for (unsigned at : clock.sleptAt) longest = std::max(longest, at - last), last = at;
+    EXPECT_EQ(longest, 1000u);
+    // A scan is one operation: its cycles, then the wait they ask for.
+    uint64_t start = clock.now();
+    EXPECT_EQ(play("FREQUENCY 1E3 HZ;\nSDR 32 TDI(0);\n"), "");
+    EXPECT_EQ(clock.now() - start, (3u + 32 + 2) * 1000000);
+    // Without a value: full speed again.
+    clock.sleptAt.clear();
+    EXPECT_EQ(play("FREQUENCY;\nRUNTEST 5000 TCK;\n"), "");
+    EXPECT_TRUE(clock.sleptAt.empty());
+}
+
+TEST(PlayerDryRun, CountsWithoutATap) {
+    FakeBoard board;
+    jtag::Player player(nullptr, jtag::systemClock());
+    const char text[] = "FREQUENCY 1E3 HZ;\nSIR 8 TDI(ff);\nRUNTEST 2000 TCK 1E-3 SEC;\nSDR 16 TDI(0) TDO(0);\n";
+    FILE* f = fmemopen(const_cast<char*>(text), sizeof text - 1, "rb");
+    jtag::SvfReader r(f);
+    jtag::Action a;
+    while (r.next(&a)) EXPECT_TRUE(player.play(a));
+    std::fclose(f);
+    EXPECT_EQ(player.stats().scans, 2u);
+    EXPECT_EQ(player.stats().bits, 24u);
+    EXPECT_EQ(player.stats().cycles, 0u);
+    EXPECT_EQ(player.stats().minRunNs, 2000000000u);  // 2000 cycles at the 1 kHz ceiling
+}
