@@ -212,37 +212,37 @@ class Server {
             if (stopSignal) return "";
             if (ready < 0) continue;  // EINTR
             if (ready == 0) return std::string("stalled in the middle of ") + partial + " for " + stallText();
-            if (fds[1].revents & POLLIN) refuse(peer);
-            if (!fds[0].revents) continue;
-
-            Verdict verdict = Verdict::more;
-            bool closed = false;
             std::string problem;
-            // Everything the client has sent so far, then the answers in one go.
-            while (verdict == Verdict::more && !closed && out_.size() < kAnswersToSend && !stopSignal) {
-                ssize_t n = ::recv(fd, in_.data(), in_.size(), 0);
-                if (n > 0) {
-                    stats->in += static_cast<uint64_t>(n);
-                    verdict = protocol_->feed(in_.data(), static_cast<size_t>(n), &out_);
-                } else if (n == 0) {
-                    closed = true;
-                } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-                    break;
-                } else if (errno != EINTR) {
-                    problem = errorText("cannot receive");
-                    closed = true;
-                }
-            }
-            if (stopSignal) return "";
-            if (!sendAnswers(fd, stats, &problem)) return problem;
-            if (verdict == Verdict::malformed) return protocol_->error();
-            if (verdict == Verdict::quit) return "";
-            if (closed) {
-                if (problem.empty() && (partial = protocol_->partial()))
-                    problem = std::string("closed in the middle of ") + partial;
-                return problem;
+            if (fds[0].revents && !take(fd, stats, &problem)) return problem;
+            // Only now: a client that connects as this one quits is served next.
+            if (fds[1].revents & POLLIN) refuse(peer);
+        }
+    }
+
+    // Everything the client has sent so far, then the answers in one go;
+    // false when the session ends, with *problem what went wrong.
+    bool take(int fd, Stats* stats, std::string* problem) {
+        Verdict verdict = Verdict::more;
+        bool closed = false;
+        while (verdict == Verdict::more && !closed && out_.size() < kAnswersToSend && !stopSignal) {
+            ssize_t n = ::recv(fd, in_.data(), in_.size(), 0);
+            if (n > 0) {
+                stats->in += static_cast<uint64_t>(n);
+                verdict = protocol_->feed(in_.data(), static_cast<size_t>(n), &out_);
+            } else if (n == 0) {
+                closed = true;
+            } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+                break;
+            } else if (errno != EINTR) {
+                *problem = errorText("cannot receive");
+                closed = true;
             }
         }
+        if (stopSignal || !sendAnswers(fd, stats, problem)) return false;
+        if (verdict == Verdict::malformed) *problem = protocol_->error();
+        const char* partial = protocol_->partial();
+        if (closed && problem->empty() && partial) *problem = std::string("closed in the middle of ") + partial;
+        return verdict == Verdict::more && !closed;
     }
 
     // Sends out_ whole; false (with *problem, unless a stop signal came)
