@@ -26,11 +26,15 @@ void RemoteBitbang::begin() {
 }
 
 Verdict RemoteBitbang::feed(const uint8_t* data, size_t n, std::vector<uint8_t>* out) {
-    static const uint8_t kNoBits = 0;
-    XilIntf_shift(intf_, 0, &kNoBits, &kNoBits, nullptr);
+    bool fresh = false;  // the register image read in this batch
     for (size_t i = 0; i < n; ++i) {
         uint8_t c = data[i];
         if (c >= kWriteFirst && c <= kWriteLast) {
+            if (!fresh) {
+                static const uint8_t kNoBits = 0;
+                XilIntf_shift(intf_, 0, &kNoBits, &kNoBits, nullptr);
+                fresh = true;
+            }
             uint8_t v = static_cast<uint8_t>(c - kWriteFirst);
             bool tck = v & kTckBit;
             if (tck && !tck_) ++cycles_;

@@ -8,9 +8,9 @@
 //   'Q'       end of session
 //
 // Anything else (the SWD symbols among it) is malformed. A received batch
-// is worked through in one go; the register image is read afresh once per
-// batch, since setting pins reads nothing and other agents may own bits
-// of the registers the pins share.
+// is worked through in one go; before its first pin symbol the register
+// image is read afresh, once per batch: setting pins reads nothing, and
+// other agents may own bits of the registers the pins share.
 #pragma once
 #include "serve/Protocol.h"
 #include "xilinx/XilIntfC.h"
