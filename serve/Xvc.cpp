@@ -52,6 +52,7 @@ void Xvc::begin() {
     paced_ = false;
     state_ = State::name;
     nameLength_ = 0;
+    word_ = 0;
     wordLength_ = 0;
 }
 
@@ -88,20 +89,18 @@ Verdict Xvc::feed(const uint8_t* data, size_t n, std::vector<uint8_t>* out) {
                 if (whole) command(whole, out);
                 break;
             }
-            case State::settckPeriod:
-                if (!word(data, n, &i)) break;
-                {
-                    uint32_t requested = word_[0] | word_[1] << 8 | word_[2] << 16 | uint32_t{word_[3]} << 24;
-                    uint32_t native = nativePeriod();
-                    paced_ = requested > native;
-                    period_ = paced_ ? std::min(requested, kSlowestPeriodNs) : native;
-                    appendWord(period_, out);
-                }
+            case State::settckPeriod: {
+                uint32_t requested;
+                if (!word(data, n, &i, &requested)) break;
+                uint32_t native = nativePeriod();
+                paced_ = requested > native;
+                period_ = paced_ ? std::min(requested, kSlowestPeriodNs) : native;
+                appendWord(period_, out);
                 state_ = State::name;
                 break;
+            }
             case State::shiftLength:
-                if (!word(data, n, &i)) break;
-                bits_ = word_[0] | word_[1] << 8 | word_[2] << 16 | uint32_t{word_[3]} << 24;
+                if (!word(data, n, &i, &bits_)) break;
                 if ((uint64_t{bits_} + 7) / 8 > maxVector_) {
                     char what[96];
                     std::snprintf(what, sizeof what, "shift of %u bits: longer than the %u-byte maximum vector",
@@ -139,10 +138,13 @@ void Xvc::command(const char* name, std::vector<uint8_t>* out) {
     }
 }
 
-// Collects the bytes of a 4-byte argument; true once all four are there.
-bool Xvc::word(const uint8_t* data, size_t n, size_t* i) {
-    while (wordLength_ < 4 && *i < n) word_[wordLength_++] = data[(*i)++];
+// Collects the bytes of a 4-byte argument, least significant first; true,
+// with *value, once all four are there.
+bool Xvc::word(const uint8_t* data, size_t n, size_t* i, uint32_t* value) {
+    for (; wordLength_ < 4 && *i < n; ++wordLength_) word_ |= uint32_t{data[(*i)++]} << (8 * wordLength_);
     if (wordLength_ < 4) return false;
+    *value = word_;
+    word_ = 0;
     wordLength_ = 0;
     return true;
 }

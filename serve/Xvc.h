@@ -47,7 +47,7 @@ class Xvc : public Protocol {
     enum class State { name, settckPeriod, shiftLength, shiftVectors };
 
     void command(const char* name, std::vector<uint8_t>* out);  // the name has arrived whole
-    bool word(const uint8_t* data, size_t n, size_t* i);
+    bool word(const uint8_t* data, size_t n, size_t* i, uint32_t* value);
     uint32_t nativePeriod();
     void shift(std::vector<uint8_t>* out);
     void pacedShift(const uint8_t* tms, const uint8_t* tdi, uint8_t* tdo);
@@ -63,7 +63,7 @@ class Xvc : public Protocol {
     State state_ = State::name;
     char name_[8];
     size_t nameLength_ = 0;
-    uint8_t word_[4];
+    uint32_t word_ = 0;
     size_t wordLength_ = 0;
     uint32_t bits_ = 0;
     size_t vectorBytes_ = 0;  // of one vector
