@@ -71,7 +71,11 @@ class StopSignals {
         act.sa_handler = onStopSignal;
         act.sa_flags = SA_RESTART;  // the backends' own system calls go on
         sigemptyset(&act.sa_mask);
-        for (size_t i = 0; i < std::size(kStopSignals); ++i) ::sigaction(kStopSignals[i].number, &act, &previous_[i]);
+        for (size_t i = 0; i < std::size(kStopSignals); ++i) {
+            ::sigaction(kStopSignals[i].number, nullptr, &previous_[i]);
+            // A signal the process was started to ignore (nohup) stays ignored.
+            if (previous_[i].sa_handler != SIG_IGN) ::sigaction(kStopSignals[i].number, &act, nullptr);
+        }
     }
     ~StopSignals() {
         for (size_t i = 0; i < std::size(kStopSignals); ++i) ::sigaction(kStopSignals[i].number, &previous_[i], nullptr);

@@ -8,7 +8,8 @@
 // pins go back to inputs when the client goes. A second client while one
 // is served is closed at once. SIGINT, SIGTERM and SIGHUP end the server
 // cleanly (exit status 0): the client being served, if any, is dropped and
-// the pins are cleaned up first.
+// the pins are cleaned up first. A signal the process was started to
+// ignore (nohup) stays ignored.
 //
 // kelvornServeMain is the whole program; main() only calls it, and the
 // board simulator parses the same options to know which device to wire.
