@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "sim/Board.h"
+#include "serve/KelvornServe.h"
 #include "sim/Options.h"
 #include "sim/Scan.h"
 #include "tool/Kelvorn.h"
@@ -41,7 +42,9 @@ int main(int argc, char** argv) {
         "  kelvorn-sim [options] -- <fpga> <pci address> { tck | tms | tdi | tdo } [ 0 | 1 ]\n"
         "      the kelvorn tool itself: same output and exit statuses\n"
         "  kelvorn-sim [options] scan <fpga> <pci address>\n"
-        "      prints the chain's IDCODEs, nearest TDO first; status 0, 1 when no device answers\n",
+        "      prints the chain's IDCODEs, nearest TDO first; status 0, 1 when no device answers\n"
+        "  kelvorn-sim [options] serve [serve options] <fpga> <pci address>\n"
+        "      kelvorn-serve itself, on the simulated board (kelvorn-sim serve --help)\n",
         "kelvorn-sim"};
     app.add_option("--platform", config.platform,
                    "the board's platform: the kernel command line holds platform=NAME (default: no platform word)");
@@ -77,6 +80,8 @@ int main(int argc, char** argv) {
     scan->add_option("fpga", scanDevice, "the device name")->required();
     scan->add_option("address", scanAddress, "the PCI address, dddd:bb:dd.f")->required();
     scan->fallthrough();
+    CLI::App* serveCommand = app.add_subcommand("serve", "run kelvorn-serve; its options and arguments follow");
+    serveCommand->prefix_command()->set_help_flag();
     try {
         app.parse(argc, argv);
         std::string noMemory = sim::needMemory(config.chain);
@@ -85,10 +90,22 @@ int main(int argc, char** argv) {
         return app.exit(e);
     }
 
-    config.device = scan->parsed() ? scanDevice : kelvornArgs.empty() ? "" : kelvornArgs.front();
+    serve::Options serveOptions;
+    if (serveCommand->parsed()) {
+        std::vector<std::string> serveArgs = serveCommand->remaining();
+        std::vector<char*> args{const_cast<char*>("kelvorn-serve")};
+        for (std::string& a : serveArgs) args.push_back(&a[0]);
+        int status;
+        if (!serve::parseOptions(static_cast<int>(args.size()), args.data(), &serveOptions, &status)) return status;
+    }
+    config.device = scan->parsed()           ? scanDevice
+                    : serveCommand->parsed() ? serveOptions.fpga
+                    : kelvornArgs.empty()    ? ""
+                                             : kelvornArgs.front();
     sim::Board board(config);
     board.install();
     if (scan->parsed()) return sim::scan(scanDevice.c_str(), scanAddress.c_str(), stdout);
+    if (serveCommand->parsed()) return serve::run(serveOptions);
 
     std::vector<char*> args{const_cast<char*>("kelvorn")};
     for (std::string& a : kelvornArgs) args.push_back(&a[0]);

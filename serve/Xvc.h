@@ -1,0 +1,74 @@
+// Xilinx Virtual Cable 1.0 (XVC): three commands, each a name ending in ':'
+// and binary arguments, integers 4 bytes little-endian.
+//
+//   getinfo:                       answers "xvcServer_v1.0:<max vector bytes>\n"
+//   settck:<period ns>             answers the period honoured, 4 bytes
+//   shift:<bits><tms vector><tdi vector>
+//                                  answers the TDO vector
+//
+// Each vector holds ceil(bits / 8) bytes, bit 0 of byte 0 first (the layout
+// XilIntf_shift takes); a shift whose vectors would be longer than the
+// advertised maximum is refused on its length alone. Bits of the last
+// byte past the count are ignored on the way in and 0 on the way out.
+//
+// TCK runs as fast as the backend's register accesses allow until the
+// client asks for a slower clock; settck answers the period of that
+// fastest clock (measured on the shifts made so far, and before the first
+// by timing the accesses a cycle makes with TCK held low) or, when the
+// client asks for a longer period, that period, up to kSlowestPeriodNs.
+// Such a clock is made one edge at a time, each half period at least half
+// the period long.
+#pragma once
+#include <csignal>
+
+#include "serve/Protocol.h"
+#include "xilinx/XilIntfC.h"
+
+namespace serve {
+
+class Xvc : public Protocol {
+  public:
+    static constexpr uint32_t kDefaultMaxVector = 4096;  // bytes per vector
+    static constexpr uint32_t kMaxVectorLimit = 65536;
+    static constexpr uint32_t kSlowestPeriodNs = 1000000;  // 1 kHz
+
+    // stop, when given and set, ends a paced shift early: the server is
+    // going down and its answer will not be sent.
+    Xvc(XilIntf* intf, uint32_t maxVectorBytes, const volatile std::sig_atomic_t* stop = nullptr);
+
+    void begin() override;
+    Verdict feed(const uint8_t* data, size_t n, std::vector<uint8_t>* out) override;
+    const char* partial() const override;
+
+    // The TCK period settck last answered; 0 before settck: full speed.
+    uint32_t period() const { return period_; }
+
+  private:
+    enum class State { name, settckPeriod, shiftLength, shiftVectors };
+
+    void command(const char* name, std::vector<uint8_t>* out);  // the name has arrived whole
+    bool word(const uint8_t* data, size_t n, size_t* i, uint32_t* value);
+    uint32_t nativePeriod();
+    void shift(std::vector<uint8_t>* out);
+    void pacedShift(const uint8_t* tms, const uint8_t* tdi, uint8_t* tdo);
+    bool stopped() const { return stop_ && *stop_; }
+
+    XilIntf* intf_;
+    uint32_t maxVector_;
+    const volatile std::sig_atomic_t* stop_;
+    uint32_t nativeNs_ = 0;  // one cycle at full speed, as last measured; 0: not yet
+    uint32_t period_ = 0;
+    bool paced_ = false;
+
+    State state_ = State::name;
+    char name_[8];
+    size_t nameLength_ = 0;
+    uint32_t word_ = 0;
+    size_t wordLength_ = 0;
+    uint32_t bits_ = 0;
+    size_t vectorBytes_ = 0;  // of one vector
+    size_t received_ = 0;     // of both
+    std::vector<uint8_t> vectors_;  // TMS, then TDI; sized once
+};
+
+}  // namespace serve

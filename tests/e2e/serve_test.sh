@@ -1,0 +1,84 @@
+# kelvorn-serve on simulated boards with real clients: Debian's openocd
+# scans the chain over remote_bitbang through four backends (SoC GPIO,
+# SB820, PEX 8600, GbE), openFPGALoader detects it over XVC; then the
+# server's refusals at start-up and their statuses.
+source "$(dirname "$0")/lib.sh" "$1"
+source "$(dirname "$0")/serve_lib.sh"
+
+for tool in openocd openFPGALoader; do
+  command -v "$tool" >/dev/null || { echo "skipped: $tool is not installed"; exit 77; }
+done
+
+# The scan_chain table as "tap enabled idcode expected irlen", one tap a line.
+scan_table() { awk '$2 ~ /^(c|auto)[0-9]+\.tap$/ { print $2, $3, $4, $5, $6 }' <<<"$OPENOCD_OUT"; }
+# The table for a chain: declared taps (c0, c1, ...) or found ones (auto0, ...).
+chain_table() {  # chain tap-prefix
+  local i=0 id len
+  for d in ${1//,/ }; do
+    IFS=: read -r id len <<<"$d"
+    if [ "$2" = c ]; then echo "c$i.tap Y $id $id $len"; else echo "auto$i.tap Y $id 0x00000000 $len"; fi
+    i=$((i + 1))
+  done
+}
+
+# openocd's scan through each backend, with a chain of its own: once with
+# the taps declared (openocd checks the IDCODEs and IR captures), once
+# probing (it finds the IDCODEs and measures the IR lengths itself).
+while read -r what board chain device address; do
+  serve_start ${board//,/ } --chain "$chain" -- "$device" "$address" || continue
+  openocd_run "$(chain_taps "$chain")" "echo [capture scan_chain]"
+  expect_eq "$OPENOCD_STATUS $(grep -c '^Error' <<<"$OPENOCD_OUT")" "0 0" "$what: openocd status and errors"
+  expect_eq "$(scan_table)" "$(chain_table "$chain" c)" "$what: scan_chain, taps declared"
+  openocd_run "" "echo [capture scan_chain]"
+  expect_eq "$OPENOCD_STATUS $(grep -c '^Error' <<<"$OPENOCD_OUT")" "0 0" "$what: probing openocd status and errors"
+  expect_eq "$(scan_table)" "$(chain_table "$chain" auto)" "$what: scan_chain, probed"
+  serve_stop
+  expect_eq "$SERVE_STATUS" 0 "$what: server status"
+  expect_eq "$(serve_lines)" "kelvorn-serve: listening on 127.0.0.1:$SERVE_PORT (remote-bitbang) for $device at $address
+$(serve_lines | grep -E '^kelvorn-serve: PEER done: [1-9][0-9]* bytes in, [1-9][0-9]* bytes out, [1-9][0-9]* TCK cycles, T s$')
+kelvorn-serve: stopped by SIGTERM" "$what: server lines"
+  expect_eq "$(serve_lines | grep -c ' done: ')" 2 "$what: two connections"
+done <<'EOF'
+SoC-GPIO --platform,gozip,--cpu,0x16:0x30 0x0a5c7035:8,0x1b4d2093:6 fodak 0000:00:14.0
+SB820 --platform,mosavo 0x12345679:5,0x0abcdef1:7,0x2468ace1:10 fodak 0000:00:14.0
+PEX-8600 --cpu,0x16:0x30 0x0362d093:6 rotanMotub 0000:03:00.0
+GbE --cpu,0x16:0x30 0x1b4d2093:6,0x0a5c7035:8,0x012b5043:8 penetScd 0000:02:00.0
+EOF
+
+# openFPGALoader's XVC client; --once: the server ends with its client.
+if serve_start --chain 0x012b5043:8,0x0362d093:6 -- --protocol xvc --once rotanMotub 0000:03:00.0; then
+  out=$(timeout 120 openFPGALoader -c xvc-client --ip 127.0.0.1 --port "$SERVE_PORT" --detect 2>&1)
+  expect_eq "$?" 0 "openFPGALoader: status"
+  expect_eq "$(grep -E 'idcode|irlength' <<<"$out" | tr -d '\t')" "idcode 0x362d093
+irlength 6
+idcode 0x12b5043
+irlength 8" "openFPGALoader: the chain"
+  serve_wait
+  expect_eq "$SERVE_STATUS" 0 "openFPGALoader: server status after its one client"
+  expect_eq "$(serve_lines | grep -c -E '^kelvorn-serve: PEER done: [1-9][0-9]* bytes in, [1-9][0-9]* bytes out, [1-9][0-9]* TCK cycles, T s$')" 1 \
+    "openFPGALoader: its connection's line"
+fi
+
+# Refusals at start-up.
+expect_run 2 "CHECKING FPGA nothing" "kelvorn-serve: no backend serves nothing on this board" "no backend" \
+  kelvorn-sim serve --listen 127.0.0.1:0 nothing 0000:00:14.0
+expect_run 4 "" "address: wants a PCI address dddd:bb:dd.f, for example 0000:03:00.0
+Run with --help for more information." "bad PCI address" kelvorn-sim serve rotanMotub 0000:03:00
+expect_run 4 "" "--listen: wants ADDRESS:PORT or :PORT, for example 127.0.0.1:3335
+Run with --help for more information." "listen without a port" kelvorn-sim serve --listen 127.0.0.1 rotanMotub 0000:03:00.0
+expect_run 4 "" "--listen: not a numeric address: localhost
+Run with --help for more information." "listen on a name" kelvorn-sim serve --listen localhost:0 rotanMotub 0000:03:00.0
+expect_run 4 "" "--max-vector: Value 65537 not in range 1 to 65536
+Run with --help for more information." "max-vector past the limit" \
+  kelvorn-sim serve --protocol xvc --max-vector 65537 rotanMotub 0000:03:00.0
+if serve_start -- rotanMotub 0000:03:00.0; then
+  expect_run 3 "" "kelvorn-serve: cannot listen on 127.0.0.1:$SERVE_PORT: Address already in use" "port in use" \
+    kelvorn-sim serve --listen ":$SERVE_PORT" penetScd 0000:02:00.0
+  serve_stop
+  expect_eq "$SERVE_STATUS" 0 "idle server: status"
+fi
+e2e_run kelvorn-serve --help
+expect_eq "$E2E_STATUS $(grep -c -- '--max-vector' <<<"$E2E_OUT")" "0 1" "kelvorn-serve --help"
+expect_eq "$(ls "$(e2e_lock_dir)")" "" "no lock under /var/lock"
+
+e2e_done
