@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "sim/Board.h"
+#include "play/KelvornPlay.h"
 #include "serve/KelvornServe.h"
 #include "sim/Options.h"
 #include "sim/Scan.h"
@@ -82,6 +83,8 @@ int main(int argc, char** argv) {
     scan->fallthrough();
     CLI::App* serveCommand = app.add_subcommand("serve", "run kelvorn-serve; its options and arguments follow");
     serveCommand->prefix_command()->set_help_flag();
+    CLI::App* playCommand = app.add_subcommand("play", "run kelvorn-play; its options and arguments follow");
+    playCommand->prefix_command()->set_help_flag();
     try {
         app.parse(argc, argv);
         std::string noMemory = sim::needMemory(config.chain);
@@ -98,14 +101,30 @@ int main(int argc, char** argv) {
         int status;
         if (!serve::parseOptions(static_cast<int>(args.size()), args.data(), &serveOptions, &status)) return status;
     }
+    // kelvorn-play's arguments: its options, then <fpga> <pci address> <file>.
+    std::vector<std::string> playArgs{"kelvorn-play"};
+    std::string playDevice;
+    if (playCommand->parsed()) {
+        for (const std::string& a : playCommand->remaining()) playArgs.push_back(a);
+        for (size_t i = 1, positional = 0; i < playArgs.size() && playDevice.empty(); ++i)
+            if (playArgs[i][0] != '-' && positional++ == 0 && (i == 1 || playArgs[i - 1] != "--format"))
+                playDevice = playArgs[i];
+    }
     config.device = scan->parsed()           ? scanDevice
                     : serveCommand->parsed() ? serveOptions.fpga
+                    : playCommand->parsed()  ? playDevice
                     : kelvornArgs.empty()    ? ""
                                              : kelvornArgs.front();
     sim::Board board(config);
     board.install();
     if (scan->parsed()) return sim::scan(scanDevice.c_str(), scanAddress.c_str(), stdout);
     if (serveCommand->parsed()) return serve::run(serveOptions);
+    if (playCommand->parsed()) {
+        std::vector<char*> args;
+        for (std::string& a : playArgs) args.push_back(&a[0]);
+        args.push_back(nullptr);
+        return kelvornPlayMain(static_cast<int>(args.size() - 1), args.data());
+    }
 
     std::vector<char*> args{const_cast<char*>("kelvorn")};
     for (std::string& a : kelvornArgs) args.push_back(&a[0]);
