@@ -179,6 +179,7 @@ TEST(Hal, BitmaskAndBitsIs) {
 }
 
 TEST(HalDeathTest, PreconditionsGuardTheCallersTables) {
+    SKIP_WITHOUT_ASSERTIONS();
     EXPECT_DEATH(Hal::bitmask<U32>(5, 4), "from <= to");
     U32 v = 0;
     EXPECT_DEATH(Hal::bitsIs<U32>(v, 0, 3, 0x10), "\\(newValue & ~mask\\) == 0");
