@@ -35,7 +35,7 @@ expect_eq "$(ls "$stage/bin" | grep -xE 'kelvorn|kelvorn-sim|.*_(test|bench)')" 
 
 so=$stage/$libdir/libxilinx.so.1
 functions=$(sed -nE 's/^[a-zA-Z].*[ *](XilIntf_[A-Za-z]+)\(.*/\1/p' "$stage/include/kelvorn/XilIntfC.h" | sort)
-expect_eq "$(wc -l <<<"$functions")" 11 "the header declares eleven functions"
+expect_eq "$(grep -cx XilIntf_bySystem <<<"$functions")" 1 "the header's declarations found"
 expect_eq "$(nm -D --defined-only "$so" | awk '{print $3}' | sort)" "$functions" "shared library exports exactly the header's functions"
 expect_eq "$(readelf -d "$so" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')" libxilinx.so.1 "SONAME"
 expect_eq "$(nm -A "$so" "$stage/$libdir/libxilinx.a" 2>/dev/null | grep -c Fake)" 0 "no test double in the libraries"
