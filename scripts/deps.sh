@@ -2,7 +2,11 @@
 # Installs what building and testing need, from Debian's packages, when it is
 # missing. Needs root (apt-get).
 set -euo pipefail
-pkgs=(cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev util-linux openocd openfpgaloader)
+# clang: the Clang build; pkg-config, dpkg-dev (dpkg-shlibdeps) and file
+# (CPack's look at the binaries): the install and package test; openocd and
+# openfpgaloader: clients of the servers in the tests.
+pkgs=(cmake ninja-build g++ clang libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev util-linux
+      pkg-config dpkg-dev file openocd openfpgaloader)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -17,6 +17,12 @@ extern "C" {
 typedef struct XilIntf XilIntf;
 #endif
 
+/* These are what the shared library exports; it is built with everything
+ * else hidden. */
+#ifdef __GNUC__
+#pragma GCC visibility push(default)
+#endif
+
 /* The interface for deviceName on the PCI function domain:bus:device.function,
  * or NULL when no backend serves that name on this board. */
 XilIntf* XilIntf_bySystem(const char* deviceName, uint16_t pciVendor, uint16_t pciDevice, uint16_t domain,
@@ -45,6 +51,10 @@ void XilIntf_shift(XilIntf* intf, uint32_t nbits, const uint8_t* tms, const uint
  * change are not written; when TCK rises, TMS and TDI settle first, when
  * it falls, they change after it. */
 void XilIntf_pinsIs(XilIntf* intf, int tck, int tms, int tdi);
+
+#ifdef __GNUC__
+#pragma GCC visibility pop
+#endif
 
 #ifdef __cplusplus
 }

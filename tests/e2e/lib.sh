@@ -8,6 +8,7 @@
 #   e2e_pci 0000:00:14.0 resource5 0x1000   # a sparse resource file
 #   e2e_devmem 0x100000000                  # a sparse file as /dev/mem
 #   e2e_run kelvorn fodak 0000:00:14.0 tdo  # status in $E2E_STATUS, output in $E2E_OUT/$E2E_ERR
+#   e2e_run "$E2E_DIR/prog"                 # a program of the test's own, by its path
 #   e2e_start kelvorn ...; ...; e2e_wait    # the same, in the background
 #   e2e_hold kelvorn fodak 0000:00:14.0 tck 1; ...; e2e_wait   # during a set command's hold
 #   expect_eq "$(rd8 "$(e2e_pci_file 0000:00:14.0 resource5)" 0x1bd)" 0x40 "TCK driven high"
@@ -41,10 +42,16 @@ e2e_devmem() { truncate -s "$(($1))" "$E2E_DIR/dev/mem"; }
 e2e_lock_dir() { echo "$E2E_DIR/lock"; }
 e2e_tmp_dir() { echo "$E2E_DIR/tmp"; }
 
-# The command line that runs a binary of the build inside the namespace.
+# The command line that runs a binary of the build (or, given a path, that
+# program; it must not be under /tmp) inside the namespace.
 _e2e_cmd() {
-  local bin=$1; shift
-  [ -x "$E2E_DIR/bin/$bin" ] || cp "$E2E_BUILD/bin/$bin" "$E2E_DIR/bin/$bin"
+  local bin=$1 path; shift
+  if [[ $bin == */* ]]; then
+    path=$bin
+  else
+    path=$E2E_DIR/bin/$bin
+    [ -x "$path" ] || cp "$E2E_BUILD/bin/$bin" "$path"
+  fi
   E2E_ARGV=(unshare -m --propagation private sh -c '
     d=$1; shift
     mount --bind "$d/cmdline" /proc/cmdline &&
@@ -52,7 +59,7 @@ _e2e_cmd() {
     mount --bind "$d/lock" /var/lock &&
     mount --bind "$d/dev" /dev &&
     mount --bind "$d/tmp" /tmp || exit 99
-    exec "$@"' sh "$E2E_DIR" "$E2E_DIR/bin/$bin" "$@")
+    exec "$@"' sh "$E2E_DIR" "$path" "$@")
 }
 
 e2e_run() {

@@ -67,6 +67,11 @@ TEST_F(CaveCreek, BaseFromConfigRegister48ThenAnIoPortWindow) {
     EXPECT_THAT(regs(3), ElementsAre(0xf580u, 0xf584u, 0xf58cu));
     EXPECT_THAT(regs(44), ElementsAre(0xf5b0u, 0xf5b4u, 0xf5b8u));
     EXPECT_THAT(regs(95), ElementsAre(0xf5c0u, 0xf5c4u, 0xf5c8u));
+}
+
+TEST_F(CaveCreek, GpioWithoutABankStopsAtItsAssertion) {
+    SKIP_WITHOUT_ASSERTIONS();
+    CaveCreekPCHIntf* intf = make();
     EXPECT_DEATH(intf->useSelectGpioReg(96), "GPIO without a bank");
 }
 

@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <typeindex>
 #include <typeinfo>
 
 #include "StubBackend.h"
@@ -101,16 +102,13 @@ TEST(Lock, TestModeUsesTheTmpFileAndTracesBothPaths) {
 // ---- registry ----
 
 TEST(Registry, FactoriesAreRegisteredInTheirFixedOrder) {
-    auto& r = XilIntfFactory::registry();
-    ASSERT_EQ(XilIntfFactory::count(), 8u);
-    EXPECT_EQ(typeid(*r[0]), typeid(Sb820Factory));
-    EXPECT_EQ(typeid(*r[1]), typeid(EkabiniGpioFactory));
-    EXPECT_EQ(typeid(*r[2]), typeid(CaveCreekPCHFactory));
-    EXPECT_EQ(typeid(*r[3]), typeid(PlxPex8600Factory));
-    EXPECT_EQ(typeid(*r[4]), typeid(PlxPex8700Factory));
-    EXPECT_EQ(typeid(*r[5]), typeid(IntelGbeControllerFactory));
-    EXPECT_EQ(typeid(*r[6]), typeid(CedarForkPCHFactory));
-    EXPECT_EQ(typeid(*r[7]), typeid(PericomGen3Factory));
+    using Kind = std::type_index;
+    std::vector<Kind> kinds;
+    for (XilIntfFactory* f : XilIntfFactory::registry()) kinds.emplace_back(typeid(*f));
+    EXPECT_THAT(kinds, ElementsAre(Kind(typeid(Sb820Factory)), Kind(typeid(EkabiniGpioFactory)),
+                                   Kind(typeid(CaveCreekPCHFactory)), Kind(typeid(PlxPex8600Factory)),
+                                   Kind(typeid(PlxPex8700Factory)), Kind(typeid(IntelGbeControllerFactory)),
+                                   Kind(typeid(CedarForkPCHFactory)), Kind(typeid(PericomGen3Factory))));
 }
 
 TEST(Registry, FirstAcceptingFactoryWinsAndLaterOnesAreNotAsked) {
@@ -179,6 +177,7 @@ TEST(Hal, BitmaskAndBitsIs) {
 }
 
 TEST(HalDeathTest, PreconditionsGuardTheCallersTables) {
+    SKIP_WITHOUT_ASSERTIONS();
     EXPECT_DEATH(Hal::bitmask<U32>(5, 4), "from <= to");
     U32 v = 0;
     EXPECT_DEATH(Hal::bitsIs<U32>(v, 0, 3, 0x10), "\\(newValue & ~mask\\) == 0");

@@ -42,7 +42,7 @@ class PlxPex8700Intf : public XilIntf {
 
   private:
     // The pin tables hold nothing else; a wrong entry stops here.
-    static void checkPin(U8 pin) { assert(pin >= MIN_PIN and pin <= MAX_PIN); }
+    static void checkPin([[maybe_unused]] U8 pin) { assert(pin >= MIN_PIN and pin <= MAX_PIN); }
 
     U32 dirOffset;
     U32 dir10Offset;

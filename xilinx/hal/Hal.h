@@ -21,9 +21,8 @@ T bitmask(U16 from, U16 to) {
 template <typename T>
 void bitsIs(T& value, U16 from, U16 to, T newValue) {
     assert(from <= to);
-    T mask = bitmask<T>(0, static_cast<U16>(to - from));
+    [[maybe_unused]] T mask = bitmask<T>(0, static_cast<U16>(to - from));
     assert((newValue & ~mask) == 0);
-    (void)mask;
     value = static_cast<T>((value & ~bitmask<T>(from, to)) | static_cast<T>(newValue << from));
 }
 
