@@ -80,8 +80,8 @@ struct PerPin : XilIntf {
     XilIntf* real;
 };
 
-BitVector randomBits(size_t n, unsigned seed) {
-    std::mt19937 gen(seed);
+BitVector randomBits(size_t n, unsigned stream) {
+    std::mt19937 gen(stream);
     BitVector v(n);
     for (size_t i = 0; i < v.byteCount(); ++i) v.data()[i] = static_cast<uint8_t>(gen());
     v.resize(n);  // clears the tail
