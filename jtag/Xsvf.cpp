@@ -6,29 +6,7 @@ namespace jtag {
 
 namespace {
 
-// Command codes.
-constexpr int kXcomplete = 0x00;
-constexpr int kXtdomask = 0x01;
-constexpr int kXsir = 0x02;
-constexpr int kXsdr = 0x03;
-constexpr int kXruntest = 0x04;
-constexpr int kXrepeat = 0x07;
-constexpr int kXsdrsize = 0x08;
-constexpr int kXsdrtdo = 0x09;
-constexpr int kXsetsdrmasks = 0x0a;
-constexpr int kXsdrinc = 0x0b;
-constexpr int kXsdrb = 0x0c;
-constexpr int kXsdrc = 0x0d;
-constexpr int kXsdre = 0x0e;
-constexpr int kXsdrtdob = 0x0f;
-constexpr int kXsdrtdoc = 0x10;
-constexpr int kXsdrtdoe = 0x11;
-constexpr int kXstate = 0x12;
-constexpr int kXendir = 0x13;
-constexpr int kXenddr = 0x14;
-constexpr int kXsir2 = 0x15;
-constexpr int kXcomment = 0x16;
-constexpr int kXwait = 0x17;
+using namespace xsvf;
 
 // Names by code; 0x05 and 0x06 are no commands.
 constexpr const char* kNames[] = {

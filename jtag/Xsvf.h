@@ -31,6 +31,34 @@
 
 namespace jtag {
 
+// The XSVF command codes; 0x05 and 0x06 are none.
+namespace xsvf {
+enum Command : uint8_t {
+    kXcomplete = 0x00,
+    kXtdomask = 0x01,
+    kXsir = 0x02,
+    kXsdr = 0x03,
+    kXruntest = 0x04,
+    kXrepeat = 0x07,
+    kXsdrsize = 0x08,
+    kXsdrtdo = 0x09,
+    kXsetsdrmasks = 0x0a,
+    kXsdrinc = 0x0b,
+    kXsdrb = 0x0c,
+    kXsdrc = 0x0d,
+    kXsdre = 0x0e,
+    kXsdrtdob = 0x0f,
+    kXsdrtdoc = 0x10,
+    kXsdrtdoe = 0x11,
+    kXstate = 0x12,
+    kXendir = 0x13,
+    kXenddr = 0x14,
+    kXsir2 = 0x15,
+    kXcomment = 0x16,
+    kXwait = 0x17,
+};
+}  // namespace xsvf
+
 class XsvfReader : public Reader {
   public:
     explicit XsvfReader(FILE* in, size_t maxBits = kMaxScanBits) : in_(in), maxBits_(maxBits) {}

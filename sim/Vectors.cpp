@@ -2,6 +2,7 @@
 
 #include <numeric>
 
+#include "jtag/Xsvf.h"
 #include "sim/ProgDevice.h"
 
 namespace sim {
@@ -10,19 +11,9 @@ using jtag::BitVector;
 
 namespace {
 
-// XSVF commands and the encodings they take.
-constexpr uint8_t kXcomplete = 0x00;
-constexpr uint8_t kXtdomask = 0x01;
-constexpr uint8_t kXsir = 0x02;
-constexpr uint8_t kXsdr = 0x03;
-constexpr uint8_t kXruntest = 0x04;
-constexpr uint8_t kXrepeat = 0x07;
-constexpr uint8_t kXsdrsize = 0x08;
-constexpr uint8_t kXsdrtdo = 0x09;
-constexpr uint8_t kXstate = 0x12;
-constexpr uint8_t kXendir = 0x13;
-constexpr uint8_t kXenddr = 0x14;
-constexpr uint8_t kXsir2 = 0x15;
+using namespace jtag::xsvf;
+
+// The encodings the XSVF commands take.
 constexpr uint8_t kXstateReset = 0x00;
 constexpr uint8_t kXstateIdle = 0x01;
 constexpr uint8_t kXendIdle = 0x00;  // XENDIR/XENDDR: Run-Test/Idle (1 would be the Pause state)
