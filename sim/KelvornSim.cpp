@@ -101,14 +101,18 @@ int main(int argc, char** argv) {
         int status;
         if (!serve::parseOptions(static_cast<int>(args.size()), args.data(), &serveOptions, &status)) return status;
     }
-    // kelvorn-play's arguments: its options, then <fpga> <pci address> <file>.
+    // kelvorn-play's arguments: its options, then <fpga> <pci address> <file>. The
+    // device is the first argument that is neither an option nor the value of --format.
     std::vector<std::string> playArgs{"kelvorn-play"};
     std::string playDevice;
     if (playCommand->parsed()) {
         for (const std::string& a : playCommand->remaining()) playArgs.push_back(a);
-        for (size_t i = 1, positional = 0; i < playArgs.size() && playDevice.empty(); ++i)
-            if (playArgs[i][0] != '-' && positional++ == 0 && (i == 1 || playArgs[i - 1] != "--format"))
+        for (size_t i = 1; i < playArgs.size() && playDevice.empty(); ++i) {
+            if (playArgs[i] == "--format")
+                ++i;
+            else if (playArgs[i][0] != '-')
                 playDevice = playArgs[i];
+        }
     }
     config.device = scan->parsed()           ? scanDevice
                     : serveCommand->parsed() ? serveOptions.fpga
