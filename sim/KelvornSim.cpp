@@ -45,7 +45,9 @@ int main(int argc, char** argv) {
         "  kelvorn-sim [options] scan <fpga> <pci address>\n"
         "      prints the chain's IDCODEs, nearest TDO first; status 0, 1 when no device answers\n"
         "  kelvorn-sim [options] serve [serve options] <fpga> <pci address>\n"
-        "      kelvorn-serve itself, on the simulated board (kelvorn-sim serve --help)\n",
+        "      kelvorn-serve itself, on the simulated board (kelvorn-sim serve --help)\n"
+        "  kelvorn-sim [options] play [play options] <fpga> <pci address> <file>\n"
+        "      kelvorn-play itself, on the simulated board (kelvorn-sim play --help)\n",
         "kelvorn-sim"};
     app.add_option("--platform", config.platform,
                    "the board's platform: the kernel command line holds platform=NAME (default: no platform word)");
