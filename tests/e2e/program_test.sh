@@ -54,7 +54,8 @@ while read -r what board device address; do
     line=$(grep -v '^CHECKING FPGA ' <<<"$E2E_OUT")
     cycles=$(sed -E 's/.* ([0-9]+) TCK cycles, .*/\1/' <<<"$line")
     if [ $f = svf ]; then
-      expect_eq "$(summary "$line")" "kelvorn-play: $d/image.svf: $counts, $svf_cycles TCK cycles, T s" "$what svf: summary"
+      expect_eq "$(summary "$line")" "kelvorn-play: $d/image.svf: $counts, $svf_cycles TCK cycles, T s" \
+        "$what svf: summary"
     else
       expect_eq "$(summary "$line")" "kelvorn-play: $d/image.xsvf: $xsvf_counts, $cycles TCK cycles, T s" \
         "$what xsvf: summary"
@@ -74,5 +75,96 @@ PEX-8700 --cpu,0x16:0x30 nipig2Scd 0000:04:00.0
 GbE --cpu,0x16:0x30 penetScd 0000:05:00.0
 Cedar-Fork --platform,kubez kubezShimScd 0000:00:1f.0
 EOF
+
+# ---- a flipped TDO bit, and waits cut short ----
+
+# Four rows of 32 bits whose values make unique byte patterns. A DR scan is
+# 34 bits: bit 0 the BYPASS bit of the device nearest TDO, then the row,
+# then the BYPASS bit of the one nearest TDI; only the row is compared, so
+# a mismatch line shows the scan as 9 hex digits, the row shifted left by
+# one, under the mask 1fffffffe.
+chain=0x0a5c7035:8,0x1b4d2093:6:mem=16x32:program=37,0x2468ace1:10
+rows=(67452301 efcdab89 76543210 fedcba98)
+for r in "${rows[@]}"; do printf "\\x${r:6:2}\\x${r:4:2}\\x${r:2:2}\\x${r:0:2}"; done >"$d/small.bin"
+erased_after "$d/small.bin" $((16 * 32 / 8)) >"$d/memory.bin"
+scan() { printf '%09x' $((0x$1 << 1)); }
+expect_run 0 "" "" "vectors of the small image" \
+  kelvorn-vectors --chain "$chain" --svf "$d/small.svf" --xsvf "$d/small.xsvf" "$d/small.bin"
+# The byte offset of the XSDRTDO that reads a row back: the command byte
+# (0x09), the TDI (5 zero bytes: the read scans shift zeros) and the
+# expected TDO, 5 bytes of the scan's value, most significant first. The
+# row values make this pattern occur once.
+xsdrtdo_at() {  # file row
+  local tdo
+  tdo=$(printf '%010x' $((0x$2 << 1)) | sed 's/../\\x&/g')
+  LC_ALL=C grep -obUaP "\\x09\\x00{5}$tdo" "$1" | cut -d: -f1
+}
+# The JTAG pins a run moved after its mismatch line (--show-writes): the clean-up.
+pins_after_mismatch() {
+  sed -n '/^kelvorn-play: /,$p' <<<"$E2E_ERR" | grep -oE '(TCK|TMS|TDI) [01z]->[01z]' | paste -sd' '
+}
+released="TCK 0->z TDI 0->z TMS 0->z"
+
+# Both files as written program and verify (--format names the format
+# before the device's name, which kelvorn-sim must still wire the chain to).
+for f in svf xsvf; do
+  e2e_run kelvorn-sim --chain "$chain" --platform mosavo --dump-memory "$d/mem.bin" \
+    play --quiet --format $f fodak 0000:00:14.0 "$d/small.$f"
+  expect_eq "$E2E_STATUS $E2E_OUT$E2E_ERR" "0 " "small $f: played"
+  cmp -s "$d/mem.bin" "$d/memory.bin"
+  expect_eq "$?" 0 "small $f: the memory holds the image"
+done
+
+# SVF: bit 16 of row 2's TDO flipped, one hex digit changed.
+flipped=$(printf '%08x' $((0x${rows[2]} ^ 1 << 16)))
+line=$(grep -n "TDO (${rows[2]})" "$d/small.svf" | cut -d: -f1)
+sed "${line}s/TDO (${rows[2]})/TDO ($flipped)/" "$d/small.svf" >"$d/flipped.svf"
+e2e_run kelvorn-sim --chain "$chain" --platform mosavo --show-writes \
+  play --format svf fodak 0000:00:14.0 "$d/flipped.svf"
+expect_eq "$E2E_STATUS" 6 "flipped svf: status"
+expect_eq "$(grep -v '^sim: ' <<<"$E2E_ERR")" "kelvorn-play: $d/flipped.svf:$line: SDR of 34 bits: TDO mismatch: \
+expected $(scan "$flipped") mask 1fffffffe actual $(scan "${rows[2]}")" "flipped svf: the mismatch line"
+expect_eq "$(grep -oE '[0-9]+ statements|, 1 TDO mismatches$' <<<"$E2E_OUT" | paste -sd' ')" \
+  "$((line - 1)) statements , 1 TDO mismatches" "flipped svf: summary, up to the statement that failed"
+expect_eq "$(pins_after_mismatch)" "$released" "flipped svf: pins released"
+
+# XSVF: the same bit flipped in row 2's XSDRTDO, on a PEX 8600: bit 17 of
+# the scan, in the TDO bytes after the command byte and the 5 TDI bytes,
+# the last of them holding bits 7..0.
+at=$(xsdrtdo_at "$d/small.xsvf" "${rows[2]}")
+expect_eq "$(wc -w <<<"$at")" 1 "xsvf: row 2's XSDRTDO found once"
+cp "$d/small.xsvf" "$d/flipped.xsvf"
+byte=$((at + 1 + 5 + 4 - 17 / 8))
+wr8 "$d/flipped.xsvf" $byte $(($(rd8 "$d/flipped.xsvf" $byte) ^ 1 << 17 % 8))
+e2e_run kelvorn-sim --chain "$chain" --show-writes play --format xsvf rotanMotub 0000:03:00.0 "$d/flipped.xsvf"
+expect_eq "$E2E_STATUS" 6 "flipped xsvf: status"
+expect_eq "$(grep -v '^sim: ' <<<"$E2E_ERR")" "kelvorn-play: $d/flipped.xsvf: byte $at: XSDRTDO of 34 bits: \
+TDO mismatch: expected $(scan "$flipped") mask 1fffffffe actual $(scan "${rows[2]}")" "flipped xsvf: the mismatch line"
+expect_eq "$(pins_after_mismatch)" "$released" "flipped xsvf: pins released"
+
+# Programming needs 37 cycles in Run-Test/Idle after each row; 36 leave
+# every row erased, and the first read fails. SVF counts them exactly
+# (RUNTEST 36 TCK). XSVF's XRUNTEST 36 is also 36 microseconds, during
+# which the player clocks on: at a TCK fast enough that is 37 cycles or
+# more and the rows program (the plain build gets there, the sanitized one
+# on some backends only), so whether 36 fails depends on the build and the
+# machine. No wait at all (0) fails at any speed.
+for f in svf:36 xsvf:0; do
+  IFS=: read -r f cycles <<<"$f"
+  expect_run 0 "" "" "$f vectors with $cycles cycles a row" \
+    kelvorn-vectors --chain "$chain" --program-cycles "$cycles" --$f "$d/short.$f" "$d/small.bin"
+  e2e_run kelvorn-sim --chain "$chain" --platform mosavo --dump-memory "$d/mem.bin" \
+    play --format $f fodak 0000:00:14.0 "$d/short.$f"
+  if [ $f = svf ]; then
+    place=$d/short.svf:$(grep -n "TDO (${rows[0]})" "$d/short.svf" | cut -d: -f1)
+  else
+    place="$d/short.xsvf: byte $(xsdrtdo_at "$d/short.xsvf" "${rows[0]}")"
+  fi
+  expect_eq "$E2E_STATUS $E2E_ERR" "6 kelvorn-play: $place: $([ $f = svf ] && echo SDR || echo XSDRTDO) of 34 bits: \
+TDO mismatch: expected $(scan "${rows[0]}") mask 1fffffffe actual $(scan ffffffff)" \
+    "$f with $cycles cycles a row: verify fails"
+  expect_eq "$(od -An -tx1 -v "$d/mem.bin" | tr -d ' \n')" "$(printf 'ff%.0s' {1..64})" \
+    "$f with $cycles cycles a row: nothing programmed"
+done
 
 e2e_done
