@@ -32,8 +32,9 @@ erased_after "$d/image.bin" $((8192 * 256 / 8)) >"$d/memory.bin"
 expect_run 0 "" "" "vectors of the image" \
   kelvorn-vectors --chain "$chain" --svf "$d/image.svf" --xsvf "$d/image.xsvf" "$d/image.bin"
 
-# What the SVF does: statements, scans (5 IR scans, 2 of ADDRESS, a row
-# each to program and to read), bits (the IR scans through all 24
+# What the SVF does: statements (8 to set up, the scans, a RUNTEST after
+# ERASE and after each row), scans (5 IR scans, 2 of ADDRESS, a row each
+# to program and to read), bits (the IR scans through all 24
 # instruction bits, the DR scans through the two bypass bits) and TCK
 # cycles: the player's reset (5), STATE RESET (5) and STATE IDLE (1); from
 # Run-Test/Idle back to it, an IR scan of n bits takes n + 6 cycles and a DR
