@@ -45,7 +45,9 @@ int main(int argc, char** argv) {
         "  kelvorn-sim [options] scan <fpga> <pci address>\n"
         "      prints the chain's IDCODEs, nearest TDO first; status 0, 1 when no device answers\n"
         "  kelvorn-sim [options] serve [serve options] <fpga> <pci address>\n"
-        "      kelvorn-serve itself, on the simulated board (kelvorn-sim serve --help)\n",
+        "      kelvorn-serve itself, on the simulated board (kelvorn-sim serve --help)\n"
+        "  kelvorn-sim [options] play [play options] <fpga> <pci address> <file>\n"
+        "      kelvorn-play itself, on the simulated board (kelvorn-sim play --help)\n",
         "kelvorn-sim"};
     app.add_option("--platform", config.platform,
                    "the board's platform: the kernel command line holds platform=NAME (default: no platform word)");
@@ -101,14 +103,18 @@ int main(int argc, char** argv) {
         int status;
         if (!serve::parseOptions(static_cast<int>(args.size()), args.data(), &serveOptions, &status)) return status;
     }
-    // kelvorn-play's arguments: its options, then <fpga> <pci address> <file>.
+    // kelvorn-play's arguments: its options, then <fpga> <pci address> <file>. The
+    // device is the first argument that is neither an option nor the value of --format.
     std::vector<std::string> playArgs{"kelvorn-play"};
     std::string playDevice;
     if (playCommand->parsed()) {
         for (const std::string& a : playCommand->remaining()) playArgs.push_back(a);
-        for (size_t i = 1, positional = 0; i < playArgs.size() && playDevice.empty(); ++i)
-            if (playArgs[i][0] != '-' && positional++ == 0 && (i == 1 || playArgs[i - 1] != "--format"))
+        for (size_t i = 1; i < playArgs.size() && playDevice.empty(); ++i) {
+            if (playArgs[i] == "--format")
+                ++i;
+            else if (playArgs[i][0] != '-')
                 playDevice = playArgs[i];
+        }
     }
     config.device = scan->parsed()           ? scanDevice
                     : serveCommand->parsed() ? serveOptions.fpga

@@ -63,11 +63,12 @@ serve_lines() {
 }
 
 # "jtag newtap" commands for a chain as kelvorn-sim's --chain writes it
-# (nearest TDO first, as OpenOCD declares them): c0.tap, c1.tap, ...
+# (nearest TDO first, as OpenOCD declares them; a device's memory aside):
+# c0.tap, c1.tap, ...
 chain_taps() {
   local i=0 id len taps=()
   for d in ${1//,/ }; do
-    IFS=: read -r id len <<<"$d"
+    IFS=: read -r id len _ <<<"$d"
     taps+=("jtag newtap c$i tap -irlen $len -expected-id $id")
     i=$((i + 1))
   done

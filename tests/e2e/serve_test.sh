@@ -1,6 +1,7 @@
 # kelvorn-serve on simulated boards with real clients: Debian's openocd
 # scans the chain over remote_bitbang through four backends (SoC GPIO,
-# SB820, PEX 8600, GbE), openFPGALoader detects it over XVC; then the
+# SB820, PEX 8600, GbE) and plays an SVF file that programs the simulated
+# programmable device, openFPGALoader detects the chain over XVC; then the
 # server's refusals at start-up and their statuses.
 source "$(dirname "$0")/lib.sh" "$1"
 source "$(dirname "$0")/serve_lib.sh"
@@ -58,6 +59,35 @@ irlength 8" "openFPGALoader: the chain"
   expect_eq "$(serve_lines | grep -c -E '^kelvorn-serve: PEER done: [1-9][0-9]* bytes in, [1-9][0-9]* bytes out, [1-9][0-9]* TCK cycles, T s$')" 1 \
     "openFPGALoader: its connection's line"
 fi
+
+# openocd's SVF player programs and verifies the simulated programmable
+# device with the file kelvorn-vectors writes: the memory holds the image
+# byte for byte. Then the same file with one TDO bit flipped (bit 0 of the
+# fifth row read back): openocd names the line and fails.
+chain=0x0a5c7035:8,0x1b4d2093:6:mem=128x256,0x2468ace1:10
+d=$E2E_DIR/files
+mkdir -p "$d"
+head -c 4096 /dev/urandom >"$d/image.bin"
+e2e_run kelvorn-vectors --chain "$chain" --svf "$d/image.svf" "$d/image.bin"
+expect_eq "$E2E_STATUS" 0 "vectors: status"
+line=$(grep -n ' TDO (' "$d/image.svf" | sed -n '5s/:.*//p')
+tdo=$(sed -n "${line}s/.* TDO (\([0-9a-f]*\)).*/\1/p" "$d/image.svf")
+sed "${line}s/ TDO ($tdo)/ TDO (${tdo%?}$(printf %x $((0x${tdo: -1} ^ 1))))/" "$d/image.svf" >"$d/flipped.svf"
+for f in image flipped; do
+  serve_start --chain "$chain" --dump-memory "$d/mem.bin" -- rotanMotub 0000:03:00.0 || continue
+  openocd_run "$(chain_taps "$chain")" "svf -quiet $d/$f.svf"
+  serve_stop
+  expect_eq "$SERVE_STATUS $(serve_lines | grep -cE '^kelvorn-serve: PEER done: .* [1-9][0-9]* TCK cycles, T s$')" "0 1" \
+    "openocd $f.svf: the server's status and its one connection"
+  if [ $f = image ]; then
+    expect_eq "$OPENOCD_STATUS $(grep -c '^Error' <<<"$OPENOCD_OUT")" "0 0" "openocd svf: status and errors"
+    cmp -s "$d/mem.bin" "$d/image.bin"
+    expect_eq "$?" 0 "openocd svf: the memory holds the image"
+  else
+    expect_eq "$OPENOCD_STATUS $(grep '^Error: tdo' <<<"$OPENOCD_OUT")" "1 Error: tdo check error at line $line" \
+      "openocd svf, a TDO bit flipped: status and the line"
+  fi
+done
 
 # Refusals at start-up.
 expect_run 2 "CHECKING FPGA nothing" "kelvorn-serve: no backend serves nothing on this board" "no backend" \
