@@ -14,6 +14,7 @@
 #include <random>
 #include <sstream>
 
+#include "SimBackends.h"
 #include "TestSupport.h"
 #include "jtag/Tap.h"
 #include "sim/Board.h"
@@ -30,55 +31,12 @@
 
 using jtag::BitVector;
 
+using simtest::Backend;
+using simtest::kBackends;
+using simtest::Others;
+using simtest::PerPin;
+
 namespace {
-
-// Where TMS and TDI sit, seen from TCK's register.
-enum class Others {
-    none,      // both in TCK's register
-    tms,       // TMS in another register, TDI in TCK's
-    apart,     // each in a register of its own
-    together,  // both in one other register
-};
-
-struct Backend {
-    const char* name;
-    const char* platform;
-    unsigned family, model;
-    const char* device;
-    Others others;
-};
-
-void PrintTo(const Backend& b, std::ostream* os) { *os << b.name; }
-
-const Backend kBackends[] = {
-    {"SB820", "mosavo", 0x16, 0x30, "fodak", Others::apart},
-    {"Kabini", "gozip", 0x16, 0x05, "fodak", Others::apart},
-    {"SteppeEagle", "gozip", 0x16, 0x30, "fodak", Others::apart},
-    {"BoardSpecificSoc", "mosavo", 0x15, 0x60, "debusScd", Others::apart},
-    {"R1000", "tabukccpu", 0x17, 0x10, "tabukccpuSwitchScd", Others::apart},
-    {"V3000", "telub", 0x19, 0x44, "tumarScd", Others::apart},
-    {"CaveCreekTwoBanks", "", 0x6, 0x4d, "zetizSwitchScd", Others::together},  // TCK bank 0, TMS and TDI bank 1
-    {"CaveCreekOneBank", "", 0x6, 0x4d, "mubarScd", Others::none},
-    {"CedarFork", "disal", 0x6, 0x5f, "disalSwitchJtagMuxSel0True", Others::apart},
-    {"Pex8600", "", 0x16, 0x30, "rotanSeret", Others::none},
-    {"Pex8700Relocated", "", 0x16, 0x30, "nipig2Scd", Others::none},
-    {"Pericom", "", 0x16, 0x30, "togif", Others::none},
-    {"Gbe", "", 0x16, 0x30, "penetScd", Others::tms},
-};
-
-// The per-pin path of another interface: its pin operations, and the base
-// class's shift and pinsIs, which drive one pin at a time through them.
-struct PerPin : XilIntf {
-    explicit PerPin(XilIntf* real) : XilIntf("per_pin_jtag"), real(real) {}
-    void tdiIs(bool v) override { real->tdiIs(v); }
-    void tmsIs(bool v) override { real->tmsIs(v); }
-    void tckIs(bool v) override { real->tckIs(v); }
-    bool tdo() override { return real->tdo(); }
-    void select(const char* name) override { real->select(name); }
-    void cleanup(const char* name) override { real->cleanup(name); }
-    void warningIs(bool on) override { real->warningIs(on); }
-    XilIntf* real;
-};
 
 BitVector randomBits(size_t n, unsigned seed) {
     std::mt19937 gen(seed);
@@ -99,17 +57,9 @@ std::string onBoard(const Backend& b, const std::function<void(sim::Board&, XilI
         ::close(fds[0]);
         FILE* out = ::fdopen(fds[1], "w");
         if (!out || !std::freopen("/dev/null", "w", stdout)) std::_Exit(99);
-        sim::BoardConfig config;
-        config.platform = b.platform;
-        config.family = b.family;
-        config.model = b.model;
-        config.device = b.device;
-        auto* board = new sim::Board(config);  // lives until the process ends, like the interfaces
-        board->install();
-        XilIntf* intf = XilIntf_bySystem(b.device, 0, 0, 0, 2, 0, 0);
-        if (!intf) std::_Exit(98);
-        XilIntf_select(intf, b.device);
-        f(*board, intf, out);
+        auto* target = new simtest::SimTarget(b);  // lives until the process ends, like the interfaces
+        if (!target->intf) std::_Exit(98);
+        f(target->board, target->intf, out);
         std::fclose(out);
         std::_Exit(0);
     }
