@@ -87,6 +87,17 @@ struct PerPin : XilIntf {
     XilIntf* real;
 };
 
+// A board for the backend, with this chain on its device's pins.
+inline sim::BoardConfig boardConfig(const Backend& b, std::vector<sim::DeviceDesc> chain = sim::defaultChain()) {
+    sim::BoardConfig config;
+    config.platform = b.platform;
+    config.family = b.family;
+    config.model = b.model;
+    config.device = b.device;
+    config.chain = std::move(chain);
+    return config;
+}
+
 // A board wired for a backend, with the chain given, installed; the
 // backend's interface made on it (PCI 0000:02:00.0) and selected, what the
 // backend prints on stdout meanwhile dropped. The lock directory is the
@@ -96,7 +107,7 @@ struct PerPin : XilIntf {
 class SimTarget {
   public:
     explicit SimTarget(const Backend& b, std::vector<sim::DeviceDesc> chain = sim::defaultChain())
-        : board(configFor(b, std::move(chain))), device_(b.device) {
+        : board(boardConfig(b, std::move(chain))), device_(b.device) {
         board.install();
         amd::resetForTests();  // the SoC backend detects its board once per process
         std::fflush(stdout);
@@ -121,16 +132,6 @@ class SimTarget {
     XilIntf* intf = nullptr;  // null when no backend serves the device on this board
 
   private:
-    static sim::BoardConfig configFor(const Backend& b, std::vector<sim::DeviceDesc> chain) {
-        sim::BoardConfig config;
-        config.platform = b.platform;
-        config.family = b.family;
-        config.model = b.model;
-        config.device = b.device;
-        config.chain = std::move(chain);
-        return config;
-    }
-
     const char* device_;
 };
 
