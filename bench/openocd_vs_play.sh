@@ -15,9 +15,9 @@
 # gives up when the write would block ("Error on socket
 # 'remote_bitbang_putc': errno==11"): a stretch of scans that read no TDO,
 # such as the programming of every row, goes out as fast as OpenOCD makes
-# it, and once it outgrows the loopback socket buffers (about 2 MB here;
-# the programming of 64 KiB is about 1 MB of symbols) before the server
-# has worked through it, the run fails. The verify's TDO reads make OpenOCD
+# it, and once it outgrows the loopback socket buffers before the server
+# has worked through it, the run fails (here 256 KiB, 4 MB of symbols at
+# two a cycle, did; 64 KiB is 1 MB). The verify's TDO reads make OpenOCD
 # wait for the server, so repeating the file keeps each stretch short.
 set -euo pipefail
 
