@@ -2,9 +2,9 @@
 // per-pin path of the same backend: the same TDO bits from an IDCODE scan
 // and a 4096-bit round trip through the chain's BYPASS registers, the same
 // register file at the end; and what a long shift costs in register
-// accesses. Each run has a child process of its own: the SoC backend
-// detects its platform once per process and interfaces hold their locks
-// until the process ends.
+// accesses. Each comparison runs in a child process of its own, on a
+// fresh board; one more test checks that boards built one after another in
+// one process, as the benchmarks build them, each start from power-up.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
