@@ -2,8 +2,8 @@
 // off: bits per second of a 4096-bit shift, with TDO read in every cycle
 // and without TDO. The windows are plain memory, so what is measured is the
 // backends' own work per bit; on a board each register access adds 0.1 to
-// 2 us, and the register counts per bit (shift_bench on the simulated board
-// and the README's table) decide the real speed.
+// 2 us, and the register accesses per bit (simcost_bench, on the simulated
+// board, and the README's table) decide the real speed.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <sys/mman.h>

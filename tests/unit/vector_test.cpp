@@ -2,9 +2,9 @@
 // per-pin path of the same backend: the same TDO bits from an IDCODE scan
 // and a 4096-bit round trip through the chain's BYPASS registers, the same
 // register file at the end; and what a long shift costs in register
-// accesses. Each run has a child process of its own: the SoC backend
-// detects its platform once per process and interfaces hold their locks
-// until the process ends.
+// accesses. Each comparison runs in a child process of its own, on a
+// fresh board; one more test checks that boards built one after another in
+// one process, as the benchmarks build them, each start from power-up.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -14,6 +14,7 @@
 #include <random>
 #include <sstream>
 
+#include "SimBackends.h"
 #include "TestSupport.h"
 #include "jtag/Tap.h"
 #include "sim/Board.h"
@@ -30,55 +31,12 @@
 
 using jtag::BitVector;
 
+using simtest::Backend;
+using simtest::kBackends;
+using simtest::Others;
+using simtest::PerPin;
+
 namespace {
-
-// Where TMS and TDI sit, seen from TCK's register.
-enum class Others {
-    none,      // both in TCK's register
-    tms,       // TMS in another register, TDI in TCK's
-    apart,     // each in a register of its own
-    together,  // both in one other register
-};
-
-struct Backend {
-    const char* name;
-    const char* platform;
-    unsigned family, model;
-    const char* device;
-    Others others;
-};
-
-void PrintTo(const Backend& b, std::ostream* os) { *os << b.name; }
-
-const Backend kBackends[] = {
-    {"SB820", "mosavo", 0x16, 0x30, "fodak", Others::apart},
-    {"Kabini", "gozip", 0x16, 0x05, "fodak", Others::apart},
-    {"SteppeEagle", "gozip", 0x16, 0x30, "fodak", Others::apart},
-    {"BoardSpecificSoc", "mosavo", 0x15, 0x60, "debusScd", Others::apart},
-    {"R1000", "tabukccpu", 0x17, 0x10, "tabukccpuSwitchScd", Others::apart},
-    {"V3000", "telub", 0x19, 0x44, "tumarScd", Others::apart},
-    {"CaveCreekTwoBanks", "", 0x6, 0x4d, "zetizSwitchScd", Others::together},  // TCK bank 0, TMS and TDI bank 1
-    {"CaveCreekOneBank", "", 0x6, 0x4d, "mubarScd", Others::none},
-    {"CedarFork", "disal", 0x6, 0x5f, "disalSwitchJtagMuxSel0True", Others::apart},
-    {"Pex8600", "", 0x16, 0x30, "rotanSeret", Others::none},
-    {"Pex8700Relocated", "", 0x16, 0x30, "nipig2Scd", Others::none},
-    {"Pericom", "", 0x16, 0x30, "togif", Others::none},
-    {"Gbe", "", 0x16, 0x30, "penetScd", Others::tms},
-};
-
-// The per-pin path of another interface: its pin operations, and the base
-// class's shift and pinsIs, which drive one pin at a time through them.
-struct PerPin : XilIntf {
-    explicit PerPin(XilIntf* real) : XilIntf("per_pin_jtag"), real(real) {}
-    void tdiIs(bool v) override { real->tdiIs(v); }
-    void tmsIs(bool v) override { real->tmsIs(v); }
-    void tckIs(bool v) override { real->tckIs(v); }
-    bool tdo() override { return real->tdo(); }
-    void select(const char* name) override { real->select(name); }
-    void cleanup(const char* name) override { real->cleanup(name); }
-    void warningIs(bool on) override { real->warningIs(on); }
-    XilIntf* real;
-};
 
 BitVector randomBits(size_t n, unsigned stream) {
     std::mt19937 gen(stream);
@@ -99,17 +57,9 @@ std::string onBoard(const Backend& b, const std::function<void(sim::Board&, XilI
         ::close(fds[0]);
         FILE* out = ::fdopen(fds[1], "w");
         if (!out || !std::freopen("/dev/null", "w", stdout)) std::_Exit(99);
-        sim::BoardConfig config;
-        config.platform = b.platform;
-        config.family = b.family;
-        config.model = b.model;
-        config.device = b.device;
-        auto* board = new sim::Board(config);  // lives until the process ends, like the interfaces
-        board->install();
-        XilIntf* intf = XilIntf_bySystem(b.device, 0, 0, 0, 2, 0, 0);
-        if (!intf) std::_Exit(98);
-        XilIntf_select(intf, b.device);
-        f(*board, intf, out);
+        auto* target = new simtest::SimTarget(b);  // lives until the process ends, like the interfaces
+        if (!target->intf) std::_Exit(98);
+        f(target->board, target->intf, out);
         std::fclose(out);
         std::_Exit(0);
     }
@@ -207,6 +157,24 @@ TEST_P(Vector, LongShiftCostsTwoWritesPerCycleAndNoRead) {
 
 INSTANTIATE_TEST_SUITE_P(EveryBackend, Vector, ::testing::ValuesIn(kBackends),
                          [](const auto& info) { return std::string(info.param.name); });
+
+// The benchmarks build one board after another in one process
+// (simtest::SimTarget): each must start from power-up, whatever the one
+// before it left (the SoC backend's detected platform, the locks, the
+// chip's counters, the chain's state), through either path.
+TEST(SimTarget, BoardsFollowOneAnotherInOneProcess) {
+    for (int round = 0; round < 2; ++round)
+        for (const Backend& b : kBackends) {
+            simtest::SimTarget target(b);
+            ASSERT_NE(target.intf, nullptr) << b.name;
+            EXPECT_EQ(target.board.chain().tckCycles(), 0u) << b.name;
+            PerPin perPin(target.intf);
+            jtag::Tap tap(round ? static_cast<XilIntf*>(&perPin) : target.intf);
+            EXPECT_THAT(jtag::readIdcodes(tap), ::testing::ElementsAre(0x0a5c7035u, 0x1b4d2093u))
+                << b.name << (round ? ", per pin" : "");
+            EXPECT_GT(target.board.writes(), 0u) << b.name;
+        }
+}
 
 // ---- the exact register traffic of a short shift ----
 
