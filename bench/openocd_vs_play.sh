@@ -9,24 +9,20 @@
 #   bench/openocd_vs_play.sh [BUILD_DIR]      (default: build)
 #
 # The file is kelvorn-vectors' erase, program and verify of a random image
-# of KELVORN_BENCH_KIB KiB (default 64), KELVORN_BENCH_TIMES times over
-# (default 16: 1 MiB programmed in all). The image stays small because
-# OpenOCD 0.12's remote_bitbang driver writes to a non-blocking socket and
-# gives up when the write would block ("Error on socket
-# 'remote_bitbang_putc': errno==11"): a stretch of scans that read no TDO,
-# such as the programming of every row, goes out as fast as OpenOCD makes
-# it, and once it outgrows the loopback socket buffers before the server
-# has worked through it, the run fails (here 256 KiB, 4 MB of symbols at
-# two a cycle, did; 64 KiB is 1 MB). The verify's TDO reads make OpenOCD
-# wait for the server, so repeating the file keeps each stretch short.
+# of KELVORN_BENCH_KIB KiB (default 1024), KELVORN_BENCH_TIMES times over
+# (default 1). OpenOCD 0.12's remote_bitbang driver writes to a
+# non-blocking socket and gives up when a write would block, so the
+# programming of every row, which reads no TDO, goes out at once: the
+# server gives the client's connection room for 32 MiB of symbols ahead of
+# the pins, which a 1 MiB image (17 MB of symbols) fits.
 set -euo pipefail
 
 build=${1:-build}
 sim=$build/bin/kelvorn-sim
 vectors=$build/bin/kelvorn-vectors
 serve_bench=$build/bin/serve_bench
-kib=${KELVORN_BENCH_KIB:-64}
-times=${KELVORN_BENCH_TIMES:-16}
+kib=${KELVORN_BENCH_KIB:-1024}
+times=${KELVORN_BENCH_TIMES:-1}
 chain=0x0a5c7035:8:mem=2048x4096,0x1b4d2093:6  # room for 1 MiB: 2048 rows of 4096 bits
 device=rotanMotub
 address=0000:03:00.0

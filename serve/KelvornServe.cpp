@@ -33,6 +33,7 @@ constexpr char kXvcPort[] = "2542";
 constexpr int kBacklog = 8;
 constexpr size_t kReadSize = 65536;      // bytes per receive
 constexpr size_t kAnswersToSend = 65536;  // answers pending that stop further reading until sent
+constexpr int kReceiveRoom = 32 << 20;          // bytes a client may send ahead of the pins
 constexpr unsigned kMaxStallSeconds = 3600;
 
 const struct {
@@ -189,6 +190,14 @@ class Server {
     void session(int fd, const std::string& peer) {
         int on = 1;
         ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        // A client may send far ahead of the pins: a remote_bitbang client
+        // writes a long scan without TDO at network speed, and OpenOCD
+        // 0.12 gives up when its socket would block. Room in the kernel for
+        // that much input keeps it writing; as root the system's limit on
+        // socket buffers does not apply.
+        int room = kReceiveRoom;
+        if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) != 0)
+            ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
         auto start = std::chrono::steady_clock::now();
         XilIntf_select(intf_, o_.fpga.c_str());
         std::fflush(stdout);  // what the backend prints stays ahead of the server's lines
