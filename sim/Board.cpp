@@ -1,6 +1,5 @@
 #include "sim/Board.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -22,13 +21,6 @@ constexpr U32 kCedarForkBase = 0xfd000000;
 constexpr U32 kGbeWindowSize = 0x100000;
 constexpr U32 kCaveCreekConfigOffset = 0x48;
 
-// The lock directory of the installed board, removed when the process
-// ends, also by exit() from deep inside the module.
-std::string& lockDirToRemove() {
-    static std::string dir;
-    return dir;
-}
-
 // The installed board, finished at exit() when it is still there.
 Board*& installedBoard() {
     static Board* board = nullptr;
@@ -39,16 +31,19 @@ void finishInstalled() {
     if (Board* b = installedBoard()) b->finish();
 }
 
-void removeLockDir() {
-    std::string& dir = lockDirToRemove();
-    if (dir.empty()) return;
-    if (DIR* d = ::opendir(dir.c_str())) {
-        while (dirent* e = ::readdir(d))
-            if (std::strcmp(e->d_name, ".") && std::strcmp(e->d_name, "..")) ::unlink((dir + "/" + e->d_name).c_str());
-        ::closedir(d);
-    }
-    ::rmdir(dir.c_str());
-    dir.clear();
+// Lock files are nameless files in the temporary directory, so nothing is
+// left behind however the process ends, a signal included. A second lock of
+// the same name in this process opens the same file afresh, a file
+// description of its own, so flock refuses it as it would the real file.
+int createLock(std::map<std::string, int>& locks, const char* path, mode_t mode) {
+    const char* slash = std::strrchr(path, '/');
+    std::string name = slash ? slash + 1 : path;
+    auto it = locks.find(name);
+    if (it != locks.end()) return ::open(("/proc/self/fd/" + std::to_string(it->second)).c_str(), O_RDONLY);
+    const char* tmp = std::getenv("TMPDIR");
+    int fd = ::open(tmp && *tmp ? tmp : "/tmp", O_TMPFILE | O_WRONLY, mode);
+    if (fd >= 0) locks[name] = fd;
+    return fd;
 }
 
 U32 vendorWord(const char* four) {
@@ -107,7 +102,6 @@ Board::~Board() {
     if (installedBoard() == this) installedBoard() = nullptr;
     Ham::providerIs({});
     Os::resetHooks();
-    removeLockDir();
 }
 
 std::string Board::cmdline() const {
@@ -117,17 +111,9 @@ std::string Board::cmdline() const {
 }
 
 void Board::install() {
-    const char* tmp = std::getenv("TMPDIR");
-    std::string tmpl = std::string(tmp && *tmp ? tmp : "/tmp") + "/kelvorn-sim-XXXXXX";
-    if (!::mkdtemp(&tmpl[0])) {
-        std::perror("kelvorn-sim: cannot make a lock directory");
-        std::exit(1);
-    }
-    lockDir_ = tmpl;
-    lockDirToRemove() = lockDir_;
     installedBoard() = this;
     static bool registered = false;
-    if (!registered) registered = std::atexit(removeLockDir) == 0 && std::atexit(finishInstalled) == 0;
+    if (!registered) registered = std::atexit(finishInstalled) == 0;
     if (!config_.vcd.empty()) {
         if (FILE* f = std::fopen(config_.vcd.c_str(), "w"))
             vcd_ = std::make_unique<VcdWriter>(f);
@@ -152,10 +138,7 @@ void Board::install() {
     h.pageSize = [] { return 4096L; };
     h.sleep = [hold = config_.holdSeconds](unsigned) { return hold ? ::sleep(hold) : 0u; };
     h.usleep = [](unsigned) { return 0; };
-    h.creat = [dir = lockDir_](const char* path, mode_t mode) {
-        const char* slash = std::strrchr(path, '/');
-        return ::creat((dir + "/" + (slash ? slash + 1 : path)).c_str(), mode);
-    };
+    h.creat = [this](const char* path, mode_t mode) { return createLock(locks_, path, mode); };
     h.fopen = [this](const char* path, const char* mode) { return openConfig(path, mode); };
     Ham::providerIs([this](const HamDesc& desc) { return Ptr<HamImpl>(modelFor(desc)); });
 }

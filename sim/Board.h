@@ -105,7 +105,7 @@ class Board {
     uint64_t reads_ = 0, writes_ = 0;
     std::unique_ptr<VcdWriter> vcd_;
     bool finished_ = false;
-    std::string lockDir_;
+    std::map<std::string, int> locks_;  // lock name -> its nameless file
     unsigned char configSpace_[256] = {};  // every PCI function's configuration space
 };
 

@@ -2,6 +2,7 @@
 // behind each window, what the OS hooks answer, how the chain hangs on the
 // wired pins, and what --show-writes prints.
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -107,11 +108,16 @@ TEST(SimBoard, OsHooksAnswerForTheBoard) {
         EXPECT_EQ(Os::fopen("/etc/passwd", "r"), nullptr);
         ::testing::internal::GetCapturedStderr();
 
-        // Lock files into a private directory, gone with the board.
+        // Lock files are nameless temporary files: nothing under /var/lock, nothing left behind.
         int fd = Os::creat("/var/lock/0_0_20_jtag", 0400);
         ASSERT_GE(fd, 0);
         char path[256] = {};
         ASSERT_GT(::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path - 1), 0);
+        // The same name again is the same file: a second lock is refused as on /var/lock.
+        int again = Os::creat("/var/lock/0_0_20_jtag", 0400);
+        ASSERT_EQ(::flock(fd, LOCK_EX | LOCK_NB), 0);
+        EXPECT_NE(::flock(again, LOCK_EX | LOCK_NB), 0);
+        ::close(again);
         ::close(fd);
         lockFile = path;
         EXPECT_EQ(lockFile.find("/var/lock"), std::string::npos) << lockFile;
