@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and shows the tool at work on simulated
+# Installs what is missing, builds, and shows the tools at work on simulated
 # boards: kelvorn-sim runs the production code against register-level models
 # of the GPIO chips with a JTAG chain on the wired pins, so nothing here
 # touches this machine's hardware.
@@ -31,7 +31,7 @@ show --show-writes --platform mosavo -- fodak 0000:00:14.0 tck 1
 show --platform gozip -- pabev_misc 0000:00:14.0 tck 1            # a pin this board class may not use
 
 echo
-echo "== A programmable device on the chain, and the vectors that program it (played by an SVF/XSVF player) =="
+echo "== Programming a device: vectors for an image, played through several backends, read back =="
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 chain=0x0a5c7035:8:mem=4x32:erase=2000,0x1b4d2093:6
@@ -40,6 +40,13 @@ echo "\$ kelvorn-vectors --chain $chain --svf image.svf --xsvf image.xsvf image.
 build/bin/kelvorn-vectors --chain "$chain" --svf "$tmp/image.svf" --xsvf "$tmp/image.xsvf" "$tmp/image.bin"
 cat "$tmp/image.svf"
 echo "($(stat -c %s "$tmp/image.xsvf") bytes of XSVF)"
-show --stats --chain "$chain" --dump-memory "$tmp/memory.bin" --vcd "$tmp/scan.vcd" scan rotanMotub 0000:03:00.0
-echo "memory after the run (erased): $(od -An -tx1 "$tmp/memory.bin" | tr -s ' \n' ' ')"
-echo "VCD: $(grep -c '^#' "$tmp/scan.vcd") change times, $(sed -n 4,11p "$tmp/scan.vcd" | cut -d' ' -f5 | paste -sd' ')"
+readback() { echo "memory after the run: $(od -An -c "$tmp/memory.bin" | tr -s ' \n' ' ')"; }
+show --stats --chain "$chain" --dump-memory "$tmp/memory.bin" --vcd "$tmp/play.vcd" \
+  play rotanMotub 0000:03:00.0 "$tmp/image.svf"                    # PEX 8600
+readback
+echo "VCD: $(grep -c '^#' "$tmp/play.vcd") change times, $(sed -n 4,11p "$tmp/play.vcd" | cut -d' ' -f5 | paste -sd' ')"
+show --stats --chain "$chain" --dump-memory "$tmp/memory.bin" --platform mosavo \
+  play fodak 0000:00:14.0 "$tmp/image.xsvf"                        # SB820, from the XSVF
+readback
+sed -i 's/TDO (766c656b)/TDO (766c656a)/' "$tmp/image.svf"       # one expected bit wrong
+show --chain "$chain" play penetScd 0000:05:00.0 "$tmp/image.svf"  # GbE: the mismatch, pins released
