@@ -9,43 +9,17 @@
 
 #include "ChainIntf.h"
 #include "TestSupport.h"
-#include "jtag/Player.h"
-#include "jtag/Svf.h"
-#include "jtag/Xsvf.h"
 
 namespace {
-
-// Time is what the cycles took, at nsPerCycle each, plus what was slept.
-struct FakeClock : jtag::Clock {
-    explicit FakeClock(const ChainIntf* intf) : intf(intf) {}
-    uint64_t now() override { return intf->cycles * nsPerCycle + slept; }
-    void sleep(uint64_t ns) override {
-        slept += ns;
-        sleptAt.push_back(intf->cycles);
-    }
-    const ChainIntf* intf;
-    uint64_t nsPerCycle = 100;
-    uint64_t slept = 0;
-    std::vector<unsigned> sleptAt;  // the cycle count at each sleep
-};
 
 class Player : public ::testing::Test {
   protected:
     // Plays the file to its end or its first mismatch; "" or the mismatch.
     std::string play(const std::string& file, bool xsvf = false) {
-        FILE* f = fmemopen(const_cast<char*>(file.data()), file.size(), "rb");
-        jtag::SvfReader svf(f);
-        jtag::XsvfReader xs(f);
-        jtag::Reader& r = xsvf ? static_cast<jtag::Reader&>(xs) : svf;
-        jtag::Action a;
-        std::string out;
-        while (r.next(&a))
-            if (!player.play(a)) {
-                out = std::string(a.statement) + " " + player.mismatch();
-                break;
-            }
-        std::fclose(f);
-        return out;
+        MemoryReader r(file, xsvf);
+        for (jtag::Action a; r->next(&a);)
+            if (!player.play(a)) return std::string(a.statement) + " " + player.mismatch();
+        return "";
     }
     // TMS at each rising edge since the mark.
     std::string tmsSince(size_t mark) const {
@@ -58,15 +32,9 @@ class Player : public ::testing::Test {
     sim::JtagChain chain{{{0x0a5c7035, 8}, {0x1b4d2093, 6}}};
     ChainIntf* intf = new ChainIntf("0_1_0_jtag", &chain);
     jtag::Tap tap{intf};
-    FakeClock clock{intf};
+    ChainClock clock{intf};
     jtag::Player player{&tap, clock};
 };
-
-std::string bytes(std::initializer_list<int> b) {
-    std::string s;
-    for (int c : b) s += static_cast<char>(c);
-    return s;
-}
 
 }  // namespace
 
@@ -186,19 +154,4 @@ TEST_F(Player, FrequencyIsACeilingOverEverySliceAndScan) {
     clock.sleptAt.clear();
     EXPECT_EQ(play("FREQUENCY;\nRUNTEST 5000 TCK;\n"), "");
     EXPECT_TRUE(clock.sleptAt.empty());
-}
-
-TEST(PlayerDryRun, CountsWithoutATap) {
-    FakeBoard board;
-    jtag::Player player(nullptr, jtag::systemClock());
-    const char text[] = "FREQUENCY 1E3 HZ;\nSIR 8 TDI(ff);\nRUNTEST 2000 TCK 1E-3 SEC;\nSDR 16 TDI(0) TDO(0);\n";
-    FILE* f = fmemopen(const_cast<char*>(text), sizeof text - 1, "rb");
-    jtag::SvfReader r(f);
-    jtag::Action a;
-    while (r.next(&a)) EXPECT_TRUE(player.play(a));
-    std::fclose(f);
-    EXPECT_EQ(player.stats().scans, 2u);
-    EXPECT_EQ(player.stats().bits, 24u);
-    EXPECT_EQ(player.stats().cycles, 0u);
-    EXPECT_EQ(player.stats().minRunNs, 2000000000u);  // 2000 cycles at the 1 kHz ceiling
 }
