@@ -5,6 +5,7 @@
 #pragma once
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <initializer_list>
 #include <memory>
@@ -93,6 +94,11 @@ class Accesses : public std::vector<std::string> {
 // The trace lines in captured stderr without their file and line:
 // "Xilinx/3 tckIs: tckIs true".
 std::vector<std::string> traceLines(const std::string& err);
+
+// A 32-bit number as four bytes, least significant first (XVC's lengths and periods).
+inline std::string le(uint32_t v) {
+    return {static_cast<char>(v), static_cast<char>(v >> 8), static_cast<char>(v >> 16), static_cast<char>(v >> 24)};
+}
 
 // The bytes of a binary file (XSVF) written as numbers.
 inline std::string bytes(std::initializer_list<int> b) { return std::string(b.begin(), b.end()); }

@@ -105,16 +105,6 @@ TEST_F(Play, IgnoreTdoReportsEachMismatchAndGoesOn) {
                                     "mismatches\n"));
 }
 
-TEST_F(Play, XsvfIsToldFromItsBytes) {
-    // XSDRSIZE 64, XSDRTDO with both IDCODEs, XCOMPLETE.
-    std::string xsvf = {0x08, 0, 0, 0, 64, 0x09, 0, 0, 0, 0, 0, 0, 0, 0};
-    xsvf += std::string("\x1b\x4d\x20\x93\x0a\x5c\x70\x35", 8) + std::string(1, '\0');
-    std::string path = file("id.xsvf", xsvf);
-    Outcome r = run({"fodak", "0000:00:14.0", path});
-    EXPECT_EQ(r.status, kPlayed) << r.err;
-    EXPECT_THAT(r.out, MatchesRegex(".*: 3 statements, 1 scans, 64 bits, 75 TCK cycles, [0-9.]+ s\n"));
-}
-
 TEST_F(Play, DryRunReadsEverythingAndTouchesNothing) {
     std::string path =
         file("dry.svf", "! \xc2\xa9 text with UTF-8 is still SVF\nFREQUENCY 1E6 HZ;\nSIR 8 TDI(ff);\nRUNTEST 100 TCK 1E-2 SEC;\nSDR 70 TDI(0) TDO(0);\n"

@@ -60,10 +60,6 @@ struct Recorder : StubIntf {
     }
 };
 
-std::string le(uint32_t v) {
-    return {static_cast<char>(v), static_cast<char>(v >> 8), static_cast<char>(v >> 16), static_cast<char>(v >> 24)};
-}
-
 uint32_t leAt(const std::string& s, size_t at) {
     uint32_t v = 0;
     for (int i = 3; i >= 0; --i) v = v << 8 | static_cast<uint8_t>(s[at + i]);
