@@ -28,9 +28,9 @@ class Pericom : public ::testing::Test {
 
 }  // namespace
 
+// Its three names: simscan_test; here the names near them it refuses.
 TEST_F(Pericom, FactoryTakesExactlyItsThreeNames) {
     PericomGen3Factory f;
-    for (const char* n : {"togif", "togif_scd", "togif_fan"}) EXPECT_TRUE(f.manages(n)) << n;
     for (const char* n : {"togi", "togif_", "togif_fanx", "Togif", ""}) EXPECT_FALSE(f.manages(n)) << n;
     EXPECT_EXIT(make()->select("togif_fanx"), ::testing::ExitedWithCode(1), "^Unknown device: togif_fanx\n$");
 }

@@ -47,11 +47,10 @@ using PlxPex8700 = Plx;
 
 // ---- PEX 8600 ----
 
+// Every name each factory takes is scanned through the registry on the
+// backend's window in simscan_test; here the names near them it refuses.
 TEST_F(PlxPex8600, FactoryNamesLockAndWindow) {
     PlxPex8600Factory f;
-    for (const char* n : {"rotanMotub", "rotanSeret", "rotanGuzik", "dimabuGen4Scd", "selek", "dimabuGen4LineScd",
-                          "lomipuScd", "mubarUplinkScd", "vopot"})
-        EXPECT_TRUE(f.manages(n)) << n;
     for (const char* n : {"rotanmotub", "vopot ", "tilegScd", ""}) EXPECT_FALSE(f.manages(n)) << n;
     f.newXilIntf(0x10b5, 0x8624, 0, 3, 0, 1);
     XilIntf_testModeIs(1);
@@ -61,7 +60,6 @@ TEST_F(PlxPex8600, FactoryNamesLockAndWindow) {
                                           "window theJamHam /sys/bus/pci/devices/0000:03:00.1/resource0",
                                           "lock /tmp/xilinxTestLockFile",
                                           "window theJamHam /tmp/xilinxTestMemMapFile"));
-    EXPECT_NE(dynamic_cast<PlxPex8600Intf*>(XilIntf_bySystem("vopot", 0, 0, 0, 4, 0, 0)), nullptr);
 }
 
 // TCK (GPIO 15) in group 0, the held-low pin (GPIO 16) in group 1.
@@ -153,16 +151,12 @@ TEST_F(PlxPex8600, UnknownDevice) {
 
 TEST_F(PlxPex8700, FactoryNamesAndWindowWithoutTestMode) {
     PlxPex8700Factory f;
-    for (const char* n : {"gemufScd", "lomifScd", "tilegScd", "nipigScd", "nipig2Scd", "vebekScd", "bakonScd",
-                          "gurideScd", "zegomoScd", "memivScd", "mofidiPlusLcScd", "mubarplusUplinkScd"})
-        EXPECT_TRUE(f.manages(n)) << n;
     for (const char* n : {"GemufScd", "vopot", "mubarUplinkScd", ""}) EXPECT_FALSE(f.manages(n)) << n;
     XilIntf_testModeIs(1);
     f.newXilIntf(0, 0, 0, 3, 0, 0);
     XilIntf_testModeIs(0);
     EXPECT_THAT(board.events,
                 ElementsAre("lock /tmp/xilinxTestLockFile", std::string("window PlxPex8700Ham ") + kBar0));
-    EXPECT_NE(dynamic_cast<PlxPex8700Intf*>(XilIntf_bySystem("gurideScd", 0, 0, 0, 4, 0, 0)), nullptr);
 }
 
 // GPIO 10 is the held-high pin: its direction register is written whole.
