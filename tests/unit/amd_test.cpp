@@ -363,15 +363,4 @@ TEST_F(Amd, ASelectionForgetsTheAuxPinsOfTheOneBefore) {
     EXPECT_EQ(window().log().size(), 3u * 3 + 3 + 3 * 2 + 3 * 3);  // 3 outputs, TDO, 3 levels, 3 inputs
 }
 
-TEST_F(Amd, UnknownDeviceEndsTheRunBeforeAnyWrite) {
-    struct TellingHam : FakeHamImpl {  // reports writes where the death test looks
-        int write8(U32 o, U8 v) override { return std::fputs("W8\n", stderr), FakeHamImpl::write8(o, v); }
-        int write32(U32 o, U32 v) override { return std::fputs("W32\n", stderr), FakeHamImpl::write32(o, v); }
-    };
-    Ham::providerIs([](const HamDesc&) { return Ptr<HamImpl>(new TellingHam); });
-    boardIs("gozip", 0x16, 0x05);
-    EkabiniIntf* intf = newIntf();
-    EXPECT_EXIT(intf->select("Fodak"), ::testing::ExitedWithCode(1), "^Unknown device: Fodak\n$");
-}
-
 }  // namespace

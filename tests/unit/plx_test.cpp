@@ -143,10 +143,6 @@ TEST_F(PlxPex8600, UnconnectedPinsCountAndTraceOnly) {
     EXPECT_TRUE(bar.log().empty());
 }
 
-TEST_F(PlxPex8600, UnknownDevice) {
-    EXPECT_EXIT(pex8600()->select("tilegScd"), ::testing::ExitedWithCode(1), "^Unknown device: tilegScd\n$");
-}
-
 // ---- PEX 8700 ----
 
 TEST_F(PlxPex8700, FactoryNamesAndWindowWithoutTestMode) {
@@ -226,10 +222,6 @@ TEST_F(PlxPex8700, RelocatedBlock) {
     expected.write(0x3a38, 0x4).rmw(0x3a48, {0x0, 0x400, 0x600}).read(0x3a44, 0x40);
     expected.rmw(0x3a34, {0x24800000, 0x4800000, 0x4000000, 0x0}).write(0x3a38, 0x0);
     EXPECT_THAT(bar.log(), ElementsAreArray(expected));
-}
-
-TEST_F(PlxPex8700, UnknownFpga) {
-    EXPECT_EXIT(pex8700()->select("rotanSeret"), ::testing::ExitedWithCode(1), "^Unknown fpga: rotanSeret\n$");
 }
 
 TEST_F(PlxPex8700, PinOutOfRangeStopsAtItsAssertion) {

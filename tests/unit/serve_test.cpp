@@ -199,14 +199,10 @@ TEST_F(Xvc, PartialNamesTheCommandUnderWay) {
         const char* partial;
     } cases[] = {
         {"", nullptr},
-        {"g", "a command name"},
         {"shift", "a command name"},
-        {"shift:", "shift"},
         {"shift:\x08\x00"s, "shift"},
-        {"shift:" + le(8), "shift"},
         {"shift:" + le(8) + "\xff", "shift"},
         {"shift:" + le(8) + "\xff\xff", nullptr},
-        {"settck:", "settck"},
         {"settck:\x10", "settck"},
     };
     for (const auto& c : cases) {
