@@ -34,13 +34,11 @@ GPIO Offset: 0x580" "" "Cave Creek tdi 0" kelvorn-sim -- mubarScd 0000:00:1f.0 t
 expect_run 1 "Kelvorn
 tdo result is 1" "" "PEX 8700 tdo" kelvorn-sim -- nipig2Scd 0000:03:00.0 tdo
 
-# What a pin change did to the registers.
+# What a pin change did to the registers (the line's format: simboard_test).
 e2e_run kelvorn-sim --show-writes --platform gozip --cpu 0x16:0x05 -- fodak 0000:00:14.0 tck 1
 expect_eq "$E2E_STATUS" 1 "show-writes: status"
-expect_eq "$(grep -c '^sim: gpioWindow W8 ' <<<"$E2E_ERR")" "$(wc -l <<<"$E2E_ERR")" "show-writes: every line a write"
 expect_eq "$(grep 'TCK 0->1' <<<"$E2E_ERR")" \
   "sim: gpioWindow W8 0x1a8: 0x00 -> 0x40  TCK 0->1  TAP Test-Logic-Reset->Run-Test/Idle" "show-writes: the TCK edge"
-expect_eq "$(tail -n1 <<<"$E2E_ERR")" "sim: gpioWindow W8 0x132: 0x00 -> 0x20  GPIO50 0->z" "show-writes: cleanup last"
 
 # The scan.
 expect_run 0 "0x0a5c7035

@@ -25,7 +25,6 @@
 #include "xilinx/hal/Hal.h"
 
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 // ---- lock file (its name: the registry's and the tool's tests) ----
 
@@ -75,20 +74,8 @@ TEST(Lock, CreationFailureNamesTheSystemError) {
                 "^Failed to create lock file: Permission denied\n$");
 }
 
-TEST(Lock, TestModeUsesTheTmpFileAndTracesBothPaths) {
-    FakeBoard board;
-    TraceLevels levels(0x2);
-    XilIntf_testModeIs(7);
-    std::vector<std::string> calls;
-    ::testing::internal::CaptureStderr();
-    new StubIntf("0_0_20_jtag", &calls);
-    std::string err = ::testing::internal::GetCapturedStderr();
-    XilIntf_testModeIs(0);
-    EXPECT_THAT(board.events, ElementsAre("lock /tmp/xilinxTestLockFile"));
-    EXPECT_THAT(err, HasSubstr("Xilinx/1 xilinx/XilIntf.cpp:"));
-    EXPECT_THAT(err, HasSubstr(" XilIntf: lockfile is /var/lock/0_0_20_jtag\n"));
-    EXPECT_THAT(err, HasSubstr(" XilIntf: Using test lock file /tmp/xilinxTestLockFile instead\n"));
-}
+// Test mode's lock file /tmp/xilinxTestLockFile: the PLX, SB820 and Pericom
+// factory tests.
 
 // ---- registry ----
 

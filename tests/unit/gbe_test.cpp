@@ -116,7 +116,6 @@ TEST_F(Gbe, CleanupMakesInputsAndRestoresTheLedFromItsDefaultWord) {
 
 // Select's writes are traced the same way; its sequence is pinned above.
 TEST_F(Gbe, RegisterTrafficAndPinChangesAreTracedAtLevel2) {
-    regs.poke(0x2003E, 0x7a2f, 16);
     XilIntf* intf = selected();
     TraceLevels levels(0x4);
     ::testing::internal::CaptureStderr();
@@ -124,18 +123,12 @@ TEST_F(Gbe, RegisterTrafficAndPinChangesAreTracedAtLevel2) {
     intf->tckIs(true);
     intf->tmsIs(false);
     intf->tdo();
-    intf->cleanup("penetScd");
     IntelGbeControllerFactory().newXilIntf(0x8086, 0x1533, 1, 0x1a, 2, 3);
     std::vector<std::string> expected = {
         "write32: write32 [0x0] <= 0x81cc0241",  // the warning LED is not traced
         "tckIs: tckIs 1 reg[0] 0x81cc0241", "write32: write32 [0x18] <= 0x12340480",
         "tmsIs: tmsIs 0 reg[1] 0x12340480", "read32: read32 [0x18] => 0x12340480",
-        "tdo: tdo reg[1] 0x12340480 Tdo 1", "write32: write32 [0x0] <= 0x814c0241",
-        "write32: write32 [0x18] <= 0x12340080", "write32: write32 [0x0] <= 0x810c0241",
-        "write32: write32 [0x18] <= 0x12340080", "read32: read32 [0xe000] => 0x5af03c3f",
-        "read16: read16 [0x2003e] => 0x7a2f", "write32: write32 [0xe000] <= 0x5a7a3c3f",
-        "read32: read32 [0xe000] => 0x5a7a3c3f", "read16: read16 [0x2003e] => 0x7a2f",
-        "write32: write32 [0xe000] <= 0x5a7a3c3f",
+        "tdo: tdo reg[1] 0x12340480 Tdo 1",
         "IntelGbeControllerIntf: IntelGbeControllerIntf name '1_26_2_jtag' pciVendor 0x8086 "
         "pciDevice 0x1533 pciAddr 0001:1a:02.3"};
     for (std::string& line : expected) line.insert(0, "Xilinx/2 ");

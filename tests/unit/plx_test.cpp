@@ -124,25 +124,6 @@ TEST_F(PlxPex8600, NoHeldLowPinForLomipuAndMubarUplink) {
     }
 }
 
-// Pins that are not connected (255, as before select assigns any) are
-// counted and traced but reach no register.
-TEST_F(PlxPex8600, UnconnectedPinsCountAndTraceOnly) {
-    XilIntf* intf = pex8600();
-    TraceLevels levels(0x2f);
-    ::testing::internal::CaptureStderr();
-    intf->tdiIs(true);
-    intf->tmsIs(false);
-    intf->tckIs(true);
-    EXPECT_FALSE(intf->tdo());
-    EXPECT_FALSE(intf->tdo());
-    intf->cleanup("");
-    EXPECT_THAT(traceLines(::testing::internal::GetCapturedStderr()),
-                ElementsAre("Xilinx/1 tdiIs: tdiIs true", "Xilinx/2 tmsIs: tmsIs false", "Xilinx/3 tckIs: tckIs true",
-                            "Xilinx/0 tdo: tdo false", "Xilinx/0 tdo: tdo false",
-                            "Xilinx/5 cleanup: jtag totals: tdo 2 tdi 1 tms 1 tck 1"));
-    EXPECT_TRUE(bar.log().empty());
-}
-
 // ---- PEX 8700 ----
 
 TEST_F(PlxPex8700, FactoryNamesAndWindowWithoutTestMode) {
