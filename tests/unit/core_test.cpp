@@ -190,17 +190,8 @@ TEST(HamDeathTest, WindowThatCannotBeMadeEndsTheRunWithOneLine) {
                 "^register window theJamHam: cannot open /nonexistent/resource0: No such file or directory\n$");
 }
 
-TEST(Ham, PciHamFindsTheResourceByAddress) {
-    FakeHams hams;
-    Ptr<Ham> ham = new PciHam("0_3_0_jtag", 0, 0x100000, "resource0", "", "", PciAddress{0, 3, 0, 0}, 0, true);
-    ASSERT_EQ(hams.opened().size(), 1u);
-    EXPECT_EQ(hams.opened()[0].fileName, "/sys/bus/pci/devices/0000:03:00.0/resource0");
-    EXPECT_EQ(hams.opened()[0].size, 0x100000u);
-    ham->hamImpl()->write32(0x18, 0x80);
-    U8 v;
-    ham->hamImpl()->read8(0x18, &v);
-    EXPECT_THAT(hams["/sys/bus/pci/devices/0000:03:00.0/resource0"].log(), ElementsAre("W32 0x18=0x80", "R8 0x18=0x80"));
-}
+// PciHam, the GbE backend's window: its path and size in gbe_test, every
+// access through it in the GbE register sequences.
 
 // A window on a file of this test's own: accesses past the end of the file
 // end the process with the window's line instead of SIGBUS, and an empty
