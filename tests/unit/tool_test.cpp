@@ -74,6 +74,13 @@ TEST_F(Tool, StatusOutputAndCallsOfEachCommandLine) {
          opened({"cleanup fpga"}), false},
         {{"fpga", "0000:00:14.0", "tdi"}, -5, std::string("Kelvorn\nmissing argument\n") + kUsage,
          opened({"cleanup fpga"}), false},
+        // A value in decimal (a leading 0 is not octal), any non-zero high (the shell sees 256 as 0), text 0.
+        {{"fpga", "0000:00:14.0", "tms", "0256"}, 256, "Kelvorn\n", opened({"tmsIs 1", "cleanup fpga"}), true},
+        {{"fpga", "0000:00:14.0", "tdi", "abc"}, 0, "Kelvorn\n", opened({"tdiIs 0", "cleanup fpga"}), true},
+        // Wide address fields keep their low bits; text after the function is ignored.
+        {{"fpga", "10:1ff:3.2junk", "tdo"}, 1, "Kelvorn\ntdo result is 1\n",
+         {"manages fpga fpga", "new fpga 0 0 16_255_3_jtag fn 2", "select fpga", "warningIs 0", "tdo", "cleanup fpga"},
+         false},
     };
     for (const auto& c : cases) {
         calls.clear();
@@ -85,17 +92,4 @@ TEST_F(Tool, StatusOutputAndCallsOfEachCommandLine) {
         EXPECT_EQ(calls, c.calls) << r.out;
         EXPECT_EQ(board.eventsStartingWith("sleep"), std::vector<std::string>(c.holds, "sleep 10")) << r.out;
     }
-}
-
-TEST_F(Tool, WideFieldsKeepTheirLowBitsAndTrailingTextIsIgnored) {
-    run({"fpga", "10:1ff:3.2junk", "tdo"});
-    EXPECT_EQ(calls[1], "new fpga 0 0 16_255_3_jtag fn 2");
-}
-
-TEST_F(Tool, SetValuesAreDecimalAndAnyNonZeroIsHigh) {
-    EXPECT_EQ(run({"fpga", "0000:00:14.0", "tms", "256"}).status, 256);  // the shell sees 0
-    EXPECT_EQ(calls[4], "tmsIs 1");
-    calls.clear();
-    EXPECT_EQ(run({"fpga", "0000:00:15.0", "tdi", "abc"}).status, 0);  // another device: its own lock
-    EXPECT_EQ(calls[4], "tdiIs 0");
 }
