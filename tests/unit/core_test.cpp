@@ -156,15 +156,23 @@ TEST(Trace, DisabledStatementEvaluatesNothing) {
     EXPECT_THAT(err, ::testing::MatchesRegex("Xilinx/0 xilinx/XilIntf.cpp:[0-9]+ TestBody: tdo 1 true 0xff 0014\n"));
 }
 
-// ---- register windows ----
+// ---- register windows (PciHam, the GbE backend's: its path and size in
+// gbe_test, every access through it in the GbE register sequences) ----
 
-TEST(Ham, MappedFileReadsAndWritesLittleEndian) {
+namespace {
+// A sparse file of this test's own, of that many bytes.
+std::string fileOf(off_t bytes) {
     char path[] = "/tmp/kelvorn-ham-XXXXXX";
     int fd = ::mkstemp(path);
-    ASSERT_GE(fd, 0);
-    // Sparse, with the window past 2 GiB as the Cedar Fork pads are in /dev/mem.
-    ASSERT_EQ(::ftruncate(fd, 0xFD002000), 0);
+    EXPECT_EQ(::ftruncate(fd, bytes), 0);
     ::close(fd);
+    return path;
+}
+}  // namespace
+
+TEST(Ham, MappedFileReadsAndWritesLittleEndian) {
+    // The window past 2 GiB, as the Cedar Fork pads are in /dev/mem.
+    std::string path = fileOf(0xFD002000);
     Ptr<Ham> ham = new Ham("fileHam", HamType::mappedFile, nullptr, 0xFD000000, 0, path);
     Ptr<HamImpl> impl = ham->hamImpl();
     impl->write32(0x10, 0x11223344);
@@ -181,7 +189,7 @@ TEST(Ham, MappedFileReadsAndWritesLittleEndian) {
     std::ifstream in(path, std::ios::binary);
     in.seekg(0xFD000010);
     EXPECT_EQ(in.get(), 0x44);
-    ::unlink(path);
+    ::unlink(path.c_str());
 }
 
 TEST(HamDeathTest, WindowThatCannotBeMadeEndsTheRunWithOneLine) {
@@ -190,18 +198,11 @@ TEST(HamDeathTest, WindowThatCannotBeMadeEndsTheRunWithOneLine) {
                 "^register window theJamHam: cannot open /nonexistent/resource0: No such file or directory\n$");
 }
 
-// PciHam, the GbE backend's window: its path and size in gbe_test, every
-// access through it in the GbE register sequences.
-
 // A window on a file of this test's own: accesses past the end of the file
 // end the process with the window's line instead of SIGBUS, and an empty
 // file maps nothing and reaches nothing.
 TEST(Window, ShortFilesAreRefusedNotFaulted) {
-    char path[] = "/tmp/kelvorn-window-XXXXXX";
-    int fd = ::mkstemp(path);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(::ftruncate(fd, 0x10), 0);
-    ::close(fd);
+    std::string path = fileOf(0x10);
     Ptr<Ham> ham = new Ham("shortHam", HamType::mappedFile, nullptr, 0, 0, path);
     EXPECT_EQ(ham->hamImpl()->extent(), 0x10u);
     ham->reaches(0x10);  // returns
@@ -214,10 +215,10 @@ TEST(Window, ShortFilesAreRefusedNotFaulted) {
     EXPECT_EXIT(ham->hamImpl()->read32(0xD, &v), ::testing::ExitedWithCode(1), line + "0x11\n$");
     EXPECT_EXIT(ham->hamImpl()->write8(0x4000, 1), ::testing::ExitedWithCode(1), line + "0x4001\n$");
 
-    ASSERT_EQ(::truncate(path, 0), 0);
+    ASSERT_EQ(::truncate(path.c_str(), 0), 0);
     Ptr<Ham> empty = new Ham("emptyHam", HamType::mappedFile, nullptr, 0, 0, path);
     EXPECT_EQ(empty->hamImpl()->extent(), 0u);
     EXPECT_EXIT(empty->reaches(1), ::testing::ExitedWithCode(1),
                 std::string("^register window emptyHam: ") + path + " holds 0x0 bytes, its registers need 0x1\n$");
-    ::unlink(path);
+    ::unlink(path.c_str());
 }
