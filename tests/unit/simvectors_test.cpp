@@ -5,7 +5,6 @@
 // it was and the verify fails.
 #include <gtest/gtest.h>
 
-
 #include "ChainIntf.h"
 #include "TestSupport.h"
 #include "jtag/Tap.h"
