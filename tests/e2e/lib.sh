@@ -6,7 +6,6 @@
 #   source "$(dirname "$0")/lib.sh" "$1"      # $1: the build directory
 #   e2e_cmdline "console=ttyS0 platform=gozip"
 #   e2e_pci 0000:00:14.0 resource5 0x1000   # a sparse resource file
-#   e2e_devmem 0x100000000                  # a sparse file as /dev/mem
 #   e2e_run kelvorn fodak 0000:00:14.0 tdo  # status in $E2E_STATUS, output in $E2E_OUT/$E2E_ERR
 #   e2e_run "$E2E_DIR/prog"                 # a program of the test's own, by its path
 #   e2e_start kelvorn ...; ...; e2e_wait    # the same, in the background
@@ -38,7 +37,6 @@ e2e_pci() {  # address resource size
   mkdir -p "$E2E_DIR/pci/$1"
   truncate -s "$(($3))" "$E2E_DIR/pci/$1/$2"
 }
-e2e_devmem() { truncate -s "$(($1))" "$E2E_DIR/dev/mem"; }
 e2e_lock_dir() { echo "$E2E_DIR/lock"; }
 e2e_tmp_dir() { echo "$E2E_DIR/tmp"; }
 
@@ -86,7 +84,6 @@ e2e_wait() {
 
 # Register contents of a file standing for a window, as 0x-prefixed hex.
 rd8() { printf '0x%x\n' "$(od -An -tu1 -j $(($2)) -N1 "$1" | tr -d ' ')"; }
-rd16() { printf '0x%x\n' "$(od -An -tu2 --endian=little -j $(($2)) -N2 "$1" | tr -d ' ')"; }
 rd32() { printf '0x%x\n' "$(od -An -tu4 --endian=little -j $(($2)) -N4 "$1" | tr -d ' ')"; }
 wr8() { printf "$(printf '\\x%02x' $(($3)))" | dd of="$1" bs=1 seek=$(($2)) conv=notrunc status=none; }
 wr32() {
@@ -95,7 +92,7 @@ wr32() {
     dd of="$1" bs=1 seek=$(($2)) conv=notrunc status=none
 }
 
-# Registers at the offsets, read with rd8/rd16/rd32, on one line: regs rd32 FILE OFFSET...
+# Registers at the offsets, read with rd8/rd32, on one line: regs rd32 FILE OFFSET...
 regs() { local rd=$1 file=$2 off; shift 2; for off; do "$rd" "$file" "$off"; done | paste -sd' '; }
 
 expect_eq() {  # actual expected what

@@ -1,8 +1,8 @@
 # kelvorn-play on an SB820 whose register file is a sparse resource5 (TDO
-# reads bit 7 of 0x13d): a TDO mismatch stops the run with its one line and
-# status 6, SIGTERM during a long RUNTEST ends it by that signal, and both
-# leave every pin an input; in test mode the lock and the register file are
-# the ones under /tmp.
+# reads bit 7 of 0x13d): SIGTERM during a long RUNTEST ends it by that
+# signal and leaves every pin an input; in test mode the lock and the
+# register file are the ones under /tmp. (A TDO mismatch: play_test.cpp and
+# program_test.sh.)
 source "$(dirname "$0")/lib.sh" "$1"
 
 e2e_cmdline "console=ttyS0 platform=mosavo"
@@ -18,11 +18,6 @@ released() {
 }
 d=$E2E_DIR/files
 mkdir -p "$d"
-
-printf 'STATE RESET;\nSDR 8 TDI(00) TDO(FF);\nSIR 8 TDI(FF);\n' >"$d/bad.svf"
-expect_run 6 "" "kelvorn-play: $d/bad.svf:2: SDR of 8 bits: TDO mismatch: expected ff mask ff actual 00" \
-  "mismatch" kelvorn-play --quiet fodak 0000:00:14.0 "$d/bad.svf"
-expect_eq "$(released "$res")" 111111 "mismatch: every pin released"
 
 printf 'STATE RESET;\nRUNTEST 60 SEC;\n' >"$d/long.svf"
 e2e_start kelvorn-play fodak 0000:00:14.0 "$d/long.svf"

@@ -1,10 +1,12 @@
 // A pin interface wired straight to a simulated chain, for tests that drive
 // the chain through the JTAG layer (jtag::Tap) or the player without a
 // board: no registers in between, TCK cycles counted, TMS kept for each
-// edge, TDO optionally stuck or scripted.
+// edge, TDO optionally stuck or scripted; and a clock for the player that
+// runs only as the chain's TCK cycles and sleeps make it.
 #pragma once
 #include <vector>
 
+#include "jtag/Player.h"
 #include "sim/JtagChain.h"
 #include "xilinx/XilIntf.h"
 
@@ -37,4 +39,18 @@ struct ChainIntf : XilIntf {
     unsigned tdoReads = 0;
     unsigned cycles = 0;
     std::vector<bool> tmsTrail;  // TMS at each TCK edge
+};
+
+// Time is what the cycles took, at nsPerCycle each, plus what was slept.
+struct ChainClock : jtag::Clock {
+    explicit ChainClock(const ChainIntf* intf) : intf(intf) {}
+    uint64_t now() override { return intf->cycles * nsPerCycle + slept; }
+    void sleep(uint64_t ns) override {
+        slept += ns;
+        sleptAt.push_back(intf->cycles);
+    }
+    const ChainIntf* intf;
+    uint64_t nsPerCycle = 100;
+    uint64_t slept = 0;
+    std::vector<unsigned> sleptAt;  // the cycle count at each sleep
 };

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "jtag/Xsvf.h"
 #include "os/FakeShell.h"
 #include "xilinx/XilTrace.h"
 
@@ -123,3 +124,14 @@ std::vector<std::string> traceLines(const std::string& err) {
     }
     return lines;
 }
+
+MemoryReader::MemoryReader(const std::string& file, bool xsvf, size_t maxBits)
+    // fmemopen takes no empty buffer.
+    : file_(file.empty() ? std::tmpfile() : fmemopen(const_cast<char*>(file.data()), file.size(), "rb")) {
+    if (xsvf)
+        reader_.reset(new jtag::XsvfReader(file_, maxBits));
+    else
+        reader_.reset(new jtag::SvfReader(file_, maxBits));
+}
+
+MemoryReader::~MemoryReader() { std::fclose(file_); }

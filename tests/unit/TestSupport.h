@@ -5,11 +5,15 @@
 #pragma once
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <cstdio>
 #include <initializer_list>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "ham/FakeHam.h"
+#include "jtag/Svf.h"
 #include "os/Os.h"
 
 // The assertions that guard the constant pin tables are compiled out under
@@ -90,3 +94,25 @@ class Accesses : public std::vector<std::string> {
 // The trace lines in captured stderr without their file and line:
 // "Xilinx/3 tckIs: tckIs true".
 std::vector<std::string> traceLines(const std::string& err);
+
+// A 32-bit number as four bytes, least significant first (XVC's lengths and periods).
+inline std::string le(uint32_t v) {
+    return {static_cast<char>(v), static_cast<char>(v >> 8), static_cast<char>(v >> 16), static_cast<char>(v >> 24)};
+}
+
+// The bytes of a binary file (XSVF) written as numbers.
+inline std::string bytes(std::initializer_list<int> b) { return std::string(b.begin(), b.end()); }
+
+// A reader of SVF text or XSVF bytes held in memory.
+class MemoryReader {
+  public:
+    MemoryReader(const std::string& file, bool xsvf, size_t maxBits = jtag::kMaxScanBits);
+    ~MemoryReader();
+    MemoryReader(const MemoryReader&) = delete;
+    MemoryReader& operator=(const MemoryReader&) = delete;
+    jtag::Reader* operator->() { return reader_.get(); }
+
+  private:
+    FILE* file_;
+    std::unique_ptr<jtag::Reader> reader_;
+};

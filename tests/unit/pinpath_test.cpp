@@ -1,9 +1,11 @@
 // The pin path of every backend. With tracing off, after select, pin
 // changes and TDO reads make no allocation, no OS call and no output
 // (windows here are plain memory, so the only cost left is the backends'
-// own); before select they touch no register at all.
+// own); before select they touch no register at all; and select refuses a
+// name it does not know before it touches one.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <new>
 #include <string>
@@ -35,31 +37,45 @@ namespace {
 struct Case {
     const char* device;
     const char* cmdline;
-    U8 pciDevice;  // each case its own PCI device, so its own lock
+    U8 pciDevice;        // each case its own PCI device, so its own lock
+    const char* near;    // a name its select does not know
+    const char* kind;    // what select's refusal calls it
 };
 
 const Case kCases[] = {
-    {"fodak", "console=ttyS0", 1},                  // SB820
-    {"mubarScd", "", 2},                            // Cave Creek
-    {"rotanSeret", "", 3},                          // PEX 8600
-    {"nipig2Scd", "", 4},                           // PEX 8700, relocated block
-    {"penetScd", "", 5},                            // GbE
-    {"kubezShimScd", "platform=kubez", 6},          // Cedar Fork
-    {"togif", "", 7},                               // Pericom
-    {"tabukccpuSwitchScd", "platform=tabukccpu", 8},  // AMD SoC GPIO (R1000)
+    {"fodak", "console=ttyS0", 1, "komefi ", "device"},                  // SB820
+    {"mubarScd", "", 2, "mubar", "device"},                              // Cave Creek
+    {"rotanSeret", "", 3, "tilegScd", "device"},                         // PEX 8600
+    {"nipig2Scd", "", 4, "rotanSeret", "fpga"},                          // PEX 8700, relocated block
+    {"penetScd", "", 5, "penetScdX", "device"},                          // GbE
+    {"kubezShimScd", "platform=kubez", 6, "kubez", "device"},            // Cedar Fork
+    {"togif", "", 7, "togif_fanx", "device"},                            // Pericom
+    {"tabukccpuSwitchScd", "platform=tabukccpu", 8, "Fodak", "device"},  // AMD SoC GPIO (R1000)
 };
 
-class PinPath : public ::testing::TestWithParam<Case> {};
+// A board on which the case's backend serves its name (an R1000 processor,
+// a Cave Creek GPIO base in the configuration space), with its interface.
+class PinPath : public ::testing::TestWithParam<Case> {
+  protected:
+    XilIntf* make() {
+        const Case& c = GetParam();
+        amd::resetForTests();  // the SoC backend detects its board once per process
+        board.cmdline = c.cmdline;
+        board.cpuIs(0x17, 0x18);
+        board.fileIs("/sys/bus/pci/devices/0000:00:02.0/config", std::string(0x48, 0) + std::string("\x81\xf5\0\0", 4));
+        XilIntf* intf = XilIntf_bySystem(c.device, 0, 0, 0, 0, c.pciDevice, 0);
+        EXPECT_NE(intf, nullptr) << c.device;
+        return intf;
+    }
+    void TearDown() override { Ham::providerIs(nullptr); }
+
+    FakeBoard board;
+};
 
 }  // namespace
 
 TEST_P(PinPath, NoAllocationNoSystemCallNoOutput) {
     const Case& c = GetParam();
-    amd::resetForTests();  // the SoC backend detects its board once per process
-    FakeBoard board;
-    board.cmdline = c.cmdline;
-    board.cpuIs(0x17, 0x18);  // R1000
-    board.fileIs("/sys/bus/pci/devices/0000:00:02.0/config", std::string(0x48, 0) + std::string("\x81\xf5\0\0", 4));
     std::vector<std::vector<U8>> memories;
     memories.reserve(4);
     Ham::providerIs([&](const HamDesc& s) -> Ptr<HamImpl> {
@@ -69,8 +85,8 @@ TEST_P(PinPath, NoAllocationNoSystemCallNoOutput) {
         memories.emplace_back(s.size ? s.size + 0x1000 : 0x100000);
         return new MemoryHamImpl(memories.back().data());
     });
-    XilIntf* intf = XilIntf_bySystem(c.device, 0, 0, 0, 0, c.pciDevice, 0);
-    ASSERT_NE(intf, nullptr) << c.device;
+    XilIntf* intf = make();
+    ASSERT_NE(intf, nullptr);
     XilIntf_select(intf, c.device);
     XilIntf_ledIs(intf, 0);
 
@@ -105,13 +121,8 @@ TEST_P(PinPath, NoAllocationNoSystemCallNoOutput) {
 // register through pins that were never assigned.
 TEST_P(PinPath, NothingBeforeSelectTouchesARegister) {
     const Case& c = GetParam();
-    amd::resetForTests();  // the SoC backend detects its board once per process
-    FakeBoard board;
-    board.cmdline = c.cmdline;
-    board.cpuIs(0x17, 0x18);
-    board.fileIs("/sys/bus/pci/devices/0000:00:02.0/config", std::string(0x48, 0) + std::string("\x81\xf5\0\0", 4));
-    XilIntf* intf = XilIntf_bySystem(c.device, 0, 0, 0, 0, c.pciDevice, 0);
-    ASSERT_NE(intf, nullptr) << c.device;
+    XilIntf* intf = make();
+    ASSERT_NE(intf, nullptr);
     XilIntf_tckIs(intf, 1);
     XilIntf_tmsIs(intf, 1);
     XilIntf_tdiIs(intf, 1);
@@ -125,6 +136,23 @@ TEST_P(PinPath, NothingBeforeSelectTouchesARegister) {
     ASSERT_FALSE(board.hams.opened().empty());
     for (const HamDesc& w : board.hams.opened())
         EXPECT_TRUE(board.hams[w.fileName.empty() ? w.name : w.fileName].log().empty()) << w.name;
+}
+
+// A name near the backend's own ends the run at select with one line,
+// before any register access (which would show on stderr first).
+TEST_P(PinPath, UnknownNameEndsTheRunBeforeAnyRegisterAccess) {
+    struct TellingHam : FakeHamImpl {
+        int read32(U32 o, U32* v) override { return std::fputs("R32\n", stderr), FakeHamImpl::read32(o, v); }
+        int read8(U32 o, U8* v) override { return std::fputs("R8\n", stderr), FakeHamImpl::read8(o, v); }
+        int write32(U32 o, U32 v) override { return std::fputs("W32\n", stderr), FakeHamImpl::write32(o, v); }
+        int write8(U32 o, U8 v) override { return std::fputs("W8\n", stderr), FakeHamImpl::write8(o, v); }
+    };
+    Ham::providerIs([](const HamDesc&) { return Ptr<HamImpl>(new TellingHam); });
+    const Case& c = GetParam();
+    XilIntf* intf = make();
+    ASSERT_NE(intf, nullptr);
+    EXPECT_EXIT(XilIntf_select(intf, c.near), ::testing::ExitedWithCode(1),
+                std::string("^Unknown ") + c.kind + ": " + c.near + "\n$");
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryBackend, PinPath, ::testing::ValuesIn(kCases),

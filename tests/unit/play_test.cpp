@@ -68,16 +68,8 @@ const char kReleased[] = "TCK=z TDI=z TMS=z TDO=1 GPIO60=z GPIO41=z GPIO50=z";
 
 }  // namespace
 
-TEST_F(Play, PlaysTheFileAndSumsItUp) {
-    std::string path = file("ok.svf", kIdcodes);
-    Outcome r = run({"fodak", "0000:00:14.0", path});
-    EXPECT_EQ(r.status, kPlayed);
-    EXPECT_EQ(r.err, "");
-    // Reset, STATE RESET, and the scan with its moves: 5 + 5 + 4 + 64 + 2 cycles.
-    EXPECT_THAT(r.out, MatchesRegex("kelvorn-play: " + path + ": 2 statements, 1 scans, 64 bits, 80 TCK cycles, "
-                                                               "[0-9]+\\.[0-9]+ s\n"));
-    EXPECT_EQ(board_.pins(), kReleased);
-}
+// A run that plays to its end: its summary (program_test.sh, with the
+// cycles counted), the pins released (play_test.sh).
 
 TEST_F(Play, AMismatchStopsWithOneLineAndReleasesThePins) {
     std::string path = file("bad.svf", "STATE RESET;\nSDR 64 TDI(0) TDO(1b4d2093 0a5c7034);\nSIR 14 TDI(3fff);\n");
@@ -103,16 +95,6 @@ TEST_F(Play, IgnoreTdoReportsEachMismatchAndGoesOn) {
                          path + ":5: SDR of 32 bits: TDO mismatch: expected 00000001 mask ffffffff actual 0a5c7035\n");
     EXPECT_THAT(r.out, MatchesRegex(".*: 5 statements, 3 scans, 160 bits, [0-9]+ TCK cycles, [0-9.]+ s, 2 TDO "
                                     "mismatches\n"));
-}
-
-TEST_F(Play, XsvfIsToldFromItsBytes) {
-    // XSDRSIZE 64, XSDRTDO with both IDCODEs, XCOMPLETE.
-    std::string xsvf = {0x08, 0, 0, 0, 64, 0x09, 0, 0, 0, 0, 0, 0, 0, 0};
-    xsvf += std::string("\x1b\x4d\x20\x93\x0a\x5c\x70\x35", 8) + std::string(1, '\0');
-    std::string path = file("id.xsvf", xsvf);
-    Outcome r = run({"fodak", "0000:00:14.0", path});
-    EXPECT_EQ(r.status, kPlayed) << r.err;
-    EXPECT_THAT(r.out, MatchesRegex(".*: 3 statements, 1 scans, 64 bits, 75 TCK cycles, [0-9.]+ s\n"));
 }
 
 TEST_F(Play, DryRunReadsEverythingAndTouchesNothing) {

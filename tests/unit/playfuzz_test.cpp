@@ -7,9 +7,8 @@
 #include <random>
 #include <string>
 
+#include "TestSupport.h"
 #include "jtag/Player.h"
-#include "jtag/Svf.h"
-#include "jtag/Xsvf.h"
 
 namespace {
 
@@ -63,22 +62,17 @@ std::string mutate(std::string s, std::mt19937& rng, bool text) {
 // Reads the whole file and counts it: "ok", the FormatError, or "escaped"
 // when anything else came out.
 std::string outcome(const std::string& file, bool xsvf) {
-    FILE* f = fmemopen(const_cast<char*>(file.data()), file.size() ? file.size() : 1, "rb");
-    jtag::SvfReader svf(f, kMaxBits);
-    jtag::XsvfReader xs(f, kMaxBits);
-    jtag::Reader& r = xsvf ? static_cast<jtag::Reader&>(xs) : svf;
+    MemoryReader r(file, xsvf, kMaxBits);
     jtag::Player counter(nullptr, jtag::systemClock());
     jtag::Action a;
-    std::string out = "ok";
     try {
-        while (r.next(&a)) counter.play(a);
+        while (r->next(&a)) counter.play(a);
     } catch (const jtag::FormatError& e) {
-        out = std::string("error: ") + e.what();
+        return std::string("error: ") + e.what();
     } catch (...) {
-        out = "escaped";
+        return "escaped";
     }
-    std::fclose(f);
-    return out;
+    return "ok";
 }
 
 }  // namespace

@@ -47,11 +47,10 @@ using PlxPex8700 = Plx;
 
 // ---- PEX 8600 ----
 
+// Every name each factory takes is scanned through the registry on the
+// backend's window in simscan_test; here the names near them it refuses.
 TEST_F(PlxPex8600, FactoryNamesLockAndWindow) {
     PlxPex8600Factory f;
-    for (const char* n : {"rotanMotub", "rotanSeret", "rotanGuzik", "dimabuGen4Scd", "selek", "dimabuGen4LineScd",
-                          "lomipuScd", "mubarUplinkScd", "vopot"})
-        EXPECT_TRUE(f.manages(n)) << n;
     for (const char* n : {"rotanmotub", "vopot ", "tilegScd", ""}) EXPECT_FALSE(f.manages(n)) << n;
     f.newXilIntf(0x10b5, 0x8624, 0, 3, 0, 1);
     XilIntf_testModeIs(1);
@@ -61,7 +60,6 @@ TEST_F(PlxPex8600, FactoryNamesLockAndWindow) {
                                           "window theJamHam /sys/bus/pci/devices/0000:03:00.1/resource0",
                                           "lock /tmp/xilinxTestLockFile",
                                           "window theJamHam /tmp/xilinxTestMemMapFile"));
-    EXPECT_NE(dynamic_cast<PlxPex8600Intf*>(XilIntf_bySystem("vopot", 0, 0, 0, 4, 0, 0)), nullptr);
 }
 
 // TCK (GPIO 15) in group 0, the held-low pin (GPIO 16) in group 1.
@@ -126,43 +124,16 @@ TEST_F(PlxPex8600, NoHeldLowPinForLomipuAndMubarUplink) {
     }
 }
 
-// Pins that are not connected (255, as before select assigns any) are
-// counted and traced but reach no register.
-TEST_F(PlxPex8600, UnconnectedPinsCountAndTraceOnly) {
-    XilIntf* intf = pex8600();
-    TraceLevels levels(0x2f);
-    ::testing::internal::CaptureStderr();
-    intf->tdiIs(true);
-    intf->tmsIs(false);
-    intf->tckIs(true);
-    EXPECT_FALSE(intf->tdo());
-    EXPECT_FALSE(intf->tdo());
-    intf->cleanup("");
-    EXPECT_THAT(traceLines(::testing::internal::GetCapturedStderr()),
-                ElementsAre("Xilinx/1 tdiIs: tdiIs true", "Xilinx/2 tmsIs: tmsIs false", "Xilinx/3 tckIs: tckIs true",
-                            "Xilinx/0 tdo: tdo false", "Xilinx/0 tdo: tdo false",
-                            "Xilinx/5 cleanup: jtag totals: tdo 2 tdi 1 tms 1 tck 1"));
-    EXPECT_TRUE(bar.log().empty());
-}
-
-TEST_F(PlxPex8600, UnknownDevice) {
-    EXPECT_EXIT(pex8600()->select("tilegScd"), ::testing::ExitedWithCode(1), "^Unknown device: tilegScd\n$");
-}
-
 // ---- PEX 8700 ----
 
 TEST_F(PlxPex8700, FactoryNamesAndWindowWithoutTestMode) {
     PlxPex8700Factory f;
-    for (const char* n : {"gemufScd", "lomifScd", "tilegScd", "nipigScd", "nipig2Scd", "vebekScd", "bakonScd",
-                          "gurideScd", "zegomoScd", "memivScd", "mofidiPlusLcScd", "mubarplusUplinkScd"})
-        EXPECT_TRUE(f.manages(n)) << n;
     for (const char* n : {"GemufScd", "vopot", "mubarUplinkScd", ""}) EXPECT_FALSE(f.manages(n)) << n;
     XilIntf_testModeIs(1);
     f.newXilIntf(0, 0, 0, 3, 0, 0);
     XilIntf_testModeIs(0);
     EXPECT_THAT(board.events,
                 ElementsAre("lock /tmp/xilinxTestLockFile", std::string("window PlxPex8700Ham ") + kBar0));
-    EXPECT_NE(dynamic_cast<PlxPex8700Intf*>(XilIntf_bySystem("gurideScd", 0, 0, 0, 4, 0, 0)), nullptr);
 }
 
 // GPIO 10 is the held-high pin: its direction register is written whole.
@@ -205,7 +176,7 @@ TEST_F(PlxPex8700, HeldLowPinOutlivesCleanup) {
     EXPECT_EQ(bar.peek(0x624), 0xfffbu);  // GPIO 2 still low
 }
 
-TEST_F(PlxPex8700, TdoOnGpio10AndUnconnectedPins) {
+TEST_F(PlxPex8700, TdoOnGpio10) {
     bar.poke(0x604, 0x4);
     XilIntf* intf = pex8700();
     intf->select("mubarplusUplinkScd");
@@ -216,13 +187,6 @@ TEST_F(PlxPex8700, TdoOnGpio10AndUnconnectedPins) {
     bar.poke(0x61C, ~0x400u);
     EXPECT_FALSE(intf->tdo());
     EXPECT_THAT(bar.log(), ElementsAre("R32 0x61c=0x400", "R32 0x61c=0xfffffbff"));
-
-    XilIntf* idle = new PlxPex8700Intf(0, 0, 0, 4, 0, 0, "0_4_0_jtag");  // no pins assigned yet
-    idle->tdiIs(true);
-    idle->tmsIs(true);
-    idle->tckIs(true);
-    EXPECT_FALSE(idle->tdo());
-    EXPECT_TRUE(board.hams["/sys/bus/pci/devices/0000:04:00.0/resource0"].log().empty());
 }
 
 // Bits 4..0 of 0x354 name the 4 KB block that holds the GPIO registers.
@@ -239,10 +203,6 @@ TEST_F(PlxPex8700, RelocatedBlock) {
     expected.write(0x3a38, 0x4).rmw(0x3a48, {0x0, 0x400, 0x600}).read(0x3a44, 0x40);
     expected.rmw(0x3a34, {0x24800000, 0x4800000, 0x4000000, 0x0}).write(0x3a38, 0x0);
     EXPECT_THAT(bar.log(), ElementsAreArray(expected));
-}
-
-TEST_F(PlxPex8700, UnknownFpga) {
-    EXPECT_EXIT(pex8700()->select("rotanSeret"), ::testing::ExitedWithCode(1), "^Unknown fpga: rotanSeret\n$");
 }
 
 TEST_F(PlxPex8700, PinOutOfRangeStopsAtItsAssertion) {

@@ -60,10 +60,6 @@ struct Recorder : StubIntf {
     }
 };
 
-std::string le(uint32_t v) {
-    return {static_cast<char>(v), static_cast<char>(v >> 8), static_cast<char>(v >> 16), static_cast<char>(v >> 24)};
-}
-
 uint32_t leAt(const std::string& s, size_t at) {
     uint32_t v = 0;
     for (int i = 3; i >= 0; --i) v = v << 8 | static_cast<uint8_t>(s[at + i]);
@@ -203,14 +199,10 @@ TEST_F(Xvc, PartialNamesTheCommandUnderWay) {
         const char* partial;
     } cases[] = {
         {"", nullptr},
-        {"g", "a command name"},
         {"shift", "a command name"},
-        {"shift:", "shift"},
         {"shift:\x08\x00"s, "shift"},
-        {"shift:" + le(8), "shift"},
         {"shift:" + le(8) + "\xff", "shift"},
         {"shift:" + le(8) + "\xff\xff", nullptr},
-        {"settck:", "settck"},
         {"settck:\x10", "settck"},
     };
     for (const auto& c : cases) {

@@ -27,6 +27,7 @@
 #include <thread>
 #include <vector>
 
+#include "TestSupport.h"
 #include "serve/KelvornServe.h"
 #include "sim/Board.h"
 
@@ -156,10 +157,6 @@ std::string receive(int fd, size_t count = SIZE_MAX) {
 // Whether the server has closed: the next read sees the end, not a byte.
 bool closedByServer(int fd) { return receive(fd).empty(); }
 
-std::string le(uint32_t v) {
-    return {static_cast<char>(v), static_cast<char>(v >> 8), static_cast<char>(v >> 16), static_cast<char>(v >> 24)};
-}
-
 // The IDCODE scan as TMS levels: Test-Logic-Reset, then Run-Test/Idle,
 // Select-DR-Scan, Capture-DR and Shift-DR, then 64 bits of shifting. TDO
 // before edge i, for i from kScanLead, is bit i - kScanLead of the chain.
@@ -234,6 +231,9 @@ std::vector<std::string> serverLines(const std::string& log) {
 
 const char kReleased[] = "TCK=z TMS=z TDI=z";
 
+// Clients one after another; one more while a client is served is refused
+// and the served one goes on; a stop signal ends the served one's
+// connection, releasing its pins, before the server.
 TEST(ServeSocket, RemoteBitbangClientsOneAfterAnother) {
     Server server({});
     int a = connectTo(server.port());
@@ -249,13 +249,17 @@ TEST(ServeSocket, RemoteBitbangClientsOneAfterAnother) {
     std::string peerB = peerOf(b);
     ::close(b);
 
-    int c = connectTo(server.port());  // served as the first was; goes without Q
-    EXPECT_THAT(idcodesOverBitbang(c), ElementsAre(kIdcodes[0], kIdcodes[1]));
-    std::string peerC = peerOf(c);
-    ::close(c);
+    int c = connectTo(server.port());
+    sendAll(c, "R");
+    EXPECT_EQ(receive(c, 1), "1");  // being served
+    int d = connectTo(server.port());
+    EXPECT_TRUE(closedByServer(d));
+    ASSERT_TRUE(server.waitFor("refused"));
+    EXPECT_THAT(idcodesOverBitbang(c), ElementsAre(kIdcodes[0], kIdcodes[1]));  // its pins left driven
 
-    ASSERT_TRUE(server.waitFor(" done: ", 3));
+    ASSERT_TRUE(server.waitFor(" done: ", 2));
     EXPECT_EQ(server.stop(SIGTERM), 0);
+    EXPECT_TRUE(closedByServer(c));
     std::string log = server.log();
     EXPECT_THAT(pinsAtEachEnd(log), ElementsAre(kReleased, kReleased, kReleased));
     size_t scanBytes = bitbangScan().size();
@@ -266,9 +270,12 @@ TEST(ServeSocket, RemoteBitbangClientsOneAfterAnother) {
                                 " bytes in, 73 bytes out, 73 TCK cycles, T s",
                             "kelvorn-serve: " + peerB + ": unknown remote_bitbang symbol 'x'",
                             "kelvorn-serve: " + peerB + " done: 5 bytes in, 1 bytes out, 0 TCK cycles, T s",
-                            "kelvorn-serve: " + peerC + " done: " + std::to_string(scanBytes) +
-                                " bytes in, 73 bytes out, 73 TCK cycles, T s",
+                            "kelvorn-serve: refused " + peerOf(d) + ": serving " + peerOf(c),
+                            "kelvorn-serve: " + peerOf(c) + " done: " + std::to_string(scanBytes + 1) +
+                                " bytes in, 74 bytes out, 73 TCK cycles, T s",
                             "kelvorn-serve: stopped by SIGTERM"));
+    ::close(c);
+    ::close(d);
 }
 
 TEST(ServeSocket, XvcRefusalsEndOnlyTheirOwnConnection) {
@@ -298,11 +305,12 @@ TEST(ServeSocket, XvcRefusalsEndOnlyTheirOwnConnection) {
     ::close(fd);
     fd = client("getinfo:");
     EXPECT_EQ(receive(fd, 18), "xvcServer_v1.0:16\n");
-    EXPECT_THAT(idcodesOverXvc(fd), ElementsAre(kIdcodes[0], kIdcodes[1]));
-    ::close(fd);
+    EXPECT_THAT(idcodesOverXvc(fd), ElementsAre(kIdcodes[0], kIdcodes[1]));  // stays connected
 
-    ASSERT_TRUE(server.waitFor(" done: ", 5));
+    ASSERT_TRUE(server.waitFor(" done: ", 4));
     EXPECT_EQ(server.stop(SIGINT), 0);
+    EXPECT_TRUE(closedByServer(fd));
+    ::close(fd);
     std::string log = server.log();
     EXPECT_THAT(pinsAtEachEnd(log), ElementsAre(kReleased, kReleased, kReleased, kReleased, kReleased));
     std::string p = "kelvorn-serve: ";
@@ -356,7 +364,7 @@ std::string randomXvc(std::mt19937& draw) {
 }
 
 void tenThousandRandomClients(const std::vector<std::string>& options, std::string (*random)(std::mt19937&),
-                              std::vector<uint32_t> (*idcodes)(int)) {
+                              std::vector<uint32_t> (*idcodes)(int), int stopSignal) {
     constexpr int kClients = 10000;
     Server server(options);
     std::mt19937 draw(20240611);
@@ -371,61 +379,20 @@ void tenThousandRandomClients(const std::vector<std::string>& options, std::stri
     EXPECT_THAT(idcodes(fd), ElementsAre(kIdcodes[0], kIdcodes[1]));
     ::close(fd);
     ASSERT_TRUE(server.waitFor(" done: ", kClients + 1));
-    EXPECT_EQ(server.stop(SIGTERM), 0);
+    EXPECT_EQ(server.stop(stopSignal), 0);
     std::string log = server.log();
     std::vector<std::string> ends = pinsAtEachEnd(log);
     EXPECT_THAT(ends, SizeIs(kClients + 1));
     EXPECT_THAT(ends, Each(kReleased));
-    EXPECT_THAT(serverLines(log).back(), "kelvorn-serve: stopped by SIGTERM");
+    EXPECT_EQ(serverLines(log).back(), std::string("kelvorn-serve: stopped by SIG") + sigabbrev_np(stopSignal));
 }
 
 TEST(ServeSocket, TenThousandRandomRemoteBitbangClients) {
-    tenThousandRandomClients({}, randomBitbang, idcodesOverBitbang);
+    tenThousandRandomClients({}, randomBitbang, idcodesOverBitbang, SIGTERM);
 }
 
 TEST(ServeSocket, TenThousandRandomXvcClients) {
-    tenThousandRandomClients({"--protocol", "xvc", "--max-vector", "16"}, randomXvc, idcodesOverXvc);
-}
-
-TEST(ServeSocket, ASecondClientIsRefusedAndTheFirstGoesOn) {
-    Server server({});
-    int first = connectTo(server.port());
-    sendAll(first, "R");
-    EXPECT_EQ(receive(first, 1), "1");  // being served
-    int second = connectTo(server.port());
-    EXPECT_TRUE(closedByServer(second));
-    ASSERT_TRUE(server.waitFor("refused"));
-    EXPECT_THAT(idcodesOverBitbang(first), ElementsAre(kIdcodes[0], kIdcodes[1]));
-    sendAll(first, "Q");
-    EXPECT_TRUE(closedByServer(first));
-    ASSERT_TRUE(server.waitFor(" done: "));
-    EXPECT_EQ(server.stop(SIGHUP), 0);
-    std::string log = server.log();
-    EXPECT_THAT(pinsAtEachEnd(log), ElementsAre(kReleased));
-    EXPECT_THAT(serverLines(log), ElementsAre(HasSubstr("listening on"),
-                                              "kelvorn-serve: refused " + peerOf(second) + ": serving " + peerOf(first),
-                                              ContainsRegex(peerOf(first) + " done: .* 73 TCK cycles"),
-                                              "kelvorn-serve: stopped by SIGHUP"));
-    ::close(first);
-    ::close(second);
-}
-
-TEST(ServeSocket, EachStopSignalReleasesTheClientsPinsAndExitsZero) {
-    for (int sig : {SIGTERM, SIGINT, SIGHUP}) {
-        Server server({});
-        int fd = connectTo(server.port());
-        sendAll(fd, "2R6R");  // TMS high, a rising edge: pins driven
-        EXPECT_EQ(receive(fd, 2), "11");
-        EXPECT_EQ(server.stop(sig), 0) << strsignal(sig);
-        EXPECT_TRUE(closedByServer(fd));
-        std::string log = server.log();
-        EXPECT_THAT(pinsAtEachEnd(log), ElementsAre(kReleased)) << strsignal(sig);
-        std::vector<std::string> lines = serverLines(log);
-        ASSERT_THAT(lines, SizeIs(3));
-        EXPECT_EQ(lines[1], "kelvorn-serve: " + peerOf(fd) + " done: 4 bytes in, 2 bytes out, 1 TCK cycles, T s");
-        EXPECT_THAT(lines[2], HasSubstr("stopped by SIG"));
-        ::close(fd);
-    }
+    tenThousandRandomClients({"--protocol", "xvc", "--max-vector", "16"}, randomXvc, idcodesOverXvc, SIGHUP);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The simulated scan chain at the pins: the TAP controller's states for a
 // known TMS stream, instruction capture and update, IDCODE after reset,
-// the BYPASS delay, devices in series, and when TDO changes.
+// the BYPASS delay, and when TDO changes. (Devices in series, through the
+// JTAG layer: jtag_test.)
 #include <gtest/gtest.h>
 
 #include "sim/JtagChain.h"
@@ -88,18 +89,4 @@ TEST(SimChain, IdcodeIrCaptureAndBypassForAllOnesAndUnknownCodes) {
         pins.tms({1, 1, 1, 1, 1, 0, 1, 0, 0});  // Test-Logic-Reset selects IDCODE again
         EXPECT_EQ(pins.shift(32), 0x0a5c7035u) << instruction;
     }
-}
-
-TEST(SimChain, DevicesInSeriesNearestTdoFirst) {
-    JtagChain chain({{0x0a5c7035, 8}, {0x1b4d2093, 6}});
-    Pins pins{chain};
-    pins.tms({0, 1, 0, 0});  // Shift-DR
-    EXPECT_EQ(pins.shift(64), 0x1b4d2093'0a5c7035ULL);
-    pins.tms({1, 1, 1, 1, 0, 0});  // Shift-IR: 8 + 6 bits, each capturing ...01
-    EXPECT_EQ(pins.shift(14, 0x3fff), 0x01u | 0x01u << 8);
-    pins.cycle(true, true);
-    pins.tms({1, 1, 0, 0});  // Update-IR, Select-DR, Capture-DR, Shift-DR: both in BYPASS
-    EXPECT_EQ(chain.instruction(0), 0xffu);
-    EXPECT_EQ(chain.instruction(1), 0x3fu);
-    EXPECT_EQ(pins.shift(10, 0x155), (0x155u << 2) & 0x3ff);  // two bits of delay
 }

@@ -1,12 +1,9 @@
 // The vectors that program the simulated device: the exact SVF text and
 // XSVF bytes for a two-row image on a device between two others (worked out
-// by hand below), and both files played into a chain by small interpreters
-// of just the commands they use: enough cycles program and verify the
-// image, a cycle too few leaves the memory as it was and the verify fails.
+// by hand below), and both files played into a chain by the player: enough
+// cycles program and verify the image, a cycle too few leaves the memory as
+// it was and the verify fails.
 #include <gtest/gtest.h>
-
-#include <map>
-#include <sstream>
 
 #include "ChainIntf.h"
 #include "TestSupport.h"
@@ -32,108 +29,27 @@ std::vector<BitVector> rowsOf(std::initializer_list<uint8_t> bytes) {
     return imageRows(image, 12);
 }
 
-// Plays the SVF subset the generator writes; returns the scans whose TDO did not match.
-int playSvf(jtag::Tap& tap, const std::string& svf) {
-    std::istringstream in(svf);
-    std::map<std::string, BitVector> pad;  // HIR, TIR, HDR, TDR
-    int mismatches = 0;
-    for (std::string statement; std::getline(in, statement, ';');) {
-        std::istringstream words(statement);
-        std::string cmd, word;
-        words >> cmd;
-        while (cmd[0] == '!') std::getline(words, cmd), words >> cmd;  // comment lines
-        if (cmd == "RUNTEST") {
-            uint64_t n;
-            words >> n >> word;
-            EXPECT_EQ(word, "TCK");
-            tap.idle(n);
-            continue;
-        }
-        if (cmd == "STATE") {
-            words >> word;
-            word == "RESET" ? tap.reset() : tap.moveTo(jtag::TapState::RunTestIdle);
-            continue;
-        }
-        if (cmd == "ENDIR" || cmd == "ENDDR") continue;  // IDLE: Tap scans end there
-        size_t bits;
-        words >> bits;
-        std::map<std::string, BitVector> values;
-        while (words >> word) {
-            std::string hex;
-            words >> hex;
-            EXPECT_TRUE(BitVector::fromHex(hex.substr(1, hex.size() - 2), bits, &values[word])) << statement;
-        }
-        if (cmd != "SIR" && cmd != "SDR") {
-            pad[cmd] = values.count("TDI") ? values["TDI"] : BitVector(bits);
-            continue;
-        }
-        bool ir = cmd == "SIR";
-        BitVector all = pad[ir ? "HIR" : "HDR"];
-        all.append(values["TDI"]);
-        all.append(pad[ir ? "TIR" : "TDR"]);
-        BitVector out = ir ? tap.shiftIr(all) : tap.shiftDr(all);
-        if (values.count("TDO")) {
-            BitVector got;
-            got.append(out, pad[ir ? "HIR" : "HDR"].size(), bits);
-            mismatches += !got.matches(values["TDO"], values["MASK"]);
-        }
-    }
-    return mismatches;
-}
-
-// Plays the XSVF subset the generator writes; returns the scans whose TDO did not match.
-int playXsvf(jtag::Tap& tap, const std::vector<uint8_t>& x) {
-    size_t at = 0;
-    auto number = [&](int bytes) {
-        uint32_t v = 0;
-        while (bytes--) v = v << 8 | x.at(at++);
-        return v;
-    };
-    auto bits = [&](size_t n) {
-        BitVector v(n);
-        for (size_t i = (n + 7) / 8; i-- > 0;) v.data()[i] = x.at(at++);
-        return v;
-    };
-    uint32_t runtest = 0, size = 0;
-    BitVector mask, expected;
-    int mismatches = 0;
-    for (;;) {
-        uint8_t cmd = x.at(at++);
-        if (cmd == 0x00) break;
-        if (cmd == 0x07 || cmd == 0x13 || cmd == 0x14) {
-            EXPECT_EQ(x.at(at++), 0) << "at " << at;  // no retries; scans end in Run-Test/Idle
-        } else if (cmd == 0x12) {
-            x.at(at++) == 0 ? tap.reset() : tap.moveTo(jtag::TapState::RunTestIdle);
-        } else if (cmd == 0x04) {
-            runtest = number(4);
-        } else if (cmd == 0x08) {
-            size = number(4);
-        } else if (cmd == 0x01) {
-            mask = bits(size);
-        } else if (cmd == 0x02 || cmd == 0x15) {
-            tap.shiftIr(bits(number(cmd == 0x02 ? 1 : 2)));
-            tap.idle(runtest);
-        } else {
-            if (cmd != 0x03 && cmd != 0x09) {
-                ADD_FAILURE() << "command " << int(cmd);
-                return -1;
-            }
-            BitVector tdi = bits(size);
-            if (cmd == 0x09) expected = bits(size);
-            mismatches += !tap.shiftDr(tdi).matches(expected, mask);
-            tap.idle(runtest);
-        }
-    }
-    EXPECT_EQ(at, x.size());
-    return mismatches;
-}
-
 class SimVectors : public ::testing::Test {
   protected:
+    // Plays a file as kelvorn-play does, a TCK cycle a microsecond (so that
+    // an XSVF wait of n microseconds is n cycles); the scans whose TDO did
+    // not match.
+    uint64_t play(const std::string& file, bool xsvf = false) {
+        MemoryReader r(file, xsvf);
+        ChainClock clock(intf);
+        clock.nsPerCycle = 1000;
+        jtag::Player player(&tap, clock);
+        player.start();
+        for (jtag::Action a; r->next(&a);) player.play(a);
+        return player.stats().mismatches;
+    }
+    uint64_t play(const std::vector<uint8_t>& xsvf) { return play(std::string(xsvf.begin(), xsvf.end()), true); }
+    uint64_t row(size_t r) const { return chain.programmable(1)->memory().value(r * 12, 12); }
+
     FakeBoard board;
     JtagChain chain{kChain};
-    jtag::Tap tap{new ChainIntf("0_1_0_jtag", &chain)};
-    uint64_t row(size_t r) const { return chain.programmable(1)->memory().value(r * 12, 12); }
+    ChainIntf* intf = new ChainIntf("0_1_0_jtag", &chain);
+    jtag::Tap tap{intf};
 };
 
 }  // namespace
@@ -180,27 +96,21 @@ TEST(SimVectorsText, XsvfOfATwoRowImage) {
     EXPECT_EQ(std::vector<uint8_t>(wide.begin() + 15, wide.begin() + 18), (std::vector<uint8_t>{0x15, 0x01, 0x20}));
 }
 
-TEST_F(SimVectors, SvfAndXsvfProgramAndVerifyTheImageWithEnoughCycles) {
+// A cycle too few leaves the memory as it was and the verify fails; enough
+// program and verify the image, from either file.
+TEST_F(SimVectors, EnoughCyclesProgramTheImageAndOneTooFewLeavesTheMemoryAsItWas) {
     std::vector<BitVector> rows = rowsOf({0x21, 0x43, 0x65});
-    EXPECT_EQ(playSvf(tap, svfFor(targetOf(), rows)), 0);
+    EXPECT_EQ(play(svfFor(targetOf(30, 9), rows)), 2);  // both rows stay erased
+    EXPECT_EQ(row(0), 0xfffu);
+    EXPECT_EQ(play(xsvfFor(targetOf(30, 9), rows)), 2);
+    EXPECT_EQ(row(1), 0xfffu);
+    EXPECT_EQ(play(xsvfFor(targetOf(), rows)), 0);
     EXPECT_EQ(row(0), 0x321u);
     EXPECT_EQ(row(1), 0x654u);
-    // The XSVF file erases first, then programs another image over it.
-    EXPECT_EQ(playXsvf(tap, xsvfFor(targetOf(), rowsOf({0xba, 0xdc, 0xfe}))), 0);
-    EXPECT_EQ(row(0), 0xcbau);
-    EXPECT_EQ(row(1), 0xfedu);
-}
-
-TEST_F(SimVectors, OneCycleTooFewLeavesTheMemoryAsItWasAndTheVerifyFails) {
-    std::vector<BitVector> rows = rowsOf({0x21, 0x43, 0x65});
-    EXPECT_EQ(playSvf(tap, svfFor(targetOf(30, 9), rows)), 2);  // both rows stay erased
-    EXPECT_EQ(row(0), 0xfffu);
-    EXPECT_EQ(playXsvf(tap, xsvfFor(targetOf(30, 9), rows)), 2);
-    EXPECT_EQ(row(1), 0xfffu);
-    EXPECT_EQ(playXsvf(tap, xsvfFor(targetOf(), rows)), 0);
-    // Without its full erase the next image lands on the old one: 0xcba AND 0x321, 0xfed AND 0x654.
+    // Without its full erase the next image, programmed from SVF, lands on the
+    // old one: 0xcba AND 0x321, 0xfed AND 0x654.
     rows = rowsOf({0xba, 0xdc, 0xfe});
-    EXPECT_EQ(playSvf(tap, svfFor(targetOf(29, 10), rows)), 2);
+    EXPECT_EQ(play(svfFor(targetOf(29, 10), rows)), 2);
     EXPECT_EQ(row(0), 0x020u);
     EXPECT_EQ(row(1), 0x644u);
 }

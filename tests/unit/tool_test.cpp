@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <initializer_list>
 #include <string>
 #include <vector>
@@ -47,68 +48,48 @@ class Tool : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(Tool, NoArgumentsPrintsUsage) {
-    ToolRun r = run({});
-    EXPECT_EQ(r.status, -4);
-    EXPECT_EQ(r.out, std::string("Kelvorn\nmissing argument\n") + kUsage);
-    EXPECT_TRUE(calls.empty());
-}
-
-TEST_F(Tool, PciAddressNeedsAllFourFields) {
-    ToolRun r = run({"fpga", "0000:00:14", "tck", "1"});
-    EXPECT_EQ(r.status, -2);
-    EXPECT_EQ(r.out, "Kelvorn\ninternal error parsing pciAddr\n");
-    EXPECT_TRUE(calls.empty());  // no backend asked
-}
-
-TEST_F(Tool, WideFieldsKeepTheirLowBitsAndTrailingTextIsIgnored) {
-    run({"fpga", "10:1ff:3.2junk", "tdo"});
-    EXPECT_EQ(calls[1], "new fpga 0 0 16_255_3_jtag fn 2");
-}
-
-TEST_F(Tool, UnknownDeviceName) {
-    ToolRun r = run({"nosuch", "0000:00:14.0", "tck", "1"});
-    EXPECT_EQ(r.status, -3);
-    EXPECT_EQ(r.out, "Kelvorn\ninternal error setting up interfaces\n");
-}
-
-TEST_F(Tool, SetCommandHoldsTenSecondsThenCleansUp) {
-    ToolRun r = run({"fpga", "0000:00:14.0", "tck", "1"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "Kelvorn\n");
-    EXPECT_THAT(calls, ElementsAre("manages fpga fpga", "new fpga 0 0 0_0_20_jtag fn 0", "select fpga", "warningIs 0",
-                                   "tckIs 1", "cleanup fpga"));
-    EXPECT_THAT(board.eventsStartingWith("sleep"), ElementsAre("sleep 10"));
-}
-
-TEST_F(Tool, SetValuesAreDecimalAndAnyNonZeroIsHigh) {
-    EXPECT_EQ(run({"fpga", "0000:00:14.0", "tms", "256"}).status, 256);  // the shell sees 0
-    EXPECT_EQ(calls[4], "tmsIs 1");
-    calls.clear();
-    EXPECT_EQ(run({"fpga", "0000:00:15.0", "tdi", "abc"}).status, 0);  // another device: its own lock
-    EXPECT_EQ(calls[4], "tdiIs 0");
-}
-
-TEST_F(Tool, TdoPrintsTheLevelAndIgnoresAFourthArgument) {
-    ToolRun r = run({"fpga", "0000:00:14.0", "tdo", "7"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "Kelvorn\ntdo result is 1\n");
-    EXPECT_THAT(calls, ElementsAre("manages fpga fpga", "new fpga 0 0 0_0_20_jtag fn 0", "select fpga", "warningIs 0",
-                                   "tdo", "cleanup fpga"));
-    EXPECT_TRUE(board.eventsStartingWith("sleep").empty());
-}
-
-TEST_F(Tool, CommandsAreCaseSensitiveAndCleanedUp) {
-    ToolRun r = run({"fpga", "0000:00:14.0", "TCK", "1"});
-    EXPECT_EQ(r.status, -1);
-    EXPECT_EQ(r.out, std::string("Kelvorn\nnot understood: TCK\n") + kUsage);
-    EXPECT_EQ(calls.back(), "cleanup fpga");
-}
-
-TEST_F(Tool, SetCommandWithoutValue) {
-    ToolRun r = run({"fpga", "0000:00:14.0", "tdi"});
-    EXPECT_EQ(r.status, -5);
-    EXPECT_EQ(r.out, std::string("Kelvorn\nmissing argument\n") + kUsage);
-    EXPECT_THAT(calls, ElementsAre("manages fpga fpga", "new fpga 0 0 0_0_20_jtag fn 0", "select fpga", "warningIs 0",
-                                   "cleanup fpga"));
+// Each command line: the status kelvornMain returns (the shell sees it
+// modulo 256), what it prints, every call on the interface in order, and
+// whether it holds its pin for ten seconds.
+TEST_F(Tool, StatusOutputAndCallsOfEachCommandLine) {
+    auto opened = [](std::initializer_list<const char*> then) {
+        std::vector<std::string> c{"manages fpga fpga", "new fpga 0 0 0_0_20_jtag fn 0", "select fpga", "warningIs 0"};
+        c.insert(c.end(), then.begin(), then.end());
+        return c;
+    };
+    const struct {
+        std::initializer_list<const char*> args;
+        int status;
+        std::string out;
+        std::vector<std::string> calls;
+        bool holds;
+    } cases[] = {
+        {{}, -4, std::string("Kelvorn\nmissing argument\n") + kUsage, {}, false},
+        {{"fpga", "0000:00:14", "tck", "1"}, -2, "Kelvorn\ninternal error parsing pciAddr\n", {}, false},
+        {{"nosuch", "0000:00:14.0", "tck", "1"}, -3, "Kelvorn\ninternal error setting up interfaces\n",
+         {"manages fpga nosuch"}, false},
+        {{"fpga", "0000:00:14.0", "tck", "1"}, 1, "Kelvorn\n", opened({"tckIs 1", "cleanup fpga"}), true},
+        {{"fpga", "0000:00:14.0", "tdo", "7"}, 1, "Kelvorn\ntdo result is 1\n", opened({"tdo", "cleanup fpga"}), false},
+        {{"fpga", "0000:00:14.0", "TCK", "1"}, -1, std::string("Kelvorn\nnot understood: TCK\n") + kUsage,
+         opened({"cleanup fpga"}), false},
+        {{"fpga", "0000:00:14.0", "tdi"}, -5, std::string("Kelvorn\nmissing argument\n") + kUsage,
+         opened({"cleanup fpga"}), false},
+        // A value in decimal (a leading 0 is not octal), any non-zero high (the shell sees 256 as 0), text 0.
+        {{"fpga", "0000:00:14.0", "tms", "0256"}, 256, "Kelvorn\n", opened({"tmsIs 1", "cleanup fpga"}), true},
+        {{"fpga", "0000:00:14.0", "tdi", "abc"}, 0, "Kelvorn\n", opened({"tdiIs 0", "cleanup fpga"}), true},
+        // Wide address fields keep their low bits; text after the function is ignored.
+        {{"fpga", "10:1ff:3.2junk", "tdo"}, 1, "Kelvorn\ntdo result is 1\n",
+         {"manages fpga fpga", "new fpga 0 0 16_255_3_jtag fn 2", "select fpga", "warningIs 0", "tdo", "cleanup fpga"},
+         false},
+    };
+    for (const auto& c : cases) {
+        calls.clear();
+        board.events.clear();
+        std::remove((board.lockDir + "/0_0_20_jtag").c_str());  // each run a process of its own
+        ToolRun r = run(c.args);
+        EXPECT_EQ(r.status, c.status) << r.out;
+        EXPECT_EQ(r.out, c.out);
+        EXPECT_EQ(calls, c.calls) << r.out;
+        EXPECT_EQ(board.eventsStartingWith("sleep"), std::vector<std::string>(c.holds, "sleep 10")) << r.out;
+    }
 }

@@ -220,6 +220,20 @@ std::vector<std::string> apart(int width, U32 tck, U32 tms, U32 tdi, U32 tdoReg,
     return std::move(a);
 }
 
+// TCK, TMS and TDI in one output-data register (its offset; their masks;
+// the register's value besides them), TDO in another: the falling edge
+// carries the next cycle's TMS and TDI.
+std::vector<std::string> together(U32 reg, U32 tck, U32 tms, U32 tdi, U32 rest, U32 tdoReg, bool withTdo, U32 tdoValue) {
+    auto levels = [&](int cycle) { return rest | (kTms >> cycle & 1 ? tms : 0) | (kTdi >> cycle & 1 ? tdi : 0); };
+    Accesses a;
+    a.read(reg, rest).write(reg, levels(0));
+    for (int cycle = 0; cycle < 4; ++cycle) {
+        if (withTdo) a.read(tdoReg, tdoValue);
+        a.write(reg, levels(cycle) | tck).write(reg, levels(cycle < 3 ? cycle + 1 : cycle));
+    }
+    return std::move(a);
+}
+
 std::vector<Sequence> sequences() {
     const U32 sb = 0x100;  // SB820 and Kabini control bytes
     return {
@@ -289,40 +303,22 @@ std::vector<Sequence> sequences() {
          [](FakeBoard&) { return made(PlxPex8600Factory().newXilIntf(0, 0, 0, 2, 0, 0), "rotanSeret"); },
          {{0x644, 0x10001}},
          {{0x644, 0x10003}, {0x63C, 0x2000}},
-         Accesses().read(0x644, 0x10001).write(0x644, 0x14001)
-             .write(0x644, 0x1C001).write(0x644, 0x11001).write(0x644, 0x19001).write(0x644, 0x11001)
-             .write(0x644, 0x19001).write(0x644, 0x14001).write(0x644, 0x1C001).write(0x644, 0x14001),
-         Accesses().read(0x644, 0x10003).write(0x644, 0x14003)
-             .read(0x63C, 0x2000).write(0x644, 0x1C003).write(0x644, 0x11003)
-             .read(0x63C, 0x2000).write(0x644, 0x19003).write(0x644, 0x11003)
-             .read(0x63C, 0x2000).write(0x644, 0x19003).write(0x644, 0x14003)
-             .read(0x63C, 0x2000).write(0x644, 0x1C003).write(0x644, 0x14003)},
+         together(0x644, 0x8000, 0x4000, 0x1000, 0x10001, 0x63C, false, 0),
+         together(0x644, 0x8000, 0x4000, 0x1000, 0x10003, 0x63C, true, 0x2000)},
         // One output-data register (0x624): TCK GPIO 9, TMS 8, TDI 7; TDO 6 at 0x61c. GPIO 10 held high.
         {"Pex8700", kResource0,
          [](FakeBoard&) { return made(PlxPex8700Factory().newXilIntf(0, 0, 0, 2, 0, 0), "tilegScd"); },
          {{0x624, 0x80000400}},
          {{0x624, 0x80000401}, {0x61C, 0x40}},
-         Accesses().read(0x624, 0x80000400).write(0x624, 0x80000500)
-             .write(0x624, 0x80000700).write(0x624, 0x80000480).write(0x624, 0x80000680).write(0x624, 0x80000480)
-             .write(0x624, 0x80000680).write(0x624, 0x80000500).write(0x624, 0x80000700).write(0x624, 0x80000500),
-         Accesses().read(0x624, 0x80000401).write(0x624, 0x80000501)
-             .read(0x61C, 0x40).write(0x624, 0x80000701).write(0x624, 0x80000481)
-             .read(0x61C, 0x40).write(0x624, 0x80000681).write(0x624, 0x80000481)
-             .read(0x61C, 0x40).write(0x624, 0x80000681).write(0x624, 0x80000501)
-             .read(0x61C, 0x40).write(0x624, 0x80000701).write(0x624, 0x80000501)},
+         together(0x624, 0x200, 0x100, 0x80, 0x80000400, 0x61C, false, 0),
+         together(0x624, 0x200, 0x100, 0x80, 0x80000401, 0x61C, true, 0x40)},
         // Block 0x10000: output data at 0x10330 (TCK GPIO 0, TMS 1, TDI 2), TDO GPIO 3 at 0x10328.
         {"Pericom", kResource0,
          [](FakeBoard&) { return made(PericomGen3Factory().newXilIntf(0, 0, 0, 2, 0, 0), "togif"); },
          {{0x10330, 0xA0}},
          {{0x10330, 0xA0 | 0x100}, {0x10328, 0x8}},
-         Accesses().read(0x10330, 0xA0).write(0x10330, 0xA2)
-             .write(0x10330, 0xA3).write(0x10330, 0xA4).write(0x10330, 0xA5).write(0x10330, 0xA4)
-             .write(0x10330, 0xA5).write(0x10330, 0xA2).write(0x10330, 0xA3).write(0x10330, 0xA2),
-         Accesses().read(0x10330, 0x1A0).write(0x10330, 0x1A2)
-             .read(0x10328, 0x8).write(0x10330, 0x1A3).write(0x10330, 0x1A4)
-             .read(0x10328, 0x8).write(0x10330, 0x1A5).write(0x10330, 0x1A4)
-             .read(0x10328, 0x8).write(0x10330, 0x1A5).write(0x10330, 0x1A2)
-             .read(0x10328, 0x8).write(0x10330, 0x1A3).write(0x10330, 0x1A2)},
+         together(0x10330, 0x1, 0x2, 0x4, 0xA0, 0x10328, false, 0),
+         together(0x10330, 0x1, 0x2, 0x4, 0x1A0, 0x10328, true, 0x8)},
         // CTRL: TCK SDP0 (bit 18), TDI SDP1 (bit 19); CTRL_EXT: TMS SDP2 (bit 6), TDO SDP3 (bit 7).
         {"Gbe", kResource0,
          [](FakeBoard&) { return made(IntelGbeControllerFactory().newXilIntf(0, 0, 0, 2, 0, 0), "penetScd"); },
@@ -369,3 +365,4 @@ TEST_P(VectorSequence, FourCyclesWithAndWithoutTdo) {
 
 INSTANTIATE_TEST_SUITE_P(EveryBackend, VectorSequence, ::testing::ValuesIn(sequences()),
                          [](const auto& info) { return std::string(info.param.name); });
+

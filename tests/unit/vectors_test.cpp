@@ -6,8 +6,7 @@
 #include <cstdio>
 #include <string>
 
-#include "jtag/Svf.h"
-#include "jtag/Xsvf.h"
+#include "TestSupport.h"
 
 using jtag::Action;
 
@@ -50,21 +49,16 @@ std::string describe(const Action& a) {
 // Every action on its own line, then "(N statements)", or the error as
 // "<kind>@<place> <message>".
 std::string read(bool xsvf, const std::string& text) {
-    FILE* f = fmemopen(const_cast<char*>(text.data()), text.size(), "rb");
-    if (text.empty()) f = std::tmpfile();
-    jtag::SvfReader svf(f);
-    jtag::XsvfReader xs(f);
-    jtag::Reader& r = xsvf ? static_cast<jtag::Reader&>(xs) : svf;
+    MemoryReader r(text, xsvf);
     std::string out;
     Action a;
     try {
-        while (r.next(&a)) out += describe(a) + "\n";
-        out += "(" + std::to_string(r.statements()) + " statements)";
+        while (r->next(&a)) out += describe(a) + "\n";
+        out += "(" + std::to_string(r->statements()) + " statements)";
     } catch (const jtag::FormatError& e) {
         const char* kinds[] = {"unreadable", "syntax", "unsupported"};
         out += std::string(kinds[e.kind]) + "@" + std::to_string(e.place.at) + " " + e.what();
     }
-    std::fclose(f);
     return out;
 }
 
@@ -73,12 +67,6 @@ struct Row {
     std::string file;
     std::string expected;
 };
-
-std::string bytes(std::initializer_list<int> b) {
-    std::string s;
-    for (int c : b) s += static_cast<char>(c);
-    return s;
-}
 
 const Row kRows[] = {
     // TDI, MASK and SMASK carry over at the same length, TDO never; a new length resets MASK and SMASK.
