@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdarg>
 #include <cstdio>
 
 namespace jtag {
@@ -38,10 +39,22 @@ class SystemClock : public Clock {
     }
 };
 
-// Seconds as nanoseconds, rounded up; past what 64 bits hold, the most they hold.
+// Seconds as nanoseconds, rounded up. Only for times the player has
+// checked (at most kMaxWaitSeconds) or that a scan takes at a ceiling of at
+// least kMinHz: both far inside 64 bits.
 uint64_t nanoseconds(double seconds) {
     double ns = std::ceil(seconds * 1e9);
     return ns < 1.8e19 ? static_cast<uint64_t>(ns) : UINT64_MAX;
+}
+
+[[noreturn]] void refuse(const Action& a, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void refuse(const Action& a, const char* format, ...) {
+    char what[256];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(what, sizeof what, format, args);
+    va_end(args);
+    throw FormatError(FormatError::unsupported, a.place, std::string(a.statement) + ": " + what);
 }
 
 }  // namespace
@@ -64,8 +77,18 @@ void Player::paced(Op op) {
     if (now < due) clock_.sleep(due - now);
 }
 
-uint64_t Player::askedNs(uint64_t cycles, uint64_t minNs) const {
-    return std::max(minNs, hz_ ? nanoseconds(cycles / hz_) : 0);
+// Adds the wait a statement asks for to the stats: its minimum time, or its
+// cycles at the ceiling, the longer. Refused when that is longer than a day.
+void Player::countWait(const Action& a, uint64_t cycles, double minSeconds) {
+    if (minSeconds > kMaxWaitSeconds)
+        refuse(a, "a wait of %g s is longer than the %g s (a day) one statement may wait", minSeconds,
+               kMaxWaitSeconds);
+    double atCeiling = hz_ ? cycles / hz_ : 0;
+    if (atCeiling > kMaxWaitSeconds)
+        refuse(a, "%llu TCK cycles at the ceiling of %g Hz take %g s, longer than the %g s (a day) one statement may wait",
+               static_cast<unsigned long long>(cycles), hz_, atCeiling, kMaxWaitSeconds);
+    uint64_t ns = nanoseconds(std::max(minSeconds, atCeiling));
+    stats_.minRunNs = ns > UINT64_MAX - stats_.minRunNs ? UINT64_MAX : stats_.minRunNs + ns;
 }
 
 void Player::start() {
@@ -87,22 +110,27 @@ bool Player::play(const Action& a) {
                 paced([&] { tap_->moveTo(a.path.back()); });
             break;
         case Action::runTest:
-            runTest(a.runState, a.cycles, nanoseconds(a.minSeconds), nanoseconds(a.maxSeconds), a.end, &a);
+            countWait(a, a.cycles, a.minSeconds);
+            runTest(a.runState, a.cycles, nanoseconds(a.minSeconds), a.maxSeconds, a.end, &a);
             break;
-        case Action::frequency: hz_ = a.hz; break;
+        case Action::frequency:
+            if (a.hz != 0 && !(a.hz >= kMinHz))
+                refuse(a, "a ceiling of %g Hz is below the %g Hz this player paces TCK at", a.hz, kMinHz);
+            hz_ = a.hz;
+            break;
     }
     if (tap_) stats_.cycles = tap_->cycles();
     if (onProgress) onProgress();
     return ok;
 }
 
-void Player::runTest(TapState state, uint64_t cycles, uint64_t minNs, uint64_t maxNs, TapState end,
+void Player::runTest(TapState state, uint64_t cycles, uint64_t minNs, double maxSeconds, TapState end,
                      const Action* a) {
-    stats_.minRunNs += askedNs(cycles, minNs);
     if (!tap_) return;
     paced([&] { tap_->moveTo(state); });
-    uint64_t since = minNs || maxNs ? clock_.now() : 0;
-    uint64_t slice = hz_ ? std::max<uint64_t>(1, static_cast<uint64_t>(hz_ / kSlicesPerSecond)) : kFullSpeedSlice;
+    uint64_t since = minNs || maxSeconds ? clock_.now() : 0;
+    uint64_t slice = kFullSpeedSlice;
+    if (hz_) slice = std::max<uint64_t>(1, static_cast<uint64_t>(std::min<double>(hz_ / kSlicesPerSecond, slice)));
     for (uint64_t left = cycles; left > 0;) {
         uint64_t n = std::min(left, slice);
         paced([&] { tap_->stay(state, n); });
@@ -116,13 +144,13 @@ void Player::runTest(TapState state, uint64_t cycles, uint64_t minNs, uint64_t m
         nsPerCycle_ = std::max<uint64_t>(1, (clock_.now() - now) / n);
         if (onProgress) onProgress();
     }
-    if (maxNs) {
+    if (maxSeconds) {
         uint64_t took = clock_.now() - since;
-        if (took > maxNs) {
+        if (took * 1e-9 > maxSeconds) {
             ++stats_.overruns;
             char s[160];
             std::snprintf(s, sizeof s, "stayed %.6f s in %s, longer than its MAXIMUM of %.6f s", took * 1e-9,
-                          stateName(state), maxNs * 1e-9);
+                          stateName(state), maxSeconds);
             warning_ = s;
             if (onOverrun && a) onOverrun(*a);
         }
@@ -131,12 +159,10 @@ void Player::runTest(TapState state, uint64_t cycles, uint64_t minNs, uint64_t m
 }
 
 bool Player::scan(const Action& a) {
+    if (a.waitUs) countWait(a, a.waitUs, a.waitUs * 1e-6);
     ++stats_.scans;
     stats_.bits += a.tdi.size();
-    if (!tap_) {
-        stats_.minRunNs += askedNs(a.waitUs, a.waitUs * 1000);
-        return true;
-    }
+    if (!tap_) return true;
     BitVector* out = a.check ? &tdo_ : nullptr;
     auto shift = [&](TapState end) {
         paced([&] { a.ir ? tap_->shiftIr(a.tdi, out, end) : tap_->shiftDr(a.tdi, out, end); });

@@ -17,6 +17,12 @@
 // ceiling. Within one operation the pins move at the backend's own speed.
 // Without FREQUENCY, or after FREQUENCY with no value, nothing waits.
 //
+// Every timing value is honoured as given or refused (FormatError,
+// unsupported) before anything is played for its statement: a ceiling below
+// kMinHz, and a wait longer than kMaxWaitSeconds (a minimum time, or a run
+// count at the ceiling in force). A MAXIMUM of any size is honoured: it is
+// compared, never converted.
+//
 // The clock and the sleep are a Clock, so tests can run time without waiting.
 #pragma once
 #include <cstdint>
@@ -44,7 +50,8 @@ struct PlayStats {
     uint64_t bits = 0;       // shifted in scans, headers and trailers included
     uint64_t cycles = 0;     // TCK cycles (0 in a dry run)
     uint64_t minRunNs = 0;   // the waits the file asks for: RUNTEST (its count at the
-                             // ceiling, or its minimum time, the longer), XRUNTEST, XWAIT
+                             // ceiling, or its minimum time, the longer), XRUNTEST, XWAIT;
+                             // UINT64_MAX when they add up to more than that
     uint64_t mismatches = 0;
     uint64_t retries = 0;    // XSVF scans tried again after a mismatch
     uint64_t overruns = 0;   // RUNTEST stays that took longer than their MAXIMUM
@@ -52,6 +59,11 @@ struct PlayStats {
 
 class Player {
   public:
+    // The lowest TCK ceiling this player paces at, in Hz.
+    static constexpr double kMinHz = 1;
+    // The longest one statement may ask to wait: a day.
+    static constexpr double kMaxWaitSeconds = 86400;
+
     // tap null: a dry run, which only counts.
     Player(Tap* tap, Clock& clock) : tap_(tap), clock_(clock) {}
 
@@ -80,9 +92,9 @@ class Player {
     template <class Op>
     void paced(Op op);
     bool scan(const Action& a);
-    void runTest(TapState state, uint64_t cycles, uint64_t minNs, uint64_t maxNs, TapState end, const Action* a);
+    void runTest(TapState state, uint64_t cycles, uint64_t minNs, double maxSeconds, TapState end, const Action* a);
     void describeMismatch(const Action& a, unsigned tries);
-    uint64_t askedNs(uint64_t cycles, uint64_t minNs) const;
+    void countWait(const Action& a, uint64_t cycles, double minSeconds);
 
     Tap* tap_;
     Clock& clock_;

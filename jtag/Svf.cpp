@@ -12,8 +12,9 @@ namespace {
 constexpr const char* kParams[] = {"TDI", "TDO", "MASK", "SMASK"};
 enum Param { tdiParam, tdoParam, maskParam, smaskParam };
 
-// A run count past this is no count a file means.
-constexpr double kMaxCount = 9.0e18;
+// The most TCK cycles one RUNTEST may count: more than a day at any rate
+// these pins reach.
+constexpr double kMaxRunCycles = 1e12;
 
 bool isWordChar(int c) {
     return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '.' || c == '+' ||
@@ -271,7 +272,13 @@ void SvfReader::runTest(Action* a) {
     t = token();
     if (t == Token::word && (word_ == "TCK" || word_ == "SCK")) {
         sck = word_ == "SCK";
-        if (first != std::floor(first) || first > kMaxCount) syntax(countLine, "the run count is not a whole number of cycles");
+        if (first != std::floor(first)) syntax(countLine, "the run count is not a whole number of cycles");
+        if (!sck && first > kMaxRunCycles) {
+            char what[128];
+            std::snprintf(what, sizeof what, "RUNTEST: a run count of %g TCK cycles is more than the %g this player clocks",
+                          first, kMaxRunCycles);
+            throw FormatError(FormatError::unsupported, Place{false, countLine}, what);
+        }
         cycles = first;
         t = token();
         if (t == Token::word && isNumber()) {

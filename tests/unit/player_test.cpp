@@ -147,3 +147,42 @@ TEST_F(Player, FrequencyIsACeilingOverEverySliceAndScan) {
     EXPECT_EQ(play("FREQUENCY;\nRUNTEST 5000 TCK;\n"), "");
     EXPECT_TRUE(clock.sleptAt.empty());
 }
+
+// A timing value at the edge of its range is honoured exactly, or refused as
+// unsupported with its statement's place before any of it is played.
+TEST_F(Player, TimingValuesAreHonouredOrRefusedBeforeTheirStatementMoves) {
+    auto refused = [&](const std::string& file, bool xsvf = false) -> std::string {
+        unsigned before = intf->cycles;
+        try {
+            play(file, xsvf);
+        } catch (const jtag::FormatError& e) {
+            EXPECT_EQ(e.kind, jtag::FormatError::unsupported) << e.what();
+            EXPECT_EQ(intf->cycles, before) << "cycles clocked before the refusal of " << e.what();
+            return e.place.in("f") + ": " + e.what();
+        }
+        return "played";
+    };
+    player.start();
+    EXPECT_EQ(refused("FREQUENCY 1E-12 HZ;\n"), "f:1: FREQUENCY: a ceiling of 1e-12 Hz is below the 1 Hz this player paces TCK at");
+    EXPECT_EQ(refused("FREQUENCY 1E-30 HZ;\n"), "f:1: FREQUENCY: a ceiling of 1e-30 Hz is below the 1 Hz this player paces TCK at");
+    EXPECT_EQ(refused("RUNTEST 1E20 SEC;\n"),
+              "f:1: RUNTEST: a wait of 1e+20 s is longer than the 86400 s (a day) one statement may wait");
+    EXPECT_EQ(refused("\nRUNTEST 1E30 TCK;\n"), "f:2: RUNTEST: a run count of 1e+30 TCK cycles is more than the 1e+12 this player clocks");
+    // A day at the lowest ceiling is honoured (on this clock, without waiting); a cycle more is not.
+    EXPECT_EQ(refused("FREQUENCY 1 HZ;\nRUNTEST 86400 TCK;\n"), "played");
+    EXPECT_EQ(refused("FREQUENCY 1 HZ;\nRUNTEST 86401 TCK;\n"),
+              "f:2: RUNTEST: 86401 TCK cycles at the ceiling of 1 Hz take 86401 s, longer than the 86400 s (a day) "
+              "one statement may wait");
+    // A ceiling far above what the pins reach never waits; a MAXIMUM of any size is never exceeded.
+    clock.slept = 0;
+    std::string warned;
+    player.onOverrun = [&](const jtag::Action&) { warned = player.warning(); };
+    EXPECT_EQ(refused("FREQUENCY 1E30 HZ;\nRUNTEST 20000 TCK 1E-6 SEC MAXIMUM 1E30 SEC;\nSDR 32 TDI(0);\n"), "played");
+    EXPECT_EQ(clock.slept, 0u);
+    EXPECT_EQ(warned, "");
+    // XRUNTEST 0xffffffff (71 minutes) is a wait the player keeps, to the microsecond.
+    jtag::Player dry(nullptr, clock);
+    MemoryReader r(bytes({0x04, 0xff, 0xff, 0xff, 0xff, 0x02, 8, 0xff, 0x00}), true);
+    for (jtag::Action a; r->next(&a);) dry.play(a);
+    EXPECT_EQ(dry.stats().minRunNs, 4294967295000u);
+}
