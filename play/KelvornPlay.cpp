@@ -1,6 +1,5 @@
 #include "play/KelvornPlay.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -14,6 +13,7 @@
 #include "jtag/Player.h"
 #include "jtag/Svf.h"
 #include "jtag/Xsvf.h"
+#include "play/PlayInput.h"
 #include "tool/CleanupOnSignal.h"
 #include "xilinx/XilIntfC.h"
 
@@ -25,6 +25,8 @@ constexpr size_t kSniffBytes = 4096;
 // The progress line is redrawn at most this often, and is this wide.
 constexpr uint64_t kRefreshNs = 100000000;
 constexpr int kBarWidth = 24;
+// Why a file that changed since it was checked is not played.
+constexpr const char* kChanged = "changed since it was checked (size or modification time); nothing played";
 // Mismatch lines (with --ignore-tdo) and overrun warnings shown at most; the summary counts the rest.
 constexpr uint64_t kMaxLines = 10;
 
@@ -168,7 +170,7 @@ int kelvornPlayMain(int argc, char** argv) {
         "kelvorn-play"};
     app.add_option("fpga", fpga, "the device name")->required();
     app.add_option("address", address, "the PCI address, dddd:bb:dd.f")->required();
-    app.add_option("file", o.path, "the SVF or XSVF file")->required();
+    app.add_option("file", o.path, "the SVF or XSVF file; - for standard input")->required();
     app.add_option("--format", format, "svf or xsvf (default: XSVF when the file is binary, else SVF)")
         ->check(CLI::IsMember({"auto", "svf", "xsvf"}))
         ->capture_default_str();
@@ -189,20 +191,20 @@ int kelvornPlayMain(int argc, char** argv) {
         std::fprintf(stderr, "kelvorn-play: %s is not a PCI address (dddd:bb:dd.f)\n", address.c_str());
         return kUsage;
     }
-    std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(o.path.c_str(), "rb"), std::fclose);
-    if (!file) {
-        std::fprintf(stderr, "kelvorn-play: %s: cannot read: %s\n", o.path.c_str(), std::strerror(errno));
+    PlayInput input;
+    std::string why;
+    if (!input.open(o.path, &why)) {
+        std::fprintf(stderr, "kelvorn-play: %s: %s\n", o.path.c_str(), why.c_str());
         return kUnreadable;
     }
-    Format fmt = format == "svf" ? Format::svf : format == "xsvf" ? Format::xsvf : sniff(file.get());
-    struct stat st = {};
-    uint64_t size = ::fstat(fileno(file.get()), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
+    Format fmt = format == "svf" ? Format::svf : format == "xsvf" ? Format::xsvf : sniff(input.file());
+    uint64_t size = input.size();
     bool terminal = !o.quiet && ::isatty(2);
 
     // The whole file is read once before any pin moves, so that a file that
     // breaks off or holds a statement this player refuses does not leave a
     // device half programmed.
-    std::unique_ptr<jtag::Reader> check = readerFor(fmt, file.get());
+    std::unique_ptr<jtag::Reader> check = readerFor(fmt, input.file());
     jtag::Player counter(nullptr, jtag::systemClock());
     int status;
     {
@@ -216,6 +218,14 @@ int kelvornPlayMain(int argc, char** argv) {
         return status;
     }
 
+    // The play must be of the bytes that were checked: a file that changed
+    // is refused before the device is reached, and again just before the play.
+    auto changed = [&] {
+        if (input.unchanged()) return false;
+        std::fprintf(stderr, "kelvorn-play: %s: %s\n", o.path.c_str(), kChanged);
+        return true;
+    };
+    if (changed()) return kUnreadable;
     if (testMode) XilIntf_testModeIs(1);
     std::fflush(stdout);  // keep what came before ahead of what the backends print
     XilIntf* intf = XilIntf_bySystem(fpga.c_str(), 0, 0, domain, bus, device, function);
@@ -227,8 +237,9 @@ int kelvornPlayMain(int argc, char** argv) {
     XilIntf_select(intf, fpga.c_str());
     std::fflush(stdout);
     CleanupOnSignal guard(intf, fpga.c_str());
-    std::rewind(file.get());
-    std::unique_ptr<jtag::Reader> reader = readerFor(fmt, file.get());
+    input.rewind();
+    if (changed()) return kUnreadable;  // the guard releases the pins
+    std::unique_ptr<jtag::Reader> reader = readerFor(fmt, input.file());
     jtag::Tap tap(intf);
     jtag::Player player(&tap, jtag::systemClock());
     uint64_t start = jtag::systemClock().now();

@@ -10,9 +10,9 @@
 // SIGHUP, SIGQUIT) does so after the clean-up, so the shell sees 128 + n.
 constexpr int kPlayed = 0;       // played (or checked) to the end, every TDO as expected
 constexpr int kUsage = 2;        // options or arguments not understood, or no PCI address
-constexpr int kUnreadable = 3;   // the file cannot be read
+constexpr int kUnreadable = 3;   // the file cannot be read (or kept), or it changed after its check
 constexpr int kSyntax = 4;       // the file is not valid SVF or XSVF
-constexpr int kUnsupported = 5;  // a statement this player cannot carry out
+constexpr int kUnsupported = 5;  // a statement this player cannot carry out, a timing value out of range
 constexpr int kMismatch = 6;     // TDO other than expected (also when --ignore-tdo went on)
 constexpr int kNoBackend = 7;    // no backend serves the device name on this board
 

@@ -3,13 +3,17 @@
 // ends, and the pins released after a mismatch.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "os/Os.h"
 #include "play/KelvornPlay.h"
 #include "sim/Board.h"
 #include "xilinx/XilIntfC.h"
@@ -156,3 +160,31 @@ TEST_F(Play, ALockHeldElsewhereEndsTheRunWithTheLibrarysStatus) {
     };
     EXPECT_EXIT(playLocked(), ::testing::ExitedWithCode(1), "^Lock file is locked by another process.$");
 }
+
+// A regular file that changes between its check and its play (here while
+// the backend is being found, after the check) is refused, and the device
+// is left as it was found: nothing of the file is played. Its size, or its
+// modification time alone.
+class PlayChanged : public Play, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(PlayChanged, AFileChangedAfterItsCheckIsNotPlayed) {
+    std::string path = file("changing.svf", "STATE RESET;\nSIR 14 TDI(3fff);\n");
+    std::function<int(const char*)> shell = Os::hooks().system;
+    Os::hooks().system = [&, shell](const char* command) {
+        if (GetParam()) {
+            struct timespec later[2] = {{0, UTIME_OMIT}, {2000000000, 0}};
+            ::utimensat(AT_FDCWD, path.c_str(), later, 0);
+        } else {
+            std::ofstream(path, std::ios::app) << "SIR 14 TDI(0);\n";
+        }
+        return shell(command);
+    };
+    Outcome r = run({"--quiet", "fodak", "0000:00:14.0", path});
+    Os::hooks().system = shell;
+    EXPECT_EQ(r.status, kUnreadable);
+    EXPECT_EQ(r.err, "kelvorn-play: " + path + ": changed since it was checked (size or modification time); nothing played\n");
+    EXPECT_EQ(board_.chain().instruction(0), sim::kIdcodeInstruction);  // the SIR never ran
+    EXPECT_EQ(board_.pins(), kReleased);
+}
+
+INSTANTIATE_TEST_SUITE_P(SizeOrTime, PlayChanged, ::testing::Bool());
