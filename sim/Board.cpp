@@ -1,15 +1,18 @@
 #include "sim/Board.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
 #include "os/FakeShell.h"
 #include "os/Os.h"
+#include "os/SignalGate.h"
 
 namespace sim {
 
@@ -29,6 +32,44 @@ Board*& installedBoard() {
 
 void finishInstalled() {
     if (Board* b = installedBoard()) b->finish();
+}
+
+// The signals that end a run from a terminal or a supervisor. The records
+// of a run (VCD, memory, stats) are written when one of them ends it too:
+// after the tool's own clean-up of the pins, which hands the signal on to
+// this handler, so the clean-up is in the VCD.
+constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+constexpr size_t kEndingCount = sizeof kEndingSignals / sizeof kEndingSignals[0];
+struct sigaction beforeBoard[kEndingCount];
+bool handledByBoard[kEndingCount];
+
+void finishOnSignal(int sig) {
+    if (Os::deferSignal(sig)) return;  // raised again between two register accesses
+    finishInstalled();
+    struct sigaction dfl = {};
+    dfl.sa_handler = SIG_DFL;
+    sigemptyset(&dfl.sa_mask);
+    sigaction(sig, &dfl, nullptr);
+    raise(sig);  // the end of the process by it, once this handler returns
+}
+
+void handleEndingSignals() {
+    struct sigaction act = {};
+    act.sa_handler = finishOnSignal;
+    sigemptyset(&act.sa_mask);
+    for (int sig : kEndingSignals) sigaddset(&act.sa_mask, sig);
+    for (size_t i = 0; i < kEndingCount; ++i) {
+        sigaction(kEndingSignals[i], nullptr, &beforeBoard[i]);
+        // A signal the process was started to ignore (nohup) stays ignored.
+        handledByBoard[i] = beforeBoard[i].sa_handler != SIG_IGN;
+        if (handledByBoard[i]) sigaction(kEndingSignals[i], &act, nullptr);
+    }
+}
+
+void restoreEndingSignals() {
+    for (size_t i = 0; i < kEndingCount; ++i)
+        if (handledByBoard[i]) sigaction(kEndingSignals[i], &beforeBoard[i], nullptr);
+    std::fill(std::begin(handledByBoard), std::end(handledByBoard), false);
 }
 
 // Lock files are nameless files in the temporary directory, so nothing is
@@ -99,7 +140,10 @@ Board::Board(BoardConfig config) : config_(std::move(config)), chain_(config_.ch
 
 Board::~Board() {
     finish();
-    if (installedBoard() == this) installedBoard() = nullptr;
+    if (installedBoard() == this) {
+        installedBoard() = nullptr;
+        restoreEndingSignals();
+    }
     Ham::providerIs({});
     Os::resetHooks();
 }
@@ -114,6 +158,7 @@ void Board::install() {
     installedBoard() = this;
     static bool registered = false;
     if (!registered) registered = std::atexit(finishInstalled) == 0;
+    handleEndingSignals();
     if (!config_.vcd.empty()) {
         if (FILE* f = std::fopen(config_.vcd.c_str(), "w"))
             vcd_ = std::make_unique<VcdWriter>(f);

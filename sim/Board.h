@@ -54,9 +54,11 @@ class Board {
 
     void install();
     // Once, when the run ends: closes the VCD file, writes the memory dump
-    // and the stats line. The destructor calls it, and so does exit() while
-    // the board is installed, so a run that the module ends with exit()
-    // leaves the same as one that returns.
+    // and the stats line. The destructor calls it, and so do exit() and
+    // SIGINT, SIGTERM, SIGHUP and SIGQUIT while the board is installed (the
+    // signals after any clean-up of the tool's own, between two register
+    // accesses), so a run that the module or a signal ends leaves the same
+    // records as one that returns.
     void finish();
 
     const BoardConfig& config() const { return config_; }

@@ -1,5 +1,7 @@
 #include "sim/ChipModel.h"
 
+#include "os/SignalGate.h"
+
 namespace sim {
 
 namespace {
@@ -44,12 +46,14 @@ U32 ChipModel::seen(U32 offset, int width) const {
 }
 
 U32 ChipModel::read(U32 offset, int width) {
+    Os::GateHold hold;  // a signal's handler waits for the end of the access
     U32 v = seen(offset, width);
     if (onAccess) onAccess({'R', width, offset, v, v});
     return v;
 }
 
 void ChipModel::write(U32 offset, U32 value, int width) {
+    Os::GateHold hold;
     U32 before = seen(offset, width);
     poke(offset, value, width);
     if (onAccess) onAccess({'W', width, offset, value, before});

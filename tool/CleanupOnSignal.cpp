@@ -4,6 +4,8 @@
 
 #include <cstddef>
 
+#include "os/SignalGate.h"
+
 namespace {
 
 constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
@@ -23,15 +25,15 @@ sigset_t guardedSet() {
 }
 
 void onSignal(int sig) {
+    if (Os::deferSignal(sig)) return;  // raised again between two accesses
     if (!cleanedUp) {
         cleanedUp = 1;
         XilIntf_cleanup(guardedIntf, guardedDevice);
     }
-    // The default action, once the handler returns and the signal is unblocked.
-    struct sigaction dfl = {};
-    dfl.sa_handler = SIG_DFL;
-    sigemptyset(&dfl.sa_mask);
-    sigaction(sig, &dfl, nullptr);
+    // What the signal did before the guard (the default action: the end of
+    // the process), once the handler returns and the signal is unblocked.
+    for (size_t i = 0; i < kCount; ++i)
+        if (kSignals[i] == sig) sigaction(sig, &previous[i], nullptr);
     raise(sig);
 }
 

@@ -2,8 +2,9 @@
 // a terminal or a supervisor (SIGINT, SIGTERM, SIGHUP, SIGQUIT) must not
 // leave TCK, TMS, TDI and the routing pins driven. A CleanupOnSignal, made
 // once XilIntf_select has run, installs handlers that run the backend's
-// clean-up once and then end the process by the same signal, so the shell
-// still sees 128 + n. cleanup() runs it the normal way instead, with those
+// clean-up once and then give the signal to what handled it before (by
+// default: the end of the process by that signal, so the shell still sees
+// 128 + n). cleanup() runs it the normal way instead, with those
 // signals held off until it is done, and puts the old handlers back; a
 // signal that came meanwhile then ends the process as it would have.
 //

@@ -1,4 +1,5 @@
 #include "os/Os.h"
+#include "os/SignalGate.h"
 
 #include <cpuid.h>
 #include <fcntl.h>
@@ -38,5 +39,14 @@ Hooks& hooks() {
 }
 
 void resetHooks() { hooks() = realHooks(); }
+
+}  // namespace Os
+
+namespace Os {
+
+SignalGate& signalGate() {
+    static SignalGate gate;
+    return gate;
+}
 
 }  // namespace Os
