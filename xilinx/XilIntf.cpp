@@ -31,19 +31,25 @@ XilIntf::XilIntf(const char* lockName) {
         file = testLockFile;
         XTRACE(1, "Using test lock file " << file << " instead");
     }
+    // errno is kept from the failed call: flushing stdout first may fail
+    // too (a full disk, a closed pipe) and set errno of its own.
     int fd = Os::creat(file, 0400);
     if (fd < 0) {
+        int error = errno;
         std::fflush(stdout);
+        errno = error;
         std::perror("Failed to create lock file");
         std::exit(1);
     }
     // The descriptor stays open for the life of the process: that is the lock.
     if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        int error = errno;
         std::fflush(stdout);
-        if (errno == EWOULDBLOCK) {
+        if (error == EWOULDBLOCK) {
             std::fwrite(kLockedMessage, 1, sizeof kLockedMessage - 1, stderr);
             std::exit(1);
         }
+        errno = error;
         std::perror("Error locking lock file");
         std::exit(1);
     }
