@@ -18,6 +18,12 @@ using ::testing::ElementsAre;
 
 // ---- lock file (its name: the registry's and the tool's tests) ----
 
+// Standard output on /dev/full, with a line waiting in its buffer.
+void onFullDisk() {
+    if (!std::freopen("/dev/full", "w", stdout)) std::abort();
+    std::printf("waiting to be written\n");
+}
+
 TEST(Lock, TakenOnVarLockBeforeAnyWindow) {
     FakeBoard board;
     struct WindowIntf : StubIntf {
@@ -42,6 +48,10 @@ TEST(Lock, SecondInterfaceForTheSameDeviceIsRefused) {
     new StubIntf("0_0_21_jtag", &calls);  // another device: its own lock
     EXPECT_EXIT(new StubIntf("0_0_20_jtag", &calls), ::testing::ExitedWithCode(1),
                 "^Lock file is locked by another process\\.$");
+    // The same with stdout on a full disk and something waiting to go there:
+    // the flush before the message fails, and the message still names the lock.
+    EXPECT_EXIT((onFullDisk(), new StubIntf("0_0_20_jtag", &calls)), ::testing::ExitedWithCode(1),
+                "^Lock file is locked by another process\\.$");
 }
 
 TEST(Lock, StaleLockFileDoesNotBlock) {
@@ -61,6 +71,8 @@ TEST(Lock, CreationFailureNamesTheSystemError) {
     };
     std::vector<std::string> calls;
     EXPECT_EXIT(new StubIntf("0_0_20_jtag", &calls), ::testing::ExitedWithCode(1),
+                "^Failed to create lock file: Permission denied\n$");
+    EXPECT_EXIT((onFullDisk(), new StubIntf("0_0_20_jtag", &calls)), ::testing::ExitedWithCode(1),
                 "^Failed to create lock file: Permission denied\n$");
 }
 
