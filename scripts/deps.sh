@@ -2,10 +2,11 @@
 # Installs what building and testing need, from Debian's packages, when it is
 # missing. Needs root (apt-get).
 set -euo pipefail
-# clang: the Clang build; pkg-config, dpkg-dev (dpkg-shlibdeps) and file
+# clang: the Clang build; libclang-rt-14-dev: its sanitizer and libFuzzer
+# runtimes (the fuzz stage); pkg-config, dpkg-dev (dpkg-shlibdeps) and file
 # (CPack's look at the binaries): the install and package test; openocd and
 # openfpgaloader: clients of the servers in the tests.
-pkgs=(cmake ninja-build g++ clang libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev util-linux
+pkgs=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev util-linux
       pkg-config dpkg-dev file openocd openfpgaloader)
 missing=()
 for p in "${pkgs[@]}"; do
