@@ -168,6 +168,7 @@ int kelvornPlayMain(int argc, char** argv) {
         "refused (lock held, unknown device); 2 usage; 3 file cannot be read; 4 syntax error;\n"
         "5 unsupported statement; 6 TDO mismatch; 7 no backend serves the name on this board.",
         "kelvorn-play"};
+    app.set_version_flag("--version", "kelvorn-play " KELVORN_VERSION);
     app.add_option("fpga", fpga, "the device name")->required();
     app.add_option("address", address, "the PCI address, dddd:bb:dd.f")->required();
     app.add_option("file", o.path, "the SVF or XSVF file; - for standard input")->required();

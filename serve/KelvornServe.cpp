@@ -318,6 +318,7 @@ bool parseOptions(int argc, char** argv, Options* o, int* status) {
         "connected. SIGINT, SIGTERM and SIGHUP stop the server (status 0).\n\n"
         "  kelvorn-serve [options] <fpga> <pci address>\n",
         "kelvorn-serve"};
+    app.set_version_flag("--version", "kelvorn-serve " KELVORN_VERSION);
     std::string listen;
     app.add_option("fpga", o->fpga, "the device name")->required();
     app.add_option("address", o->pciAddress, "the PCI address, dddd:bb:dd.f")

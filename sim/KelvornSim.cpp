@@ -49,6 +49,7 @@ int main(int argc, char** argv) {
         "  kelvorn-sim [options] play [play options] <fpga> <pci address> <file>\n"
         "      kelvorn-play itself, on the simulated board (kelvorn-sim play --help)\n",
         "kelvorn-sim"};
+    app.set_version_flag("--version", "kelvorn-sim " KELVORN_VERSION);
     app.add_option("--platform", config.platform,
                    "the board's platform: the kernel command line holds platform=NAME (default: no platform word)");
     app.add_option("--cpu", cpu, "the processor's CPUID family and model, in C notation")

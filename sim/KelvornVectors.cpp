@@ -53,6 +53,7 @@ int main(int argc, char** argv) {
         "in BYPASS. Exit status: 0 written; 1 the image cannot be read, is empty or does not fit the memory,\n"
         "or a file cannot be written.\n",
         "kelvorn-vectors"};
+    app.set_version_flag("--version", "kelvorn-vectors " KELVORN_VERSION);
     app.add_option("--chain", chainText,
                    "the chain, nearest TDO first: IDCODE:IRLEN[:mem=ROWSxBITS[:erase=CYCLES][:program=CYCLES]][,...]")
         ->required()

@@ -29,7 +29,14 @@ $libdir/libxilinx.a
 $libdir/libxilinx.so -> libxilinx.so.1
 $libdir/libxilinx.so.1 -> libxilinx.so.1.0.0
 $libdir/libxilinx.so.1.0.0
-$libdir/pkgconfig/kelvorn.pc" "installed library files"
+$libdir/pkgconfig/kelvorn.pc
+share/bash-completion/completions/kelvorn
+share/bash-completion/completions/kelvorn-play
+share/bash-completion/completions/kelvorn-serve
+share/man/man1/kelvorn-play.1.gz
+share/man/man1/kelvorn-serve.1.gz
+share/man/man1/kelvorn.1.gz
+share/man/man3/libxilinx.3.gz" "installed library, manual pages and completion"
 # Tools come from kelvorn_install_tool(); never the simulator, tests or benchmarks.
 expect_eq "$(ls "$stage/bin" | paste -sd' ')" "kelvorn kelvorn-play kelvorn-serve" "installed tools"
 

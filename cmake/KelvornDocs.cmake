@@ -1,0 +1,42 @@
+# Manual pages and shell completion.
+#
+# Each page has one source, docs/man/<page>.md, which go-md2man turns into
+# build/man/<page> at build time (the version filled in); it is installed
+# gzipped (gzip -9n, as Debian wants): section 1, one page per installed
+# program, with the programs; section 3, the C API, with the header.
+# tests/man_test.sh keeps each page's options in step with its program's
+# --help. The bash completion, docs/completion/kelvorn, is one script for
+# every program, installed under each installed program's name, since
+# bash-completion loads a command's completion by the command's name.
+find_program(GO_MD2MAN go-md2man)
+if(NOT GO_MD2MAN)
+  message(FATAL_ERROR "go-md2man makes the manual pages: install it (scripts/deps.sh does)")
+endif()
+
+set(KELVORN_PROGRAMS kelvorn kelvorn-play kelvorn-serve)
+set(KELVORN_MAN_PAGES kelvorn.1 kelvorn-play.1 kelvorn-serve.1 libxilinx.3)
+set(man_outputs)
+foreach(page ${KELVORN_MAN_PAGES})
+  set(src ${CMAKE_SOURCE_DIR}/docs/man/${page}.md)
+  set(out ${CMAKE_BINARY_DIR}/man/${page})
+  add_custom_command(
+    OUTPUT ${out} ${out}.gz
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/man
+    COMMAND sh -c "sed 's/@VERSION@/${PROJECT_VERSION}/' '${src}' | '${GO_MD2MAN}' -out '${out}' && gzip -9n -c '${out}' >'${out}.gz'"
+    DEPENDS ${src}
+    COMMENT "Manual page ${page}"
+    VERBATIM)
+  list(APPEND man_outputs ${out} ${out}.gz)
+  string(REGEX REPLACE ".*\\." "" section ${page})
+  set(component programs)
+  if(section STREQUAL 3)
+    set(component dev)
+  endif()
+  install(FILES ${out}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${component})
+endforeach()
+add_custom_target(man ALL DEPENDS ${man_outputs})
+
+foreach(program ${KELVORN_PROGRAMS})
+  install(FILES ${CMAKE_SOURCE_DIR}/docs/completion/kelvorn
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${program} COMPONENT programs)
+endforeach()
