@@ -44,7 +44,7 @@ const ProgDevice* JtagChain::firstProgrammable() const {
 void JtagChain::Device::capture() {
     if (instruction == kLoopbackInstruction) return;  // keeps what the last scan left
     BitVector& bits = dr.reload();
-    if (instruction == kIdcodeInstruction)
+    if (instruction == kIdcodeInstruction && desc.idcode != kNoIdcode)
         bits = BitVector::fromValue(desc.idcode, kIdcodeBits);
     else if (memorySelected())
         prog->capture(instruction, &bits);

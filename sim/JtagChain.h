@@ -17,8 +17,12 @@
 
 namespace sim {
 
+// A device's IDCODE when it has no identification register: Test-Logic-Reset
+// then selects BYPASS.
+constexpr uint32_t kNoIdcode = 0;
+
 struct DeviceDesc {
-    uint32_t idcode;
+    uint32_t idcode;  // kNoIdcode: none
     unsigned irLength;  // 2 to 32; at least kProgIrMinLength with memory
     MemoryDesc memory = {};
 };

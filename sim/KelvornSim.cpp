@@ -57,7 +57,7 @@ int main(int argc, char** argv) {
         ->check([&](const std::string& s) { return sim::parseCpu(s, &config.family, &config.model); });
     app.add_option("--chain", chain,
                    "the devices on the chain, nearest TDO first, each IDCODE:IRLEN[:mem=ROWSxBITS[:erase=CYCLES]"
-                   "[:program=CYCLES]]: mem= makes it programmable, ROWS rows of BITS bits, erased and "
+                   "[:program=CYCLES]] (IDCODE none: a device without one): mem= makes it programmable, ROWS rows of BITS bits, erased and "
                    "programmed in the TCK cycles given (default 1000 and 100) in Run-Test/Idle")
         ->capture_default_str()
         ->check([&](const std::string& s) { return sim::parseChain(s, &config.chain); });

@@ -48,10 +48,12 @@ std::string parseMemoryField(const std::string& field, MemoryDesc* m, std::set<s
 
 std::string parseDevice(const std::string& item, DeviceDesc* d) {
     std::vector<std::string> fields = split(item, ':');
-    unsigned long id, len;
-    if (fields.size() < 2 || !parseNumber(fields[0], 0xffffffffUL, &id) || !parseNumber(fields[1], kMaxIrLength, &len))
+    unsigned long id = kNoIdcode, len;
+    bool none = !fields.empty() && fields[0] == "none";
+    if (fields.size() < 2 || (!none && !parseNumber(fields[0], 0xffffffffUL, &id)) ||
+        !parseNumber(fields[1], kMaxIrLength, &len))
         return kChainForm;
-    if (!(id & 1) || id == 0xffffffffUL) return "an IDCODE has bit 0 set and is not all ones: " + item;
+    if (!none && (!(id & 1) || id == 0xffffffffUL)) return "an IDCODE has bit 0 set and is not all ones: " + item;
     if (len < 2) return "an instruction register has at least 2 bits: " + item;
     *d = {static_cast<uint32_t>(id), static_cast<unsigned>(len)};
     std::set<std::string> seen;
@@ -111,7 +113,10 @@ std::string chainText(const std::vector<DeviceDesc>& chain) {
     std::string s;
     char buf[96];
     for (const DeviceDesc& d : chain) {
-        std::snprintf(buf, sizeof buf, "%s0x%08x:%u", s.empty() ? "" : ",", d.idcode, d.irLength);
+        if (d.idcode == kNoIdcode)
+            std::snprintf(buf, sizeof buf, "%snone:%u", s.empty() ? "" : ",", d.irLength);
+        else
+            std::snprintf(buf, sizeof buf, "%s0x%08x:%u", s.empty() ? "" : ",", d.idcode, d.irLength);
         s += buf;
         const MemoryDesc& m = d.memory;
         if (!m.rows) continue;
