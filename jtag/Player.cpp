@@ -17,6 +17,9 @@ namespace {
 constexpr uint64_t kFullSpeedSlice = 1 << 16;
 constexpr double kSlicesPerSecond = 100;
 
+// A TCK ceiling from this rate up is never reached by a register access.
+constexpr double kNoWaitHz = 1e9;
+
 // How a mismatch of a long scan is shown: this many bits around the first difference.
 constexpr size_t kWindowBits = 64;
 
@@ -64,17 +67,11 @@ Clock& systemClock() {
     return clock;
 }
 
-template <class Op>
-void Player::paced(Op op) {
-    if (hz_ == 0) {
-        op();
-        return;
-    }
-    uint64_t start = clock_.now(), before = tap_->cycles();
-    op();
-    uint64_t due = start + nanoseconds((tap_->cycles() - before) / hz_);
-    uint64_t now = clock_.now();
-    if (now < due) clock_.sleep(due - now);
+void Player::ceilingIs(double fileHz) {
+    hz_ = cap_ && (!fileHz || fileHz > cap_) ? cap_ : fileHz;
+    // The period in ns, rounded up: at least kMinHz, so at most a second.
+    // A ceiling of a GHz and more is past any pin: nothing waits for it.
+    if (tap_) tap_->ceilingIs(hz_ && hz_ < kNoWaitHz ? static_cast<uint32_t>(std::ceil(1e9 / hz_)) : 0);
 }
 
 // Adds the wait a statement asks for to the stats: its minimum time, or its
@@ -91,9 +88,13 @@ void Player::countWait(const Action& a, uint64_t cycles, double minSeconds) {
     stats_.minRunNs = ns > UINT64_MAX - stats_.minRunNs ? UINT64_MAX : stats_.minRunNs + ns;
 }
 
-void Player::start() {
-    if (tap_) paced([&] { tap_->reset(); });
-    if (tap_) stats_.cycles = tap_->cycles();
+void Player::start(double resetHz) {
+    ceilingIs(resetHz);
+    if (tap_) {
+        tap_->reset();
+        stats_.cycles = tap_->cycles();
+    }
+    ceilingIs(0);
 }
 
 bool Player::play(const Action& a) {
@@ -103,11 +104,11 @@ bool Player::play(const Action& a) {
         case Action::state:
             if (!tap_) break;
             if (a.stepwise)
-                paced([&] { tap_->walkTo(a.path.data(), a.path.size()); });
+                tap_->walkTo(a.path.data(), a.path.size());
             else if (a.path.back() == TapState::TestLogicReset)
-                paced([&] { tap_->reset(); });
+                tap_->reset();
             else
-                paced([&] { tap_->moveTo(a.path.back()); });
+                tap_->moveTo(a.path.back());
             break;
         case Action::runTest:
             countWait(a, a.cycles, a.minSeconds);
@@ -116,7 +117,8 @@ bool Player::play(const Action& a) {
         case Action::frequency:
             if (a.hz != 0 && !(a.hz >= kMinHz))
                 refuse(a, "a ceiling of %g Hz is below the %g Hz this player paces TCK at", a.hz, kMinHz);
-            hz_ = a.hz;
+            ceilingIs(a.hz);
+            if (a.hz && (!stats_.lowestHz || a.hz < stats_.lowestHz)) stats_.lowestHz = a.hz;
             break;
     }
     if (tap_) stats_.cycles = tap_->cycles();
@@ -127,20 +129,20 @@ bool Player::play(const Action& a) {
 void Player::runTest(TapState state, uint64_t cycles, uint64_t minNs, double maxSeconds, TapState end,
                      const Action* a) {
     if (!tap_) return;
-    paced([&] { tap_->moveTo(state); });
+    tap_->moveTo(state);
     uint64_t since = minNs || maxSeconds ? clock_.now() : 0;
     uint64_t slice = kFullSpeedSlice;
     if (hz_) slice = std::max<uint64_t>(1, static_cast<uint64_t>(std::min<double>(hz_ / kSlicesPerSecond, slice)));
     for (uint64_t left = cycles; left > 0;) {
         uint64_t n = std::min(left, slice);
-        paced([&] { tap_->stay(state, n); });
+        tap_->stay(state, n);
         left -= n;
         if (onProgress) onProgress();
     }
     // Then on, in slices about as long as the time still to go, until it has gone.
     for (uint64_t now; minNs && (now = clock_.now()) - since < minNs;) {
         uint64_t n = std::clamp<uint64_t>((minNs - (now - since)) / nsPerCycle_, 1, slice);
-        paced([&] { tap_->stay(state, n); });
+        tap_->stay(state, n);
         nsPerCycle_ = std::max<uint64_t>(1, (clock_.now() - now) / n);
         if (onProgress) onProgress();
     }
@@ -155,7 +157,7 @@ void Player::runTest(TapState state, uint64_t cycles, uint64_t minNs, double max
             if (onOverrun && a) onOverrun(*a);
         }
     }
-    paced([&] { tap_->moveTo(end); });
+    tap_->moveTo(end);
 }
 
 bool Player::scan(const Action& a) {
@@ -165,7 +167,9 @@ bool Player::scan(const Action& a) {
     if (!tap_) return true;
     BitVector* out = a.check ? &tdo_ : nullptr;
     auto shift = [&](TapState end) {
-        paced([&] { a.ir ? tap_->shiftIr(a.tdi, out, end) : tap_->shiftDr(a.tdi, out, end); });
+        // TDO is read only where the mask compares it.
+        const BitVector* mask = a.check ? &a.mask : nullptr;
+        a.ir ? tap_->shiftIr(a.tdi, out, end, mask) : tap_->shiftDr(a.tdi, out, end, mask);
     };
     auto wait = [&] {
         if (a.waitUs) runTest(TapState::RunTestIdle, a.waitUs, a.waitUs * 1000, 0, TapState::RunTestIdle, nullptr);
@@ -176,7 +180,7 @@ bool Player::scan(const Action& a) {
             shift(TapState::Exit1Dr);
             bool matches = tdo_.matches(a.tdo, a.mask);
             if (matches || tries > a.retries) {
-                paced([&] { tap_->moveTo(a.end); });
+                tap_->moveTo(a.end);
                 if (!matches) {
                     describeMismatch(a, tries);
                     return false;
@@ -185,7 +189,7 @@ bool Player::scan(const Action& a) {
                 return true;
             }
             ++stats_.retries;
-            paced([&] { tap_->walkTo(kRetryPath, sizeof kRetryPath / sizeof kRetryPath[0]); });
+            tap_->walkTo(kRetryPath, sizeof kRetryPath / sizeof kRetryPath[0]);
             wait();
         }
     }

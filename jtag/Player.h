@@ -8,14 +8,12 @@
 // XSVF wait of n microseconds clocks at least n cycles and lasts at least
 // n microseconds.
 //
-// FREQUENCY is a ceiling on TCK. Each Tap operation (one scan with the
-// state moves around it, one state move, one slice of a run of at most a
-// hundredth of the ceiling's cycles per second) is followed by a wait, so
-// that from its start to the start of the next operation at least
-// cycles / FREQUENCY seconds pass: the average TCK rate over any operation,
-// and over any run of consecutive operations, stays at or below the
-// ceiling. Within one operation the pins move at the backend's own speed.
-// Without FREQUENCY, or after FREQUENCY with no value, nothing waits.
+// FREQUENCY is a ceiling on TCK that holds on every edge: the Tap's
+// interface is told the period (XilIntf_tckPeriodIs), and no TCK high or
+// low phase is then shorter than half of it; where the register accesses
+// are slower, nothing waits. A cap (kelvorn-play --frequency) lowers every
+// ceiling to it, and stands for one where the file sets none. Without
+// either, or after FREQUENCY with no value, nothing waits.
 //
 // Every timing value is honoured as given or refused (FormatError,
 // unsupported) before anything is played for its statement: a ceiling below
@@ -55,6 +53,7 @@ struct PlayStats {
     uint64_t mismatches = 0;
     uint64_t retries = 0;    // XSVF scans tried again after a mismatch
     uint64_t overruns = 0;   // RUNTEST stays that took longer than their MAXIMUM
+    double lowestHz = 0;     // the lowest ceiling a FREQUENCY set; 0: none
 };
 
 class Player {
@@ -67,9 +66,12 @@ class Player {
     // tap null: a dry run, which only counts.
     Player(Tap* tap, Clock& clock) : tap_(tap), clock_(clock) {}
 
+    // A ceiling on TCK over every FREQUENCY the file sets (0: none), before start().
+    void capIs(double hz) { cap_ = hz; }
     // Five cycles with TMS high: the chain in Test-Logic-Reset, where the
-    // readers start.
-    void start();
+    // readers start; under resetHz as a ceiling when not 0 (the lowest the
+    // file sets: its devices may not take more, even before its FREQUENCY).
+    void start(double resetHz = 0);
     // Carries out one action; false on a TDO mismatch, which mismatch()
     // then describes. The chain is then in the scan's end state.
     bool play(const Action& a);
@@ -89,8 +91,8 @@ class Player {
     std::function<void(const Action&)> onOverrun;
 
   private:
-    template <class Op>
-    void paced(Op op);
+    // The file's ceiling (hz_) under the cap, to the Tap.
+    void ceilingIs(double fileHz);
     bool scan(const Action& a);
     void runTest(TapState state, uint64_t cycles, uint64_t minNs, double maxSeconds, TapState end, const Action* a);
     void describeMismatch(const Action& a, unsigned tries);
@@ -98,7 +100,8 @@ class Player {
 
     Tap* tap_;
     Clock& clock_;
-    double hz_ = 0;
+    double hz_ = 0;   // the ceiling in force, the cap's included; 0: none
+    double cap_ = 0;
     uint64_t nsPerCycle_ = 1000;  // how long a cycle took in the last slice of a run
     BitVector tdo_;
     std::string mismatch_, warning_;

@@ -98,15 +98,19 @@ TapState Tap::appendPath(TapState from, TapState to) {
     return to;
 }
 
-void Tap::run(BitVector* tdo) {
+void Tap::run(BitVector* tdo, const BitVector* wanted) {
     size_t n = tmsScratch_.size();
     if (n == 0) {
         if (tdo) tdo->clear();
         return;
     }
     if (tdo) tdo->resize(n);
-    XilIntf_shift(intf_, static_cast<uint32_t>(n), tmsScratch_.data(), tdiScratch_.data(),
-                  tdo ? tdo->data() : nullptr);
+    if (tdo && wanted)
+        XilIntf_shiftMasked(intf_, static_cast<uint32_t>(n), tmsScratch_.data(), tdiScratch_.data(), tdo->data(),
+                            wanted->data());
+    else
+        XilIntf_shift(intf_, static_cast<uint32_t>(n), tmsScratch_.data(), tdiScratch_.data(),
+                      tdo ? tdo->data() : nullptr);
     state_ = walk(state_, tmsScratch_);
     tdi_ = tdiScratch_[n - 1];
     cycles_ += n;
@@ -187,22 +191,26 @@ void Tap::stay(TapState stable, uint64_t count) {
     run(nullptr);  // the path alone, when count was 0
 }
 
-void Tap::shiftIr(const BitVector& in, BitVector* out, TapState end) { shift(TapState::ShiftIr, in, out, end); }
-void Tap::shiftDr(const BitVector& in, BitVector* out, TapState end) { shift(TapState::ShiftDr, in, out, end); }
+void Tap::shiftIr(const BitVector& in, BitVector* out, TapState end, const BitVector* readMask) {
+    shift(TapState::ShiftIr, in, out, end, readMask);
+}
+void Tap::shiftDr(const BitVector& in, BitVector* out, TapState end, const BitVector* readMask) {
+    shift(TapState::ShiftDr, in, out, end, readMask);
+}
 
 BitVector Tap::shiftIr(const BitVector& in, TapState end) {
     BitVector out;
-    shift(TapState::ShiftIr, in, &out, end);
+    shift(TapState::ShiftIr, in, &out, end, nullptr);
     return out;
 }
 
 BitVector Tap::shiftDr(const BitVector& in, TapState end) {
     BitVector out;
-    shift(TapState::ShiftDr, in, &out, end);
+    shift(TapState::ShiftDr, in, &out, end, nullptr);
     return out;
 }
 
-void Tap::shift(TapState shiftState, const BitVector& in, BitVector* out, TapState end) {
+void Tap::shift(TapState shiftState, const BitVector& in, BitVector* out, TapState end, const BitVector* readMask) {
     if (in.empty()) {
         if (out) out->clear();
         moveTo(end);
@@ -219,7 +227,15 @@ void Tap::shift(TapState shiftState, const BitVector& in, BitVector* out, TapSta
     tdiScratch_.append(in);
     tdi_ = in[in.size() - 1];
     if (!stays) appendPath(nextState(shiftState, true), end);
-    run(out ? &tdoScratch_ : nullptr);
+    const BitVector* wanted = nullptr;
+    if (out && readMask) {
+        // No TDO in the moves around the scan; in it, where the mask says.
+        wantScratch_.assign(lead, false);
+        wantScratch_.append(*readMask, 0, in.size());
+        wantScratch_.resize(tmsScratch_.size(), false);
+        wanted = &wantScratch_;
+    }
+    run(out ? &tdoScratch_ : nullptr, wanted);
     if (out) {
         out->assign(in.size(), false);
         copyBits(tdoScratch_.data(), lead, out->data(), 0, in.size());

@@ -79,19 +79,28 @@ class Tap {
     // with end the shift state itself, it stays there instead, so that the
     // next shift goes on with the same register. Moving there, shifting and
     // moving on are one XilIntf_shift.
-    void shiftIr(const BitVector& in, BitVector* out, TapState end = TapState::RunTestIdle);
-    void shiftDr(const BitVector& in, BitVector* out, TapState end = TapState::RunTestIdle);
+    // With readMask (as long as in), TDO is read only where it has a 1;
+    // out's other bits are 0.
+    void shiftIr(const BitVector& in, BitVector* out, TapState end = TapState::RunTestIdle,
+                 const BitVector* readMask = nullptr);
+    void shiftDr(const BitVector& in, BitVector* out, TapState end = TapState::RunTestIdle,
+                 const BitVector* readMask = nullptr);
     BitVector shiftIr(const BitVector& in, TapState end = TapState::RunTestIdle);
     BitVector shiftDr(const BitVector& in, TapState end = TapState::RunTestIdle);
+
+    // A ceiling on TCK from now on: no high or low phase shorter than half
+    // of periodNs (XilIntf_tckPeriodIs); 0: none.
+    void ceilingIs(uint32_t periodNs) { XilIntf_tckPeriodIs(intf_, periodNs); }
 
     TapState state() const { return state_; }
     // TCK cycles made through this object.
     uint64_t cycles() const { return cycles_; }
 
   private:
-    void shift(TapState shiftState, const BitVector& in, BitVector* out, TapState end);
-    // XilIntf_shift over the scratch vectors; tracks state and TDI.
-    void run(BitVector* tdo);
+    void shift(TapState shiftState, const BitVector& in, BitVector* out, TapState end, const BitVector* readMask);
+    // XilIntf_shift over the scratch vectors (XilIntf_shiftMasked with
+    // wanted); tracks state and TDI.
+    void run(BitVector* tdo, const BitVector* wanted = nullptr);
     // Appends the path from state `from` to `to` to the scratch vectors.
     TapState appendPath(TapState from, TapState to);
 
@@ -99,7 +108,7 @@ class Tap {
     TapState state_ = TapState::TestLogicReset;
     bool tdi_ = true;  // TDI is left where it was while only TMS matters
     uint64_t cycles_ = 0;
-    BitVector tmsScratch_, tdiScratch_, tdoScratch_;  // reused from call to call
+    BitVector tmsScratch_, tdiScratch_, tdoScratch_, wantScratch_;  // reused from call to call
 };
 
 // Resets the chain and reads what its data registers hold right after the

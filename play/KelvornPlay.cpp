@@ -148,6 +148,20 @@ std::string seconds(double s) {
     return t;
 }
 
+// " at 97.6 kHz": the mean TCK rate of the play.
+std::string rate(uint64_t cycles, double seconds) {
+    if (cycles == 0 || seconds <= 0) return "";
+    double hz = cycles / seconds;
+    char r[32];
+    if (hz >= 1e6)
+        std::snprintf(r, sizeof r, " at %.3g MHz", hz * 1e-6);
+    else if (hz >= 1e3)
+        std::snprintf(r, sizeof r, " at %.3g kHz", hz * 1e-3);
+    else
+        std::snprintf(r, sizeof r, " at %.3g Hz", hz);
+    return r;
+}
+
 std::string extras(const jtag::PlayStats& s) {
     std::string e;
     if (s.retries) e += ", " + std::to_string(s.retries) + " retries";
@@ -180,6 +194,11 @@ int kelvornPlayMain(int argc, char** argv) {
     app.add_flag("--ignore-tdo", o.ignoreTdo,
                  "report TDO mismatches and go on to the end (the status still says 6)");
     app.add_flag("--quiet", o.quiet, "no summary, no progress, no warnings");
+    double frequency = 0;
+    app.add_option("--frequency", frequency,
+                   "a ceiling on TCK in Hz, on every edge: for any file, and over the SVF's own FREQUENCY")
+        ->type_name("HZ")
+        ->check(CLI::Range(jtag::Player::kMinHz, 1e12));
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -207,6 +226,7 @@ int kelvornPlayMain(int argc, char** argv) {
     // device half programmed.
     std::unique_ptr<jtag::Reader> check = readerFor(fmt, input.file());
     jtag::Player counter(nullptr, jtag::systemClock());
+    counter.capIs(frequency);
     int status;
     {
         Progress progress(terminal, size);
@@ -243,18 +263,19 @@ int kelvornPlayMain(int argc, char** argv) {
     std::unique_ptr<jtag::Reader> reader = readerFor(fmt, input.file());
     jtag::Tap tap(intf);
     jtag::Player player(&tap, jtag::systemClock());
+    player.capIs(frequency);
     uint64_t start = jtag::systemClock().now();
     {
         Progress progress(terminal, size);
-        player.start();
+        player.start(counter.stats().lowestHz);
         status = playAll(*reader, player, o, progress);
     }
     guard.cleanup();
     double took = (jtag::systemClock().now() - start) * 1e-9;
     if (!o.quiet)
-        std::printf("kelvorn-play: %s: %s, %llu TCK cycles, %s%s\n", o.path.c_str(),
+        std::printf("kelvorn-play: %s: %s, %llu TCK cycles%s, %s%s\n", o.path.c_str(),
                     counts(*reader, player.stats()).c_str(), static_cast<unsigned long long>(player.stats().cycles),
-                    seconds(took).c_str(), extras(player.stats()).c_str());
+                    rate(player.stats().cycles, took).c_str(), seconds(took).c_str(), extras(player.stats()).c_str());
     std::fflush(stdout);
     return status;
 }

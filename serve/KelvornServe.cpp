@@ -10,6 +10,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <cmath>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -200,6 +201,7 @@ class Server {
             ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
         auto start = std::chrono::steady_clock::now();
         XilIntf_select(intf_, o_.fpga.c_str());
+        XilIntf_tckPeriodIs(intf_, o_.ceilingNs());
         std::fflush(stdout);  // what the backend prints stays ahead of the server's lines
         protocol_->begin();
         Stats stats;
@@ -349,6 +351,10 @@ bool parseOptions(int argc, char** argv, Options* o, int* status) {
                    "dropped")
         ->capture_default_str()
         ->check(CLI::Range(1u, kMaxStallSeconds));
+    app.add_option("--frequency", o->frequency,
+                   "a ceiling on TCK in Hz, held on every edge for every client (xvc: settck may ask for slower)")
+        ->type_name("HZ")
+        ->check(CLI::Range(1.0, 1e12));
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -356,6 +362,11 @@ bool parseOptions(int argc, char** argv, Options* o, int* status) {
         return false;
     }
     return true;
+}
+
+uint32_t Options::ceilingNs() const {
+    // At least 1 Hz, so at most a second; a GHz and more is past any pin.
+    return frequency > 0 && frequency < 1e9 ? static_cast<uint32_t>(std::ceil(1e9 / frequency)) : 0;
 }
 
 int run(const Options& o) {
@@ -376,7 +387,7 @@ int run(const Options& o) {
     }
     std::unique_ptr<Protocol> protocol;
     if (o.protocol == kXvc)
-        protocol = std::make_unique<Xvc>(intf, o.maxVector, &stopSignal);
+        protocol = std::make_unique<Xvc>(intf, o.maxVector, &stopSignal, o.ceilingNs());
     else
         protocol = std::make_unique<RemoteBitbang>(intf);
     std::fprintf(stderr, "kelvorn-serve: listening on %s (%s) for %s at %s\n", where.c_str(), o.protocol.c_str(),

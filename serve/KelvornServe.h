@@ -35,6 +35,10 @@ struct Options {
     // How long a client may stop in the middle of a command, or leave the
     // answers unread, before it is dropped.
     unsigned stallSeconds = 10;
+    // A ceiling on TCK for every client, in Hz, held on every edge; 0: none.
+    double frequency = 0;
+    // That ceiling as a period in ns (0: none, or past any pin).
+    uint32_t ceilingNs() const;
 };
 
 // Exit statuses.

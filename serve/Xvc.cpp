@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <thread>
 
 namespace serve {
 
@@ -22,19 +21,13 @@ constexpr char kInfoFormat[] = "xvcServer_v1.0:%u\n";
 constexpr uint32_t kMeasuringBits = 64;
 // Rounds of the accesses a cycle makes that time the full speed before any shift.
 constexpr int kCalibrationRounds = 32;
-// Waits longer than this sleep most of the time, shorter ones spin.
-constexpr auto kSpinLimit = std::chrono::microseconds(200);
+// A shift under a held period goes in pieces of this many bits, so that a
+// stop is seen between them.
+constexpr uint32_t kPacedPieceBits = 1024;
 
 void appendWord(uint32_t v, std::vector<uint8_t>* out) {
     for (int i = 0; i < 4; ++i) out->push_back(static_cast<uint8_t>(v >> (8 * i)));
 }
-
-void waitUntil(Clock::time_point t) {
-    for (Clock::time_point now = Clock::now(); now < t; now = Clock::now())
-        if (t - now > kSpinLimit) std::this_thread::sleep_for(t - now - kSpinLimit / 2);
-}
-
-bool bit(const uint8_t* v, uint32_t i) { return (v[i / 8] >> (i % 8)) & 1; }
 
 uint32_t nanosecondsPer(Clock::duration d, uint32_t count) {
     auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(d).count() / count;
@@ -43,13 +36,14 @@ uint32_t nanosecondsPer(Clock::duration d, uint32_t count) {
 
 }  // namespace
 
-Xvc::Xvc(XilIntf* intf, uint32_t maxVectorBytes, const volatile std::sig_atomic_t* stop)
-    : intf_(intf), maxVector_(maxVectorBytes), stop_(stop), vectors_(2 * size_t{maxVectorBytes}) {}
+Xvc::Xvc(XilIntf* intf, uint32_t maxVectorBytes, const volatile std::sig_atomic_t* stop, uint32_t ceilingNs)
+    : intf_(intf), maxVector_(maxVectorBytes), stop_(stop), ceilingNs_(ceilingNs), vectors_(2 * size_t{maxVectorBytes}) {}
 
 void Xvc::begin() {
     cycles_ = 0;
     period_ = 0;
-    paced_ = false;
+    heldNs_ = ceilingNs_;
+    XilIntf_tckPeriodIs(intf_, heldNs_);
     state_ = State::name;
     nameLength_ = 0;
     word_ = 0;
@@ -92,9 +86,11 @@ Verdict Xvc::feed(const uint8_t* data, size_t n, std::vector<uint8_t>* out) {
             case State::settckPeriod: {
                 uint32_t requested;
                 if (!word(data, n, &i, &requested)) break;
-                uint32_t native = nativePeriod();
-                paced_ = requested > native;
-                period_ = paced_ ? std::min(requested, kSlowestPeriodNs) : native;
+                uint32_t fastest = std::max(nativePeriod(), ceilingNs_);
+                bool slower = requested > fastest;
+                period_ = slower ? std::max(std::min(requested, kSlowestPeriodNs), fastest) : fastest;
+                heldNs_ = slower ? period_ : ceilingNs_;
+                XilIntf_tckPeriodIs(intf_, heldNs_);
                 appendWord(period_, out);
                 state_ = State::name;
                 break;
@@ -154,7 +150,9 @@ uint32_t Xvc::nativePeriod() {
     // What a cycle costs, without a TCK edge: TMS and TDI written low and
     // high (TCK stays low, so no controller moves) and TDO read. The
     // register image is read first, as a shift does.
+    // The accesses at full speed: no ceiling while they are timed.
     static const uint8_t kNoBits = 0;
+    XilIntf_tckPeriodIs(intf_, 0);
     XilIntf_shift(intf_, 0, &kNoBits, &kNoBits, nullptr);
     Clock::time_point start = Clock::now();
     for (int r = 0; r < kCalibrationRounds; ++r) {
@@ -163,6 +161,7 @@ uint32_t Xvc::nativePeriod() {
         (void)XilIntf_tdo(intf_);
     }
     nativeNs_ = nanosecondsPer(Clock::now() - start, kCalibrationRounds);
+    XilIntf_tckPeriodIs(intf_, heldNs_);
     return nativeNs_;
 }
 
@@ -172,38 +171,18 @@ void Xvc::shift(std::vector<uint8_t>* out) {
     const uint8_t* tms = vectors_.data();
     const uint8_t* tdi = tms + vectorBytes_;
     uint8_t* tdo = out->data() + at;
-    if (paced_) {
-        pacedShift(tms, tdi, tdo);
+    if (heldNs_) {
+        for (uint32_t done = 0; done < bits_ && !stopped(); done += kPacedPieceBits) {
+            uint32_t n = std::min(bits_ - done, kPacedPieceBits);
+            XilIntf_shift(intf_, n, tms + done / 8, tdi + done / 8, tdo + done / 8);
+            cycles_ += n;
+        }
         return;
     }
     Clock::time_point start = Clock::now();
     XilIntf_shift(intf_, bits_, tms, tdi, tdo);
     if (bits_ >= kMeasuringBits) nativeNs_ = nanosecondsPer(Clock::now() - start, bits_);
     cycles_ += bits_;
-}
-
-// One edge at a time: TMS and TDI with TCK falling, half a period, TDO
-// sampled, TCK rising, half a period. Each half is timed from just before
-// its edge, so a late edge never shortens the next half.
-void Xvc::pacedShift(const uint8_t* tms, const uint8_t* tdi, uint8_t* tdo) {
-    const auto low = std::chrono::nanoseconds((period_ + 1) / 2);
-    const auto high = std::chrono::nanoseconds(period_ / 2);
-    static const uint8_t kNoBits = 0;
-    XilIntf_shift(intf_, 0, &kNoBits, &kNoBits, nullptr);
-    bool ms = false, di = false;
-    for (uint32_t i = 0; i < bits_ && !stopped(); ++i) {
-        ms = bit(tms, i);
-        di = bit(tdi, i);
-        Clock::time_point edge = Clock::now();
-        XilIntf_pinsIs(intf_, 0, ms, di);
-        waitUntil(edge + low);
-        if (XilIntf_tdo(intf_)) tdo[i / 8] = static_cast<uint8_t>(tdo[i / 8] | 1u << (i % 8));
-        edge = Clock::now();
-        XilIntf_pinsIs(intf_, 1, ms, di);
-        ++cycles_;
-        waitUntil(edge + high);
-    }
-    XilIntf_pinsIs(intf_, 0, ms, di);
 }
 
 }  // namespace serve

@@ -11,13 +11,14 @@
 // advertised maximum is refused on its length alone. Bits of the last
 // byte past the count are ignored on the way in and 0 on the way out.
 //
-// TCK runs as fast as the backend's register accesses allow until the
-// client asks for a slower clock; settck answers the period of that
-// fastest clock (measured on the shifts made so far, and before the first
-// by timing the accesses a cycle makes with TCK held low) or, when the
-// client asks for a longer period, that period, up to kSlowestPeriodNs.
-// Such a clock is made one edge at a time, each half period at least half
-// the period long.
+// TCK runs as fast as the backend's register accesses allow (or the
+// server's own ceiling, --frequency) until the client asks for a slower
+// clock; settck answers the period of that fastest clock (measured on the
+// shifts made so far, and before the first by timing the accesses a cycle
+// makes with TCK held low; no shorter than the server's ceiling) or, when
+// the client asks for a longer period, that period, up to
+// kSlowestPeriodNs. A period longer than the fastest is held on every edge
+// (XilIntf_tckPeriodIs: no high or low phase shorter than half of it).
 #pragma once
 #include <csignal>
 
@@ -33,8 +34,10 @@ class Xvc : public Protocol {
     static constexpr uint32_t kSlowestPeriodNs = 1000000;  // 1 kHz
 
     // stop, when given and set, ends a paced shift early: the server is
-    // going down and its answer will not be sent.
-    Xvc(XilIntf* intf, uint32_t maxVectorBytes, const volatile std::sig_atomic_t* stop = nullptr);
+    // going down and its answer will not be sent. ceilingNs: the server's
+    // own TCK ceiling as a period, 0: none.
+    Xvc(XilIntf* intf, uint32_t maxVectorBytes, const volatile std::sig_atomic_t* stop = nullptr,
+        uint32_t ceilingNs = 0);
 
     void begin() override;
     Verdict feed(const uint8_t* data, size_t n, std::vector<uint8_t>* out) override;
@@ -50,7 +53,6 @@ class Xvc : public Protocol {
     bool word(const uint8_t* data, size_t n, size_t* i, uint32_t* value);
     uint32_t nativePeriod();
     void shift(std::vector<uint8_t>* out);
-    void pacedShift(const uint8_t* tms, const uint8_t* tdi, uint8_t* tdo);
     bool stopped() const { return stop_ && *stop_; }
 
     XilIntf* intf_;
@@ -58,7 +60,8 @@ class Xvc : public Protocol {
     const volatile std::sig_atomic_t* stop_;
     uint32_t nativeNs_ = 0;  // one cycle at full speed, as last measured; 0: not yet
     uint32_t period_ = 0;
-    bool paced_ = false;
+    uint32_t ceilingNs_;     // the server's own
+    uint32_t heldNs_ = 0;    // the period held on every edge now; 0: none
 
     State state_ = State::name;
     char name_[8];

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -161,7 +162,7 @@ void Board::install() {
     handleEndingSignals();
     if (!config_.vcd.empty()) {
         if (FILE* f = std::fopen(config_.vcd.c_str(), "w"))
-            vcd_ = std::make_unique<VcdWriter>(f);
+            vcd_ = std::make_unique<VcdWriter>(f, config_.vcdRealTime ? "1 ns" : "1 us");
         else
             std::fprintf(stderr, "kelvorn-sim: cannot write %s: %s\n", config_.vcd.c_str(), std::strerror(errno));
     }
@@ -321,7 +322,15 @@ std::string Board::pins() const {
 void Board::recordVcd() {
     if (!vcd_) return;
     Snapshot now = snapshot();  // in the order of signals(): TCK, TDI, TMS, TDO
-    vcd_->sample(reads_ + writes_, {now.states[0][0], now.states[2][0], now.states[1][0], now.states[3][0], now.tap});
+    uint64_t time = reads_ + writes_;
+    if (config_.vcdRealTime) {
+        uint64_t ns = static_cast<uint64_t>(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+                .count());
+        if (!vcdStartNs_) vcdStartNs_ = ns;
+        time = ns - vcdStartNs_;
+    }
+    vcd_->sample(time, {now.states[0][0], now.states[2][0], now.states[1][0], now.states[3][0], now.tap});
 }
 
 void Board::accessed(ChipModel& model, const ChipModel::Access& a) {

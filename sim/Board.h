@@ -37,6 +37,7 @@ struct BoardConfig {
     unsigned holdSeconds = 0;  // replaces the tool's ten-second hold
     bool showWrites = false;   // every register write on stderr, with what it did to the pins
     std::string vcd;           // the pins and the TAP state as a Value Change Dump into this file (sim/Vcd.h)
+    bool vcdRealTime = false;  // its time: ns on the monotonic clock since the first sample, not accesses
     // What the run leaves when it ends (Board::finish):
     std::string dumpMemory;  // the memory of the first programmable device, into this file
     bool stats = false;      // "sim stats: reads R writes W tck-cycles C" on stderr
@@ -106,6 +107,7 @@ class Board {
     Snapshot last_;
     uint64_t reads_ = 0, writes_ = 0;
     std::unique_ptr<VcdWriter> vcd_;
+    uint64_t vcdStartNs_ = 0;  // real time: the monotonic clock at the first sample
     bool finished_ = false;
     std::map<std::string, int> locks_;  // lock name -> its nameless file
     unsigned char configSpace_[256] = {};  // every PCI function's configuration space

@@ -71,6 +71,12 @@ int main(int argc, char** argv) {
                    "access")
         ->type_name("FILE")
         ->check(writable);
+    std::string vcdTime = "access";
+    app.add_option("--vcd-time", vcdTime,
+                   "the VCD's time: access, one unit a register access; real, nanoseconds on the monotonic clock since "
+                   "the window opened")
+        ->check(CLI::IsMember({"access", "real"}))
+        ->capture_default_str();
     app.add_option("--dump-memory", config.dumpMemory,
                    "after the run, write the memory of the first programmable device on the chain to FILE, row after "
                    "row, bit 0 first (the bit order of an image)")
@@ -95,6 +101,7 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& e) {
         return app.exit(e);
     }
+    config.vcdRealTime = vcdTime == "real";
 
     serve::Options serveOptions;
     if (serveCommand->parsed()) {
@@ -105,13 +112,14 @@ int main(int argc, char** argv) {
         if (!serve::parseOptions(static_cast<int>(args.size()), args.data(), &serveOptions, &status)) return status;
     }
     // kelvorn-play's arguments: its options, then <fpga> <pci address> <file>. The
-    // device is the first argument that is neither an option nor the value of --format.
+    // device is the first argument that is neither an option nor the value of
+    // one (--format, --frequency).
     std::vector<std::string> playArgs{"kelvorn-play"};
     std::string playDevice;
     if (playCommand->parsed()) {
         for (const std::string& a : playCommand->remaining()) playArgs.push_back(a);
         for (size_t i = 1; i < playArgs.size() && playDevice.empty(); ++i) {
-            if (playArgs[i] == "--format")
+            if (playArgs[i] == "--format" || playArgs[i] == "--frequency")
                 ++i;
             else if (playArgs[i][0] != '-')
                 playDevice = playArgs[i];

@@ -24,8 +24,8 @@ std::string valuesOf(const VcdWriter::Sample& s) {
 
 }  // namespace
 
-VcdWriter::VcdWriter(FILE* out) : out_(out) {
-    std::fputs("$version kelvorn-sim $end\n$timescale 1 us $end\n$scope module jtag $end\n", out_);
+VcdWriter::VcdWriter(FILE* out, const char* timescale) : out_(out) {
+    std::fprintf(out_, "$version kelvorn-sim $end\n$timescale %s $end\n$scope module jtag $end\n", timescale);
     for (const Variable& v : kVariables) std::fprintf(out_, "$var wire 1 %s %s $end\n", v.id, v.name);
     std::fputs("$upscope $end\n$enddefinitions $end\n", out_);
 }

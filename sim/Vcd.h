@@ -1,7 +1,7 @@
 // The JTAG pins of the wired chip and the state of the TAP controller
 // nearest TDO, as a Value Change Dump (the IEEE 1364 VCD format) that
 // GTKWave and PulseView open. One time unit (declared as 1 us) stands for
-// one register access of the wired chip. Every variable is a one-bit wire
+// one register access of the wired chip, or (real time) one nanosecond. Every variable is a one-bit wire
 // in scope "jtag": tck, tms, tdi, tdo, and the state number in bits
 // tap_state[3] to tap_state[0] (jtag::TapState order: 0 Test-Logic-Reset,
 // 1 Run-Test/Idle, ..., 15 Update-IR). The pins read 0, 1, or z when the
@@ -24,8 +24,9 @@ class VcdWriter {
         jtag::TapState tap;
     };
 
-    // Writes the header to out, which it owns from now on.
-    explicit VcdWriter(FILE* out);
+    // Writes the header to out, which it owns from now on; timescale as
+    // VCD writes it ("1 us", "1 ns").
+    explicit VcdWriter(FILE* out, const char* timescale = "1 us");
     ~VcdWriter();  // closes the file
     VcdWriter(const VcdWriter&) = delete;
     VcdWriter& operator=(const VcdWriter&) = delete;

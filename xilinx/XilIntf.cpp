@@ -55,9 +55,9 @@ XilIntf::XilIntf(const char* lockName) {
     }
 }
 
-// One pin at a time: TMS and TDI while TCK is low, TDO before the rising
-// edge, then both edges. Without knowing TCK's level, the first cycle
-// drives it low once.
+// One pin at a time: TMS and TDI while TCK is low, TDO (where wanted)
+// before the rising edge, then both edges, each paced under a ceiling.
+// Without knowing TCK's level, the first cycle drives it low once.
 void XilIntf::shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) {
     if (nbits == 0) return;
     tckIs(false);
@@ -67,22 +67,28 @@ void XilIntf::shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) {
         tmsIs((tms[i / 8] >> bit) & 1);
         tdiIs((tdi[i / 8] >> bit) & 1);
         if (tdoBits) {
-            byte = static_cast<U8>(byte | static_cast<U8>(tdo() ? 1u << bit : 0u));
+            if (vectorControl_.wants(i)) byte = static_cast<U8>(byte | static_cast<U8>(tdo() ? 1u << bit : 0u));
             if (bit == 7 || i + 1 == nbits) {
                 tdoBits[i / 8] = byte;
                 byte = 0;
             }
         }
-        tckIs(true);
-        tckIs(false);
+        pacedTckIs(true);
+        pacedTckIs(false);
     }
 }
 
 void XilIntf::pinsIs(bool tck, bool tms, bool tdi) {
-    if (!tck) tckIs(false);
+    if (!tck) pacedTckIs(false);
     tmsIs(tms);
     tdiIs(tdi);
-    if (tck) tckIs(true);
+    if (tck) pacedTckIs(true);
+}
+
+void XilIntf::pacedTckIs(bool level) {
+    vectorControl_.beforeEdge();
+    tckIs(level);
+    vectorControl_.afterEdge();
 }
 
 void xilLockName(char (&buf)[256], U16 domain, U8 bus, U8 device) {
@@ -154,5 +160,15 @@ void XilIntf_shift(XilIntf* intf, uint32_t nbits, const uint8_t* tms, const uint
     intf->shift(nbits, tms, tdi, tdo);
 }
 void XilIntf_pinsIs(XilIntf* intf, int tck, int tms, int tdi) { intf->pinsIs(tck != 0, tms != 0, tdi != 0); }
+void XilIntf_shiftMasked(XilIntf* intf, uint32_t nbits, const uint8_t* tms, const uint8_t* tdi, uint8_t* tdo,
+                         const uint8_t* tdoWanted) {
+    Hal::VectorControl& c = intf->vectorControl();
+    c.tdoWanted = tdoWanted;
+    intf->shift(nbits, tms, tdi, tdo);
+    c.tdoWanted = nullptr;
+}
+void XilIntf_tckPeriodIs(XilIntf* intf, uint32_t periodNs) {
+    intf->vectorControl().halfPeriodNs = periodNs / 2 + periodNs % 2;
+}
 
 }  // extern "C"

@@ -8,6 +8,7 @@
 // ends, so a second process for the same device is refused.
 #pragma once
 #include "Types.h"
+#include "xilinx/hal/VectorControl.h"
 
 class XilIntf {
   public:
@@ -29,6 +30,9 @@ class XilIntf {
     // a register together and reads only the TDO bits that are wanted.
     virtual void shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits);
     virtual void pinsIs(bool tck, bool tms, bool tdi);
+    // The TCK ceiling and the wanted TDO bits both paths honour
+    // (XilIntf_tckPeriodIs, XilIntf_shiftMasked).
+    Hal::VectorControl& vectorControl() { return vectorControl_; }
 
     // Moves the lock file, and the register file of the backends that
     // honour it, to fixed files under /tmp. Set through XilIntf_testModeIs.
@@ -38,6 +42,10 @@ class XilIntf {
     static constexpr const char* testMemMapFile = "/tmp/xilinxTestMemMapFile";
 
   protected:
+    Hal::VectorControl vectorControl_;
+    // tckIs, waiting first under a ceiling: the base vector operations' edges.
+    void pacedTckIs(bool level);
+
     XilIntf(const XilIntf&) = delete;
     XilIntf& operator=(const XilIntf&) = delete;
     ~XilIntf() = default;  // never called: interfaces live until the process ends

@@ -51,6 +51,18 @@ void XilIntf_shift(XilIntf* intf, uint32_t nbits, const uint8_t* tms, const uint
  * change are not written; when TCK rises, TMS and TDI settle first, when
  * it falls, they change after it. */
 void XilIntf_pinsIs(XilIntf* intf, int tck, int tms, int tdi);
+/* XilIntf_shift that reads TDO only in the cycles whose bit is set in
+ * tdoWanted (laid out as tms); the other bits of tdo are 0. A cycle whose
+ * TDO is not wanted costs no register read. tdoWanted NULL: every cycle's. */
+void XilIntf_shiftMasked(XilIntf* intf, uint32_t nbits, const uint8_t* tms, const uint8_t* tdi, uint8_t* tdo,
+                         const uint8_t* tdoWanted);
+/* A ceiling on TCK for XilIntf_shift, XilIntf_shiftMasked and
+ * XilIntf_pinsIs from now on: no TCK high or low phase shorter than half of
+ * periodNs (rounded up), from the end of one TCK write to the start of the
+ * next, on the monotonic clock. Only where the register accesses are faster
+ * than that is there a wait. 0: no ceiling, nothing waits (the default).
+ * The per-pin functions are never paced. */
+void XilIntf_tckPeriodIs(XilIntf* intf, uint32_t periodNs);
 
 #ifdef __GNUC__
 #pragma GCC visibility pop

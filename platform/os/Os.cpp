@@ -8,8 +8,18 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <ctime>
 
 namespace Os {
+
+// A wait longer than kSleepAbove sleeps until kSpinBelow before its end.
+constexpr uint64_t kSleepAbove = 200000, kSpinBelow = 100000;
+
+static uint64_t monotonic() {
+    timespec t;
+    ::clock_gettime(CLOCK_MONOTONIC, &t);
+    return static_cast<uint64_t>(t.tv_sec) * 1000000000u + static_cast<uint64_t>(t.tv_nsec);
+}
 
 static Hooks realHooks() {
     Hooks h;
@@ -30,6 +40,18 @@ static Hooks realHooks() {
     h.usleep = [](unsigned us) { return ::usleep(us); };
     h.creat = [](const char* p, mode_t m) { return ::creat(p, m); };
     h.fopen = [](const char* p, const char* m) { return std::fopen(p, m); };
+    h.monotonicNs = monotonic;
+    h.waitUntilNs = [](uint64_t deadline) {
+        // Sleeping wakes late by the timer slack (50 us by default), so a
+        // sleep stops short of the deadline by that much and the rest is spun.
+        for (uint64_t now; (now = monotonic()) < deadline;) {
+            if (deadline - now > kSleepAbove) {
+                uint64_t ns = deadline - now - kSpinBelow;
+                timespec t{static_cast<time_t>(ns / 1000000000u), static_cast<long>(ns % 1000000000u)};
+                ::nanosleep(&t, nullptr);
+            }
+        }
+    };
     return h;
 }
 

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <functional>
 
@@ -31,6 +32,10 @@ struct Hooks {
     std::function<int(unsigned microseconds)> usleep;
     std::function<int(const char* path, mode_t mode)> creat;
     std::function<FILE*(const char* path, const char* mode)> fopen;
+    // Nanoseconds on the monotonic clock, and a wait until it reads at
+    // least deadline: the pacing of TCK under a ceiling.
+    std::function<uint64_t()> monotonicNs;
+    std::function<void(uint64_t deadline)> waitUntilNs;
 };
 
 // The hooks in force; assign a member to replace one call.
@@ -50,5 +55,7 @@ inline unsigned sleep(unsigned seconds) { return hooks().sleep(seconds); }
 inline int usleep(unsigned microseconds) { return hooks().usleep(microseconds); }
 inline int creat(const char* path, mode_t mode) { return hooks().creat(path, mode); }
 inline FILE* fopen(const char* path, const char* mode) { return hooks().fopen(path, mode); }
+inline uint64_t monotonicNs() { return hooks().monotonicNs(); }
+inline void waitUntilNs(uint64_t deadline) { hooks().waitUntilNs(deadline); }
 
 }  // namespace Os

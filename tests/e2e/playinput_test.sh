@@ -15,7 +15,9 @@ mkdir -p "$d"
 ln -s /proc/self/fd/0 "$E2E_DIR/dev/stdin"
 cache() { sed -n "s/^$1:[A-Z]*=//p" "$E2E_BUILD/CMakeCache.txt"; }
 # The summary line with the file's name as F and its duration as T.
-summary() { sed -E -e 's/^kelvorn-play: [^:]*: /kelvorn-play: F: /' -e 's/, [0-9]+\.[0-9]+ s(,|$)/, T s\1/' <<<"$1"; }
+summary() {
+  sed -E -e 's/^kelvorn-play: [^:]*: /kelvorn-play: F: /' -e 's/ at [0-9.]+ [kM]?Hz,/,/' -e 's/, [0-9]+\.[0-9]+ s(,|$)/, T s\1/' <<<"$1"
+}
 device=(rotanMotub 0000:04:00.0)  # the PEX 8600
 sim() { e2e_run kelvorn-sim --chain "$chain" "$@"; }
 # A VCD's changes without their times, each run of TCK edges with nothing

@@ -4,9 +4,11 @@
 // edge, TDO optionally stuck or scripted; and a clock for the player that
 // runs only as the chain's TCK cycles and sleeps make it.
 #pragma once
+#include <functional>
 #include <vector>
 
 #include "jtag/Player.h"
+#include "os/Os.h"
 #include "sim/JtagChain.h"
 #include "xilinx/XilIntf.h"
 
@@ -43,12 +45,30 @@ struct ChainIntf : XilIntf {
 
 // Time is what the cycles took, at nsPerCycle each, plus what was slept.
 struct ChainClock : jtag::Clock {
-    explicit ChainClock(const ChainIntf* intf) : intf(intf) {}
+    std::function<uint64_t()> realNow;
+    std::function<void(uint64_t)> realWait;
+    // Also the monotonic clock of the TCK ceiling (Os hooks): its waits
+    // are time slept too, recorded in edgeWaits.
+    explicit ChainClock(const ChainIntf* intf)
+        : realNow(Os::hooks().monotonicNs), realWait(Os::hooks().waitUntilNs), intf(intf) {
+        Os::hooks().monotonicNs = [this] { return now(); };
+        Os::hooks().waitUntilNs = [this](uint64_t deadline) {
+            uint64_t t = now();
+            if (deadline <= t) return;
+            slept += deadline - t;
+            edgeWaits.push_back(deadline - t);
+        };
+    }
+    ~ChainClock() override {
+        Os::hooks().monotonicNs = realNow;
+        Os::hooks().waitUntilNs = realWait;
+    }
     uint64_t now() override { return intf->cycles * nsPerCycle + slept; }
     void sleep(uint64_t ns) override {
         slept += ns;
         sleptAt.push_back(intf->cycles);
     }
+    std::vector<uint64_t> edgeWaits;
     const ChainIntf* intf;
     uint64_t nsPerCycle = 100;
     uint64_t slept = 0;

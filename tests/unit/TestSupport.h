@@ -104,6 +104,7 @@ inline std::string le(uint32_t v) {
 inline std::string bytes(std::initializer_list<int> b) { return std::string(b.begin(), b.end()); }
 
 // A reader of SVF text or XSVF bytes held in memory.
+// Reads file in place: file must outlive the reader.
 class MemoryReader {
   public:
     MemoryReader(const std::string& file, bool xsvf, size_t maxBits = jtag::kMaxScanBits);

@@ -74,9 +74,9 @@ TEST_F(Player, LongScansInSegmentsStayInShiftDr) {
 TEST_F(Player, XrepeatTriesAgainThroughPauseDrAndShiftsOneBitBeforeUpdate) {
     player.start();
     size_t mark = intf->cycles;
-    // Two wrong tries (TDO is read in the moves to Shift-DR too: 4 cycles
-    // from Test-Logic-Reset, 3 from Run-Test/Idle), then the expected 0xa5.
-    intf->script.assign(4 + 8 + 3 + 8 + 3, false);
+    // Two wrong tries (TDO is read only in the scan's 8 bits, not in the
+    // moves to Shift-DR), then the expected 0xa5.
+    intf->script.assign(8 + 8, false);
     for (int i = 0; i < 8; ++i) intf->script.push_back((0xa5 >> i) & 1);
     // XREPEAT 3, XRUNTEST 5 us, XSDRSIZE 8, XTDOMASK ff, XSDRTDO 00 a5.
     EXPECT_EQ(play(bytes({0x07, 3, 0x04, 0, 0, 0, 5, 0x08, 0, 0, 0, 8, 0x01, 0xff, 0x09, 0x00, 0xa5, 0x00}), true), "");
@@ -85,7 +85,7 @@ TEST_F(Player, XrepeatTriesAgainThroughPauseDrAndShiftsOneBitBeforeUpdate) {
     EXPECT_EQ(tmsSince(mark), "0" + shift + "010110" + wait + shift + "010110" + wait + shift + "10" + wait);
     EXPECT_EQ(player.stats().retries, 2u);
     // One try too few: the mismatch, after the last try.
-    intf->script.assign(2 * (3 + 8), false);
+    intf->script.assign(2 * 8, false);
     intf->scripted = 0;
     EXPECT_EQ(play(bytes({0x07, 1, 0x08, 0, 0, 0, 8, 0x01, 0xff, 0x09, 0x00, 0xa5, 0x00}), true),
               "XSDRTDO TDO mismatch: expected a5 mask ff actual 00 after 2 tries");
@@ -127,25 +127,41 @@ TEST_F(Player, XruntestClocksAtLeastAsManyCyclesAsMicroseconds) {
     EXPECT_EQ(intf->cycles - before, 4u + 100 + 3);
 }
 
-TEST_F(Player, FrequencyIsACeilingOverEverySliceAndScan) {
+// FREQUENCY holds on every TCK edge: each phase waits for what its accesses
+// (here 100 ns a rising edge) left of half the period, and nothing waits
+// without a ceiling. A cap lowers the file's ceiling and stands for a
+// missing one. TDO is read only where the mask compares it.
+TEST_F(Player, FrequencyIsACeilingOnEveryEdgeAndACapLowersIt) {
     player.start();
-    unsigned before = intf->cycles;
-    EXPECT_EQ(play("FREQUENCY 1E5 HZ;\nRUNTEST 20000 TCK;\n"), "");
-    unsigned cycles = intf->cycles - before;
-    EXPECT_EQ(cycles, 20001u);
-    EXPECT_GE(clock.now(), 20001u * 10000 + before * 100);  // 10 us a cycle at least
-    // Slices of at most a hundredth of a second's worth, each followed by its wait.
-    unsigned last = before, longest = 0;
-    for (unsigned at : clock.sleptAt) longest = std::max(longest, at - last), last = at;
-    EXPECT_EQ(longest, 1000u);
-    // A scan is one operation: its cycles, then the wait they ask for.
-    uint64_t start = clock.now();
-    EXPECT_EQ(play("FREQUENCY 1E3 HZ;\nSDR 32 TDI(0);\n"), "");
-    EXPECT_EQ(clock.now() - start, (3u + 32 + 2) * 1000000);
-    // Without a value: full speed again.
-    clock.sleptAt.clear();
-    EXPECT_EQ(play("FREQUENCY;\nRUNTEST 5000 TCK;\n"), "");
-    EXPECT_TRUE(clock.sleptAt.empty());
+    auto paced = [&](const std::string& file) {
+        clock.edgeWaits.clear();
+        uint64_t start = clock.now();
+        unsigned before = intf->cycles;
+        EXPECT_EQ(play(file), "");
+        uint64_t took = clock.now() - start, cycles = intf->cycles - before;
+        return took / cycles;  // ns a cycle
+    };
+    uint64_t perCycle = paced("FREQUENCY 1E5 HZ;\nRUNTEST 20000 TCK;\n");  // 5 us low, 100 ns edge, 5 us high
+    EXPECT_GE(perCycle, 10000u);
+    EXPECT_LE(perCycle, 10100u);
+    EXPECT_EQ(*std::max_element(clock.edgeWaits.begin(), clock.edgeWaits.end()), 5000u);
+    EXPECT_GE(clock.edgeWaits.size(), 2 * 20000u);
+    EXPECT_EQ(paced("FREQUENCY;\nRUNTEST 5000 TCK;\n"), 100u);
+    EXPECT_TRUE(clock.edgeWaits.empty());
+    jtag::Player capped(&tap, clock);
+    capped.capIs(1e4);
+    capped.start();
+    for (std::string file : {"FREQUENCY 1E6 HZ;\nRUNTEST 100 TCK;\n", "RUNTEST 100 TCK;\n"}) {
+        clock.edgeWaits.clear();
+        uint64_t start = clock.now();
+        MemoryReader r(file, false);
+        for (jtag::Action a; r->next(&a);) capped.play(a);
+        EXPECT_GE(clock.now() - start, 100u * 100000) << file;  // 100 us a cycle, not 1 us
+    }
+    // A 64-bit scan with TDO under a mask of 8 ones reads TDO 8 times.
+    unsigned reads = intf->tdoReads;
+    EXPECT_EQ(play("STATE RESET;\nSDR 64 TDI(0) TDO(004d000000000000) MASK(00ff000000000000);\n"), "");
+    EXPECT_EQ(intf->tdoReads - reads, 8u);
 }
 
 // A timing value at the edge of its range is honoured exactly, or refused as
@@ -174,15 +190,18 @@ TEST_F(Player, TimingValuesAreHonouredOrRefusedBeforeTheirStatementMoves) {
               "f:2: RUNTEST: 86401 TCK cycles at the ceiling of 1 Hz take 86401 s, longer than the 86400 s (a day) "
               "one statement may wait");
     // A ceiling far above what the pins reach never waits; a MAXIMUM of any size is never exceeded.
-    clock.slept = 0;
+    clock.edgeWaits.clear();
+    uint64_t slept = clock.slept;
     std::string warned;
     player.onOverrun = [&](const jtag::Action&) { warned = player.warning(); };
     EXPECT_EQ(refused("FREQUENCY 1E30 HZ;\nRUNTEST 20000 TCK 1E-6 SEC MAXIMUM 1E30 SEC;\nSDR 32 TDI(0);\n"), "played");
-    EXPECT_EQ(clock.slept, 0u);
+    EXPECT_EQ(clock.slept, slept);
+    EXPECT_TRUE(clock.edgeWaits.empty());
     EXPECT_EQ(warned, "");
     // XRUNTEST 0xffffffff (71 minutes) is a wait the player keeps, to the microsecond.
     jtag::Player dry(nullptr, clock);
-    MemoryReader r(bytes({0x04, 0xff, 0xff, 0xff, 0xff, 0x02, 8, 0xff, 0x00}), true);
+    std::string xsvf = bytes({0x04, 0xff, 0xff, 0xff, 0xff, 0x02, 8, 0xff, 0x00});
+    MemoryReader r(xsvf, true);
     for (jtag::Action a; r->next(&a);) dry.play(a);
     EXPECT_EQ(dry.stats().minRunNs, 4294967295000u);
 }

@@ -52,7 +52,9 @@ struct Recorder : StubIntf {
     }
     // What a shift that reads TDO puts into its TDO bytes, byte i from tdoBytes[i % size].
     std::vector<uint8_t> tdoBytes{0xa5};
+    std::function<void()> onShift;
     void shift(U32 n, const U8* tms, const U8* tdi, U8* tdoOut) override {
+        if (onShift) onShift();
         size_t bytes = (n + 7) / 8;
         calls_->push_back("shift " + std::to_string(n) + (n ? " tms " + hex(tms, bytes) + " tdi " + hex(tdi, bytes) : "") +
                           (tdoOut ? " tdo" : ""));
@@ -269,49 +271,51 @@ TEST_F(Xvc, SettckAnswersTheMeasuredPeriodNotTheRequest) {
     EXPECT_GT(leAt(answers(), 8), 0u);
 }
 
-TEST_F(Xvc, ASlowerClockIsMadeOneEdgeAtATime) {
-    constexpr uint32_t kPeriod = 200000;  // 200 us: far slower than the recorder
+// A slower clock is the interface's to hold on every edge (the vector
+// path's ceiling, checked on the simulated board by timing_test.sh): settck
+// sets it and answers it; the shift itself is the usual one call.
+TEST_F(Xvc, ASlowerClockIsHeldOnEveryEdgeByTheInterface) {
+    constexpr uint32_t kPeriod = 200000;  // 200 us
     ASSERT_EQ(feed(xvc, "settck:" + le(kPeriod)), Verdict::more);
     ASSERT_EQ(answers(), le(kPeriod));
+    EXPECT_EQ(intf.vectorControl().halfPeriodNs, kPeriod / 2);
     calls.clear();
-    out.clear();
-    intf.tdoLevels = "101";
-    auto start = std::chrono::steady_clock::now();
     ASSERT_EQ(feed(xvc, "shift:" + le(3) + "\xfd\x0b"), Verdict::more);  // TMS 1 0 1, TDI 1 1 0
-    auto elapsed = std::chrono::steady_clock::now() - start;
-    EXPECT_GE(elapsed, std::chrono::microseconds(3 * kPeriod / 1000));
-    EXPECT_EQ(answers(), "\x05");
+    EXPECT_THAT(calls, ElementsAre("shift 3 tms fd tdi 0b tdo"));
     EXPECT_EQ(xvc.cycles(), 3u);
-    EXPECT_THAT(calls, ElementsAre("shift 0",                                                   //
-                                   "tckIs 0", "tmsIs 1", "tdiIs 1", "tdo", "tmsIs 1", "tdiIs 1", "tckIs 1",  //
-                                   "tckIs 0", "tmsIs 0", "tdiIs 1", "tdo", "tmsIs 0", "tdiIs 1", "tckIs 1",  //
-                                   "tckIs 0", "tmsIs 1", "tdiIs 0", "tdo", "tmsIs 1", "tdiIs 0", "tckIs 1",  //
-                                   "tckIs 0", "tmsIs 1", "tdiIs 0"));                                        // ends low
 
     // The slowest clock it makes is 1 kHz; a new client starts at full speed.
     out.clear();
     feed(xvc, "settck:" + le(0xffffffff));
     EXPECT_EQ(answers(), le(serve::Xvc::kSlowestPeriodNs));
+    EXPECT_EQ(intf.vectorControl().halfPeriodNs, serve::Xvc::kSlowestPeriodNs / 2);
     xvc.begin();
     EXPECT_EQ(xvc.period(), 0u);
-    calls.clear();
-    feed(xvc, "shift:" + le(3) + "\xfd\x0b");
-    EXPECT_THAT(calls, ElementsAre("shift 3 tms fd tdi 0b tdo"));
+    EXPECT_EQ(intf.vectorControl().halfPeriodNs, 0u);
+
+    // Under the server's own ceiling (10 us), no faster clock is answered or made.
+    serve::Xvc capped(&intf, 16, nullptr, 10000);
+    capped.begin();
+    EXPECT_EQ(intf.vectorControl().halfPeriodNs, 5000u);
+    out.clear();
+    feed(capped, "settck:" + le(100) + "settck:" + le(40000));
+    EXPECT_EQ(answers(), le(10000) + le(40000));
+    EXPECT_EQ(intf.vectorControl().halfPeriodNs, 20000u);
 }
 
-TEST_F(Xvc, AStopSignalEndsAPacedShiftAndTheFeed) {
+TEST_F(Xvc, AStopSignalEndsAPacedShiftBetweenPiecesAndTheFeed) {
     volatile std::sig_atomic_t stop = 0;
-    serve::Xvc stoppable(&intf, 16, &stop);
+    serve::Xvc stoppable(&intf, 1024, &stop);
     stoppable.begin();
     feed(stoppable, "settck:" + le(100000));
     calls.clear();
     out.clear();
-    int reads = 0;
-    intf.onTdo = [&] { stop = ++reads == 2; };
-    EXPECT_EQ(feed(stoppable, "shift:" + le(8) + "\xff\xff" + "getinfo:"), Verdict::more);
-    EXPECT_EQ(std::count(calls.begin(), calls.end(), "tckIs 1"), 2);  // the second cycle ends, then TCK goes low
-    EXPECT_THAT(std::vector<std::string>(calls.end() - 3, calls.end()), ElementsAre("tckIs 0", "tmsIs 1", "tdiIs 1"));
-    EXPECT_EQ(out.size(), 1u);  // no getinfo answer
+    intf.onShift = [&] { stop = 1; };
+    // 8192 bits go in pieces of 1024; the stop comes during the first.
+    EXPECT_EQ(feed(stoppable, "shift:" + le(8192) + std::string(2048, '\0') + "getinfo:"), Verdict::more);
+    EXPECT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].substr(0, 10), "shift 1024");
+    EXPECT_EQ(out.size(), 1024u);  // the answer's room, and no getinfo answer
 }
 
 }  // namespace

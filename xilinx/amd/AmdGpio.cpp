@@ -365,14 +365,14 @@ struct ControlWords {
 };
 
 template <class W>
-void shiftOn(Hal::VectorPins& pins, U32 nbits, const U8* tms, const U8* tdi, U8* tdo) {
+void shiftOn(Hal::VectorPins& pins, Hal::VectorControl& control, U32 nbits, const U8* tms, const U8* tdi, U8* tdo) {
     W window;
-    Hal::shiftVector(window, pins, nbits, tms, tdi, tdo);
+    Hal::shiftVector(window, pins, control, nbits, tms, tdi, tdo);
 }
 template <class W>
-void pinsOn(Hal::VectorPins& pins, bool tck, bool tms, bool tdi) {
+void pinsOn(Hal::VectorPins& pins, Hal::VectorControl& control, bool tck, bool tms, bool tdi) {
     W window;
-    Hal::pinsVector(window, pins, tck, tms, tdi);
+    Hal::pinsVector(window, pins, control, tck, tms, tdi);
 }
 
 // Indexed by amd::SocKind.

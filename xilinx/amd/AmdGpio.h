@@ -21,8 +21,9 @@ constexpr U8 kNoPin = 0xFF;
 using GetBitFn = bool (*)(U8 gpio);
 using SetBitFn = void (*)(U8 gpio, bool level);
 using PinFn = void (*)(U8 gpio);
-using ShiftFn = void (*)(Hal::VectorPins& pins, U32 nbits, const U8* tms, const U8* tdi, U8* tdo);
-using PinsFn = void (*)(Hal::VectorPins& pins, bool tck, bool tms, bool tdi);
+using ShiftFn = void (*)(Hal::VectorPins& pins, Hal::VectorControl& control, U32 nbits, const U8* tms, const U8* tdi,
+                         U8* tdo);
+using PinsFn = void (*)(Hal::VectorPins& pins, Hal::VectorControl& control, bool tck, bool tms, bool tdi);
 
 // The five operations of one SoC kind, on one kind of window access.
 struct Family {

@@ -134,11 +134,11 @@ void EkabiniIntf::select(const char* deviceName) {
 // The SoC kind's vector path (AmdGpio.cpp); before select, nothing.
 void EkabiniIntf::shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) {
     if (vec_.count == 0) return Hal::shiftNoPins(nbits, tdoBits);
-    amd::shiftFn(vec_, nbits, tms, tdi, tdoBits);
+    amd::shiftFn(vec_, vectorControl_, nbits, tms, tdi, tdoBits);
 }
 
 void EkabiniIntf::pinsIs(bool tck, bool tms, bool tdi) {
-    if (vec_.count) amd::pinsFn(vec_, tck, tms, tdi);
+    if (vec_.count) amd::pinsFn(vec_, vectorControl_, tck, tms, tdi);
 }
 
 // TDO is an input already; the window stays mapped and the lock held.

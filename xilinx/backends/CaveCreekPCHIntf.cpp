@@ -158,13 +158,13 @@ void CaveCreekPCHIntf::select(const char* deviceName) {
 // call).
 void CaveCreekPCHIntf::shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) {
     Hal::Registers32 ports{impl.ptr()};
-    Hal::shiftVector(ports, vec_, nbits, tms, tdi, tdoBits);
+    Hal::shiftVector(ports, vec_, vectorControl_, nbits, tms, tdi, tdoBits);
     lastLevelsFromImage();
 }
 
 void CaveCreekPCHIntf::pinsIs(bool tck, bool tms, bool tdi) {
     Hal::Registers32 ports{impl.ptr()};
-    Hal::pinsVector(ports, vec_, tck, tms, tdi);
+    Hal::pinsVector(ports, vec_, vectorControl_, tck, tms, tdi);
     lastLevelsFromImage();
 }
 

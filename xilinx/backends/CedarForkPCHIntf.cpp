@@ -93,12 +93,12 @@ void CedarForkPCHIntf::select(const char* deviceName) {
 // registers (three reads per call).
 void CedarForkPCHIntf::shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) {
     Hal::Registers32 regs{impl.ptr()};
-    Hal::shiftVector(regs, vec_, nbits, tms, tdi, tdoBits);
+    Hal::shiftVector(regs, vec_, vectorControl_, nbits, tms, tdi, tdoBits);
 }
 
 void CedarForkPCHIntf::pinsIs(bool tck, bool tms, bool tdi) {
     Hal::Registers32 regs{impl.ptr()};
-    Hal::pinsVector(regs, vec_, tck, tms, tdi);
+    Hal::pinsVector(regs, vec_, vectorControl_, tck, tms, tdi);
 }
 
 void CedarForkPCHIntf::tckIs(bool value) { padBitsIs(tckPad, kTxStateBit, kTxStateBit, value); }

@@ -202,13 +202,13 @@ struct IntelGbeControllerIntf::TracedRegisters {
 // at level 2 like the pin operations' own.
 void IntelGbeControllerIntf::shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) {
     TracedRegisters regs{this};
-    Hal::shiftVector(regs, vec_, nbits, tms, tdi, tdoBits);
+    Hal::shiftVector(regs, vec_, vectorControl_, nbits, tms, tdi, tdoBits);
     cachedFromImage();
 }
 
 void IntelGbeControllerIntf::pinsIs(bool tck, bool tms, bool tdi) {
     TracedRegisters regs{this};
-    Hal::pinsVector(regs, vec_, tck, tms, tdi);
+    Hal::pinsVector(regs, vec_, vectorControl_, tck, tms, tdi);
     cachedFromImage();
 }
 

@@ -98,12 +98,12 @@ void PericomGen3Intf::select(const char* deviceName) {
 // output-data register (one read per call).
 void PericomGen3Intf::shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) {
     Hal::Registers32 regs{impl.ptr()};
-    Hal::shiftVector(regs, vec_, nbits, tms, tdi, tdoBits);
+    Hal::shiftVector(regs, vec_, vectorControl_, nbits, tms, tdi, tdoBits);
 }
 
 void PericomGen3Intf::pinsIs(bool tck, bool tms, bool tdi) {
     Hal::Registers32 regs{impl.ptr()};
-    Hal::pinsVector(regs, vec_, tck, tms, tdi);
+    Hal::pinsVector(regs, vec_, vectorControl_, tck, tms, tdi);
 }
 
 void PericomGen3Intf::tckIs(bool value) { levelIs(tckPin, value); }

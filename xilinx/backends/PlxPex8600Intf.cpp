@@ -142,13 +142,13 @@ void PlxPex8600Intf::select(const char* deviceName) {
 // read per call).
 void PlxPex8600Intf::shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) {
     Hal::Registers32 regs{impl.ptr()};
-    Hal::shiftVector(regs, vec_, nbits, tms, tdi, tdoBits);
+    Hal::shiftVector(regs, vec_, vectorControl_, nbits, tms, tdi, tdoBits);
     cacheFromImage();
 }
 
 void PlxPex8600Intf::pinsIs(bool tck, bool tms, bool tdi) {
     Hal::Registers32 regs{impl.ptr()};
-    Hal::pinsVector(regs, vec_, tck, tms, tdi);
+    Hal::pinsVector(regs, vec_, vectorControl_, tck, tms, tdi);
     cacheFromImage();
 }
 

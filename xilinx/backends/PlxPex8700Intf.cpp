@@ -153,13 +153,13 @@ void PlxPex8700Intf::select(const char* deviceName) {
 // reads the output-data register (one read per call).
 void PlxPex8700Intf::shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) {
     Hal::Registers32 regs{impl.ptr()};
-    Hal::shiftVector(regs, vec_, nbits, tms, tdi, tdoBits);
+    Hal::shiftVector(regs, vec_, vectorControl_, nbits, tms, tdi, tdoBits);
     if (vec_.count) cachedOut = vec_.regs[0].image;  // the per-pin operations go on from it
 }
 
 void PlxPex8700Intf::pinsIs(bool tck, bool tms, bool tdi) {
     Hal::Registers32 regs{impl.ptr()};
-    Hal::pinsVector(regs, vec_, tck, tms, tdi);
+    Hal::pinsVector(regs, vec_, vectorControl_, tck, tms, tdi);
     if (vec_.count) cachedOut = vec_.regs[0].image;
 }
 

@@ -112,13 +112,13 @@ void Sb820Intf::select(const char* deviceName) {
 // first reads the three control bytes (three reads per call).
 void Sb820Intf::shift(U32 nbits, const U8* tms, const U8* tdi, U8* tdoBits) {
     ControlBytes bytes{impl.ptr()};
-    Hal::shiftVector(bytes, vec_, nbits, tms, tdi, tdoBits);
+    Hal::shiftVector(bytes, vec_, vectorControl_, nbits, tms, tdi, tdoBits);
     cachesFromImage();
 }
 
 void Sb820Intf::pinsIs(bool tck, bool tms, bool tdi) {
     ControlBytes bytes{impl.ptr()};
-    Hal::pinsVector(bytes, vec_, tck, tms, tdi);
+    Hal::pinsVector(bytes, vec_, vectorControl_, tck, tms, tdi);
     cachesFromImage();
 }
 

@@ -11,6 +11,13 @@
 // the pins' own level bits change; every other bit is written back as the
 // image holds it.
 //
+// Under a TCK ceiling (VectorControl, set through XilIntf_tckPeriodIs) every
+// TCK write waits, where the accesses were faster, until half the period has
+// passed on the monotonic clock since the last TCK write was done: no high
+// or low phase is shorter than that, and without a ceiling nothing waits
+// and no clock is read. A shift may also be told which cycles' TDO it wants
+// (XilIntf_shiftMasked): only those cost a read.
+//
 // A backend describes where its pins are (VectorPins, filled by select
 // without any access) and supplies the accesses: a class with
 //   U32 read(U32 offset);  void write(U32 offset, U32 value);
@@ -18,6 +25,7 @@
 #pragma once
 #include "Types.h"
 #include "ham/Ham.h"
+#include "xilinx/hal/VectorControl.h"
 
 namespace Hal {
 
@@ -101,7 +109,7 @@ inline void shiftNoPins(U32 nbits, U8* tdo) {
 }
 
 template <class A>
-void shiftVector(A& a, VectorPins& p, U32 nbits, const U8* tms, const U8* tdi, U8* tdo) {
+void shiftVector(A& a, VectorPins& p, VectorControl& c, U32 nbits, const U8* tms, const U8* tdi, U8* tdo) {
     if (p.count == 0) return shiftNoPins(nbits, tdo);
     refresh(a, p);
     if (nbits == 0) return;
@@ -109,35 +117,46 @@ void shiftVector(A& a, VectorPins& p, U32 nbits, const U8* tms, const U8* tdi, U
     // TCK low (if it was not) with the first cycle's levels in its register.
     U32 v = tckRegWith(p, ck.image, false, bitAt(tms, 0), bitAt(tdi, 0));
     if (v != ck.image) {
+        bool falls = (v ^ ck.image) & p.tckMask;
         ck.image = v;
+        if (falls) c.beforeEdge();
         a.write(ck.offset, v);
+        if (falls) c.afterEdge();
         ++p.tckWrites;
     }
     U8 byte = 0;
+    U32 reads = 0;
     for (U32 i = 0; i < nbits; ++i) {
         otherLevelsIs(a, p, bitAt(tms, i), bitAt(tdi, i));
         if (tdo) {
-            if (p.tdoMask && (a.read(p.tdoOffset) & p.tdoMask)) byte = static_cast<U8>(byte | 1u << (i % 8));
+            if (p.tdoMask && c.wants(i)) {
+                ++reads;
+                if (a.read(p.tdoOffset) & p.tdoMask) byte = static_cast<U8>(byte | 1u << (i % 8));
+            }
             if (i % 8 == 7 || i + 1 == nbits) {
                 tdo[i / 8] = byte;
                 byte = 0;
             }
         }
+        c.beforeEdge();
         a.write(ck.offset, ck.image | p.tckMask);
+        c.afterEdge();
         bool last = i + 1 == nbits;
         v = tckRegWith(p, ck.image, false, last ? bitAt(tms, i) : bitAt(tms, i + 1),
                        last ? bitAt(tdi, i) : bitAt(tdi, i + 1));
         ck.image = v;
+        c.beforeEdge();
         a.write(ck.offset, v);
+        c.afterEdge();
     }
     p.tckWrites += 2 * nbits;
-    if (tdo) p.tdoReads += p.tdoMask ? nbits : 0;
+    p.tdoReads += reads;
     if (p.tmsReg == 0) p.tmsWrites += nbits;  // carried by the TCK writes
     if (p.tdiReg == 0) p.tdiWrites += nbits;
 }
 
 template <class A>
-void pinsVector(A& a, VectorPins& p, bool tck, bool tms, bool tdi) {
+void pinsVector(A& a, VectorPins& p, VectorControl& c, bool tck, bool tms, bool tdi) {
     if (p.count == 0) return;
     if (!p.valid) refresh(a, p);
     VectorPins::Reg& ck = p.regs[0];
@@ -153,8 +172,11 @@ void pinsVector(A& a, VectorPins& p, bool tck, bool tms, bool tdi) {
         }
     }
     if (v != ck.image) {
+        bool edge = (v ^ ck.image) & p.tckMask;
         ck.image = v;
+        if (edge) c.beforeEdge();
         a.write(ck.offset, v);
+        if (edge) c.afterEdge();
         ++p.tckWrites;
     }
     if (!rising) otherLevelsIs(a, p, tms, tdi);
