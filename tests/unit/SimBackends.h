@@ -106,8 +106,10 @@ inline sim::BoardConfig boardConfig(const Backend& b, std::vector<sim::DeviceDes
 // interface, is never destroyed.
 class SimTarget {
   public:
-    explicit SimTarget(const Backend& b, std::vector<sim::DeviceDesc> chain = sim::defaultChain())
-        : board(boardConfig(b, std::move(chain))), device_(b.device) {
+    // realTimeVcd: a VCD of the pins stamped in ns of the monotonic clock, into that file.
+    explicit SimTarget(const Backend& b, std::vector<sim::DeviceDesc> chain = sim::defaultChain(),
+                       const std::string& realTimeVcd = "")
+        : board(withVcd(boardConfig(b, std::move(chain)), realTimeVcd)), device_(b.device) {
         board.install();
         amd::resetForTests();  // the SoC backend detects its board once per process
         std::fflush(stdout);
@@ -128,6 +130,11 @@ class SimTarget {
     SimTarget& operator=(const SimTarget&) = delete;
 
     static constexpr uint8_t kBus = 2;
+    static sim::BoardConfig withVcd(sim::BoardConfig c, const std::string& vcd) {
+        c.vcd = vcd;
+        c.vcdRealTime = !vcd.empty();
+        return c;
+    }
     sim::Board board;
     XilIntf* intf = nullptr;  // null when no backend serves the device on this board
 
