@@ -113,6 +113,8 @@ PEX-8600 --cpu,0x16:0x30 rotanMotub 0000:03:00.0
 PEX-8700 --cpu,0x16:0x30 nipig2Scd 0000:04:00.0
 GbE --cpu,0x16:0x30 penetScd 0000:05:00.0
 Cedar-Fork --platform,kubez kubezShimScd 0000:00:1f.0
+Cave-Creek --cpu,0x6:0x4d zetizSwitchScd 0000:00:1f.0
+Pericom --cpu,0x16:0x30 togif 0000:06:00.0
 EOF
 
 e2e_done
