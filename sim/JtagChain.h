@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "jtag/BitVector.h"
-#include "jtag/Tap.h"
+#include "jtag/TapState.h"
 #include "sim/ProgDevice.h"
 
 namespace sim {

@@ -25,7 +25,7 @@
 #include <cstdint>
 
 #include "jtag/BitVector.h"
-#include "jtag/Tap.h"
+#include "jtag/TapState.h"
 
 namespace sim {
 

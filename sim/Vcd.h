@@ -13,7 +13,7 @@
 #include <cstdio>
 #include <string>
 
-#include "jtag/Tap.h"
+#include "jtag/TapState.h"
 
 namespace sim {
 
