@@ -12,13 +12,13 @@
 // byte past the count are ignored on the way in and 0 on the way out.
 //
 // TCK runs as fast as the backend's register accesses allow (or the
-// server's own ceiling, --frequency) until the client asks for a slower
-// clock; settck answers the period of that fastest clock (measured on the
-// shifts made so far, and before the first by timing the accesses a cycle
-// makes with TCK held low; no shorter than the server's ceiling) or, when
-// the client asks for a longer period, that period, up to
-// kSlowestPeriodNs. A period longer than the fastest is held on every edge
-// (XilIntf_tckPeriodIs: no high or low phase shorter than half of it).
+// server's own ceiling, --frequency) until the client asks for a period;
+// a period longer than the server's ceiling (up to kSlowestPeriodNs) is
+// then held on every edge (XilIntf_tckPeriodIs: no high or low phase
+// shorter than half of it). settck answers the longer of the period held
+// and the registers' own: measured on the full-speed shifts made so far,
+// and before the first by timing the accesses a cycle makes with TCK held
+// low.
 #pragma once
 #include <csignal>
 

@@ -23,15 +23,17 @@ rising_edges() {
        /^[01z]C$/ { v = substr($0, 1, 1); if (v == "1" && last == "0") { n++; if (n > 1 && t - prev < min) min = t - prev; if (n == 1) { first = t; min = 1e18 } prev = t } last = v }
        END { print n, min, prev - first }' "$1"
 }
-# The checks on one run: edges N MIN SPAN against the 10 us ceiling.
-check_ceiling() {  # what vcd
+# The checks on one run: edges N MIN SPAN against the 10 us ceiling, the
+# whole run against the period the run should take (10 us unless said).
+check_ceiling() {  # what vcd [period ns]
+  local period=${3:-10000}
   read -r n min span < <(rising_edges "$2")
   [ "$n" -gt 100 ]
   expect_eq "$?" 0 "$1: rising edges ($n)"
   [ "$min" -ge 10000 ]
   expect_eq "$?" 0 "$1: no two rising edges closer than 10 us (shortest $min ns)"
-  [ $((span * 10)) -le $(((n - 1) * 10000 * slack)) ]
-  expect_eq "$?" 0 "$1: $((n - 1)) cycles in $span ns, within $slack/10 of 100 kHz"
+  [ $((span * 10)) -le $(((n - 1) * period * slack)) ]
+  expect_eq "$?" 0 "$1: $((n - 1)) cycles in $span ns, within $slack/10 of a $period ns period"
 }
 
 device=(rotanMotub 0000:04:00.0)
@@ -76,10 +78,14 @@ for _ in range(4):
 s.close()
 EOF
 }
+# The answer is 10 us, or the registers' own period where a loaded machine
+# (or a sanitizer) makes them slower still; either way no edge comes sooner.
 serve_start --vcd "$d/xvc.vcd" --vcd-time real -- --protocol xvc "${device[@]}"
-expect_eq "$(xvc_client "$SERVE_PORT")" 10000 "XVC settck 10000: answered"
+answered=$(xvc_client "$SERVE_PORT")
 serve_stop
-check_ceiling "XVC settck 10000" "$d/xvc.vcd"
+[ "${answered:-0}" -ge 10000 ]
+expect_eq "$?" 0 "XVC settck 10000: answered $answered ns, no less than asked"
+check_ceiling "XVC settck 10000" "$d/xvc.vcd" "$answered"
 
 # ---- TDO read only where compared ----
 

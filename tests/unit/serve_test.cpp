@@ -251,10 +251,10 @@ TEST_F(Xvc, UnknownCommandsAreMalformedAtTheFirstByteThatFitsNone) {
 }
 
 TEST_F(Xvc, SettckAnswersTheMeasuredPeriodNotTheRequest) {
-    ASSERT_EQ(feed(xvc, "settck:" + le(1)), Verdict::more);
+    ASSERT_EQ(feed(xvc, "settck:" + le(0)), Verdict::more);
     ASSERT_EQ(out.size(), 4u);
     uint32_t period = leAt(answers(), 0);
-    EXPECT_GT(period, 1u);
+    EXPECT_GT(period, 0u);
     EXPECT_EQ(xvc.period(), period);
     // Before any shift, the accesses of a cycle are timed with TCK held low.
     std::vector<std::string> round{"tckIs 0", "tmsIs 0", "tdiIs 0", "tckIs 0", "tmsIs 1", "tdiIs 1", "tdo"};
