@@ -2,7 +2,7 @@
 # scripts/fuzz.sh [SECONDS]: builds the fuzz targets with clang and libFuzzer
 # (KELVORN_FUZZ: every object instrumented, AddressSanitizer and
 # UndefinedBehaviorSanitizer on) into build-fuzz, and runs each for SECONDS
-# (default 45), starting from its seed corpus and the inputs of crashes
+# (default 45), starting from its corpus and the inputs of crashes
 # found before (tests/fuzz/corpus/<target>, tests/fuzz/regressions/<target>).
 # What a run adds to the corpus stays in build-fuzz/corpus. A crash ends the
 # script with status 1 and names the input that caused it
@@ -22,12 +22,12 @@ status=0
 for t in svf xsvf remote_bitbang xvc; do
   corpus=$dir/corpus/$t
   mkdir -p "$corpus"
-  seeds=(tests/fuzz/corpus/$t)
-  [ -d tests/fuzz/regressions/$t ] && seeds+=(tests/fuzz/regressions/$t)
+  inputs=(tests/fuzz/corpus/$t)
+  [ -d tests/fuzz/regressions/$t ] && inputs+=(tests/fuzz/regressions/$t)
   echo "fuzz $t: $seconds s"
   if ! ASAN_OPTIONS=detect_leaks=0 "$dir/bin/fuzz_$t" -max_total_time="$seconds" -max_len="${max_len[$t]}" \
       -rss_limit_mb=2048 -timeout=30 -print_final_stats=1 -artifact_prefix="$dir/artifacts/$t-" \
-      "$corpus" "${seeds[@]}" >"$dir/fuzz-$t.log" 2>&1; then
+      "$corpus" "${inputs[@]}" >"$dir/fuzz-$t.log" 2>&1; then
     status=1
     echo "fuzz $t: FAILED (log: $dir/fuzz-$t.log)"
     grep -E 'ERROR|SUMMARY|Test unit written' "$dir/fuzz-$t.log" | head -n 10 || true

@@ -2,7 +2,7 @@
 // LLVMFuzzerTestOneInput for one parser of input that comes from outside
 // (a vector file, a network client). Built with libFuzzer (KELVORN_FUZZ) it
 // is a coverage-guided fuzzer; built without, replay_main.cpp runs it over
-// the files it is given: its seed corpus and the inputs of crashes found
+// the files it is given: its starting corpus and the inputs of crashes found
 // before, in every build and under the sanitizers.
 #pragma once
 #include <cstddef>
