@@ -6,6 +6,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -131,9 +132,45 @@ std::string parseListen(const std::string& text, Options* o) {
     return "";
 }
 
+// The listening socket systemd handed over (socket activation: LISTEN_PID
+// names this process, LISTEN_FDS counts the sockets from fd 3 on), 0 when
+// there is none, or -1 with *error saying why it cannot be used. The
+// variables are taken out of the environment either way, so nothing this
+// process starts takes the socket for its own.
+int socketFromSystemd(std::string* where, std::string* error) {
+    int n = ::sd_listen_fds(1);
+    if (n == 0) return 0;
+    *where = "the socket systemd handed over";
+    if (n < 0) {
+        *error = std::strerror(-n);
+        return -1;
+    }
+    if (n > 1) {
+        *error = std::to_string(n) + " sockets handed over; kelvorn-serve takes one";
+        return -1;
+    }
+    const int fd = SD_LISTEN_FDS_START;
+    if (::sd_is_socket(fd, AF_UNSPEC, SOCK_STREAM, 1) <= 0) {
+        *error = "not a listening stream socket";
+        return -1;
+    }
+    int flags = ::fcntl(fd, F_GETFL);
+    if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0 || ::fcntl(fd, F_SETFD, FD_CLOEXEC) != 0) {
+        *error = std::strerror(errno);
+        return -1;
+    }
+    sockaddr_storage bound;
+    socklen_t length = sizeof bound;
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &length) == 0)
+        *where = addressText(reinterpret_cast<sockaddr*>(&bound), length);
+    return fd;
+}
+
 // A listening socket, or -1 with *error saying why; *where is the address
-// as bound (the port the system chose, for port 0).
+// as bound (the port the system chose, for port 0). A socket systemd
+// handed over is used as it is, --listen aside.
 int listenOn(const Options& o, std::string* where, std::string* error) {
+    if (int fd = socketFromSystemd(where, error)) return fd;
     addrinfo hints = {};
     hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV | AI_PASSIVE;
     hints.ai_socktype = SOCK_STREAM;
@@ -338,7 +375,7 @@ bool parseOptions(int argc, char** argv, Options* o, int* status) {
         ->check(CLI::IsMember({kRemoteBitbang, kXvc}));
     app.add_option("--listen", listen,
                    "ADDRESS:PORT or :PORT to listen on (default 127.0.0.1, port 3335 for remote-bitbang, 2542 for "
-                   "xvc; port 0: any free port)")
+                   "xvc; port 0: any free port); unused when systemd hands over the socket")
         ->check([o](const std::string& s) { return parseListen(s, o); });
     app.add_flag("--test-mode", o->testMode,
                  "the lock file and the register file of the backends that honour it under /tmp");

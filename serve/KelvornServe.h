@@ -9,7 +9,9 @@
 // is served is closed at once. SIGINT, SIGTERM and SIGHUP end the server
 // cleanly (exit status 0): the client being served, if any, is dropped and
 // the pins are cleaned up first. A signal the process was started to
-// ignore (nohup) stays ignored.
+// ignore (nohup) stays ignored. Started by systemd's socket activation, it
+// serves on the listening socket handed over (--listen aside); the units
+// are serve/systemd/kelvorn-serve@.{socket,service}.
 //
 // kelvornServeMain is the whole program; main() only calls it, and the
 // board simulator parses the same options to know which device to wire.
