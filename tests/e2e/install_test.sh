@@ -20,7 +20,7 @@ stage=$E2E_DIR/stage
 cmake --install "$E2E_BUILD" --prefix "$stage" >"$E2E_DIR/install.log" 2>&1
 expect_eq "$?" 0 "cmake --install: status"
 installed() { (cd "$stage" && find . ! -type d \( -type l -printf '%P -> %l\n' -o -printf '%P\n' \) | sort); }
-expect_eq "$(installed | grep -v '^bin/')" "include/kelvorn/XilIntfC.h
+expect_eq "$(installed | grep -v '^bin/')" "$(sort <<<"include/kelvorn/XilIntfC.h
 $libdir/cmake/kelvorn/kelvornConfig.cmake
 $libdir/cmake/kelvorn/kelvornConfigVersion.cmake
 $libdir/cmake/kelvorn/kelvornTargets-$config.cmake
@@ -30,13 +30,21 @@ $libdir/libxilinx.so -> libxilinx.so.1
 $libdir/libxilinx.so.1 -> libxilinx.so.1.0.0
 $libdir/libxilinx.so.1.0.0
 $libdir/pkgconfig/kelvorn.pc
+lib/systemd/system/kelvorn-serve@.service
+lib/systemd/system/kelvorn-serve@.socket
 share/bash-completion/completions/kelvorn
 share/bash-completion/completions/kelvorn-play
 share/bash-completion/completions/kelvorn-serve
+share/doc/kelvorn/changelog.gz
+share/doc/kelvorn/copyright
+share/doc/libxilinx-dev/changelog.gz
+share/doc/libxilinx-dev/copyright
+share/doc/libxilinx1/changelog.gz
+share/doc/libxilinx1/copyright
 share/man/man1/kelvorn-play.1.gz
 share/man/man1/kelvorn-serve.1.gz
 share/man/man1/kelvorn.1.gz
-share/man/man3/libxilinx.3.gz" "installed library, manual pages and completion"
+share/man/man3/libxilinx.3.gz")" "installed library, manual pages, completion, units and package documents"
 # Tools come from kelvorn_install_tool(); never the simulator, tests or benchmarks.
 expect_eq "$(ls "$stage/bin" | paste -sd' ')" "kelvorn kelvorn-play kelvorn-serve" "installed tools"
 
@@ -93,18 +101,56 @@ for prog in pc_shared pc_static cmake/consumer cmake/consumer_static; do
   expect_eq "$(ls "$(e2e_tmp_dir)" "$(e2e_lock_dir)" | grep -c xilinxTestLockFile)" 1 "$prog: the test lock file, nothing in /var/lock"
 done
 
-# ---- the Debian package ----
+# ---- the Debian packages ----
 
+# Three, split as Debian splits a library: libxilinx1 (the runtime under its
+# SONAME), libxilinx-dev, kelvorn (the programs); together exactly what
+# `cmake --install` installs, each file in one.
 cpack -G DEB --config "$E2E_BUILD/CPackConfig.cmake" -B "$E2E_DIR/deb" >"$E2E_DIR/cpack.log" 2>&1 || cat "$E2E_DIR/cpack.log"
-deb=$(echo "$E2E_DIR"/deb/kelvorn_*.deb)
-packaged() { dpkg-deb -c "$deb" | awk '$1 !~ /^d/ { sub(/^\.\/usr\//, "", $6); s = $6; for (i = 7; i <= NF; i++) s = s " " $i; print s }' | sort; }
-expect_eq "$(packaged)" "$(installed)" "package: the installed files, under /usr"
-expect_eq "$(dpkg-deb --fsys-tarfile "$deb" | tar -xO "./usr/$libdir/pkgconfig/kelvorn.pc" | head -n1)" "prefix=/usr" \
-  "package: pkg-config prefix"
-expect_eq "$(dpkg-deb -f "$deb" Package)" kelvorn "package name"
-depends=$(dpkg-deb -f "$deb" Depends | tr ',' '\n' | awk '{print $1}')  # names, without versions
+deb() { echo "$E2E_DIR"/deb/"$1"_*.deb; }
+packaged() {  # package...: its files, under /usr
+  local p
+  for p; do
+    dpkg-deb -c "$(deb "$p")" | awk '$1 !~ /^d/ { sub(/^\.\/usr\//, "", $6); s = $6; for (i = 7; i <= NF; i++) s = s " " $i; print s }'
+  done | sort
+}
+expect_eq "$(packaged libxilinx1 libxilinx-dev kelvorn)" "$(installed)" "packages: the installed files, under /usr"
+expect_eq "$(packaged libxilinx1)" "$libdir/libxilinx.so.1 -> libxilinx.so.1.0.0
+$libdir/libxilinx.so.1.0.0
+share/doc/libxilinx1/changelog.gz
+share/doc/libxilinx1/copyright" "libxilinx1: the library under its SONAME"
+expect_eq "$(packaged libxilinx-dev | grep -cE "^(include/|$libdir/libxilinx\.(a|so ->)|$libdir/(pkgconfig|cmake)/|share/man/man3/)")" \
+  "$(($(packaged libxilinx-dev | wc -l) - 2))" "libxilinx-dev: headers, link, archive, pkg-config, CMake, section 3"
+expect_eq "$(packaged kelvorn | grep -vcE '^(bin/|lib/systemd/system/|share/(man/man1|bash-completion|doc/kelvorn)/)')" 0 \
+  "kelvorn: programs, pages, completion, units"
+expect_eq "$(dpkg-deb --fsys-tarfile "$(deb libxilinx-dev)" | tar -xO "./usr/$libdir/pkgconfig/kelvorn.pc" | head -n1)" \
+  "prefix=/usr" "package: pkg-config prefix"
+expect_eq "$(dpkg-deb -f "$(deb libxilinx-dev)" Depends)" "libxilinx1 (= 1.0.0)" "libxilinx-dev depends on its library"
+depends() { dpkg-deb -f "$(deb "$1")" Depends | tr ',' '\n' | awk '{print $1}'; }  # names, without versions
 for pkg in libc6 libstdc++6; do
-  expect_eq "$(grep -cxF "$pkg" <<<"$depends")" 1 "package depends on $pkg"
+  expect_eq "$(depends libxilinx1 | grep -cxF "$pkg") $(depends kelvorn | grep -cxF "$pkg")" "1 1" "packages depend on $pkg"
 done
+expect_eq "$(depends kelvorn | grep -cxF libsystemd0)" 1 "kelvorn depends on libsystemd0 (socket activation)"
+# The library's: a shlibs file, and ldconfig from a trigger, not from maintainer scripts.
+control() { dpkg-deb --ctrl-tarfile "$(deb libxilinx1)" | tar -t | sed 's|^\./||' | grep . | sort | paste -sd' '; }
+expect_eq "$(control)" "control md5sums shlibs triggers" "libxilinx1: control files"
+expect_eq "$(dpkg-deb -I "$(deb libxilinx1)" shlibs) / $(dpkg-deb -I "$(deb libxilinx1)" triggers)" \
+  "libxilinx 1 libxilinx1 (= 1.0.0) / activate-noawait ldconfig" "libxilinx1: shlibs and trigger"
+# Stripped programs and library (their symbols in -dbgsym packages when the build has them).
+for f in "$(deb kelvorn):./usr/bin/kelvorn-serve" "$(deb libxilinx1):./usr/$libdir/libxilinx.so.1.0.0"; do
+  dpkg-deb --fsys-tarfile "${f%%:*}" | tar -xO "${f#*:}" >"$E2E_DIR/binary"
+  expect_eq "$(readelf -S "$E2E_DIR/binary" | grep -c '\.symtab\|\.debug_')" 0 "stripped: ${f#*:}"
+done
+# The maintainer is a build option.
+cmake -S "$(dirname "$0")/../.." -B "$E2E_DIR/maint" -G Ninja -DKELVORN_MAINTAINER="Board Team <boards@example.net>" \
+  >"$E2E_DIR/maint.log" 2>&1
+expect_eq "$(sed -n 's/^set(CPACK_DEBIAN_PACKAGE_MAINTAINER "\(.*\)")$/\1/p' "$E2E_DIR/maint/CPackConfig.cmake")" \
+  "Board Team <boards@example.net>" "KELVORN_MAINTAINER: the packages' maintainer"
+expect_eq "$(head -n1 "$E2E_DIR/maint/package/changelog") / $(grep -c ' -- Board Team <boards@example.net>  ' "$E2E_DIR/maint/package/changelog")" \
+  "kelvorn (1.0.0) unstable; urgency=medium / 1" "KELVORN_MAINTAINER: the changelog's"
+if command -v lintian >/dev/null; then
+  lintian --fail-on none "$E2E_DIR"/deb/*.deb >"$E2E_DIR/lintian.log" 2>&1
+  expect_eq "$(grep -E '^[EW]: ' "$E2E_DIR/lintian.log")" "" "lintian: no errors, no warnings"
+fi
 
 e2e_done
