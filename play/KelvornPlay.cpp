@@ -14,7 +14,8 @@
 #include "jtag/Svf.h"
 #include "jtag/Xsvf.h"
 #include "play/PlayInput.h"
-#include "tool/CleanupOnSignal.h"
+#include "device/CleanupOnSignal.h"
+#include "device/PciAddress.h"
 #include "xilinx/XilIntfC.h"
 
 namespace {
@@ -205,10 +206,9 @@ int kelvornPlayMain(int argc, char** argv) {
         return app.exit(e) == 0 ? kPlayed : kUsage;
     }
 
-    unsigned short domain = 0;
-    unsigned char bus = 0, device = 0, function = 0;
-    if (std::sscanf(address.c_str(), "%hx:%hhx:%hhx.%hhx", &domain, &bus, &device, &function) != 4) {
-        std::fprintf(stderr, "kelvorn-play: %s is not a PCI address (dddd:bb:dd.f)\n", address.c_str());
+    device::PciAddress at;
+    if (!device::parsePciAddress(address.c_str(), &at)) {
+        std::fprintf(stderr, "kelvorn-play: %s\n", device::notAPciAddress(address.c_str()).c_str());
         return kUsage;
     }
     PlayInput input;
@@ -249,7 +249,7 @@ int kelvornPlayMain(int argc, char** argv) {
     if (changed()) return kUnreadable;
     if (testMode) XilIntf_testModeIs(1);
     std::fflush(stdout);  // keep what came before ahead of what the backends print
-    XilIntf* intf = XilIntf_bySystem(fpga.c_str(), 0, 0, domain, bus, device, function);
+    XilIntf* intf = XilIntf_bySystem(fpga.c_str(), 0, 0, at.domain, at.bus, at.device, at.function);
     if (!intf) {
         std::fflush(stdout);
         std::fprintf(stderr, "kelvorn-play: no backend serves %s on this board\n", fpga.c_str());

@@ -363,12 +363,9 @@ bool parseOptions(int argc, char** argv, Options* o, int* status) {
     app.add_option("address", o->pciAddress, "the PCI address, dddd:bb:dd.f")
         ->required()
         ->check([o](const std::string& s) {
-            int end = -1;
-            if (std::sscanf(s.c_str(), "%hx:%hhx:%hhx.%hhx%n", &o->domain, &o->bus, &o->device, &o->function, &end) !=
-                    4 ||
-                end != static_cast<int>(s.size()))
-                return std::string("wants a PCI address dddd:bb:dd.f, for example 0000:03:00.0");
-            return std::string();
+            return device::parsePciAddress(s.c_str(), &o->at)
+                       ? std::string()
+                       : std::string("wants a PCI address dddd:bb:dd.f, for example 0000:03:00.0");
         });
     app.add_option("--protocol", o->protocol, "remote-bitbang or xvc")
         ->capture_default_str()
@@ -410,7 +407,7 @@ int run(const Options& o) {
     StopSignals signals;
     if (o.testMode) XilIntf_testModeIs(1);
     std::fflush(stdout);
-    XilIntf* intf = XilIntf_bySystem(o.fpga.c_str(), 0, 0, o.domain, o.bus, o.device, o.function);
+    XilIntf* intf = XilIntf_bySystem(o.fpga.c_str(), 0, 0, o.at.domain, o.at.bus, o.at.device, o.at.function);
     std::fflush(stdout);
     if (!intf) {
         std::fprintf(stderr, "kelvorn-serve: no backend serves %s on this board\n", o.fpga.c_str());

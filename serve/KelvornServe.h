@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <string>
 
+#include "device/PciAddress.h"
 #include "serve/Xvc.h"
 
 namespace serve {
@@ -26,8 +27,7 @@ namespace serve {
 struct Options {
     std::string fpga;
     std::string pciAddress;
-    uint16_t domain = 0;
-    uint8_t bus = 0, device = 0, function = 0;
+    device::PciAddress at;
     std::string protocol = "remote-bitbang";  // or "xvc"
     std::string host = "127.0.0.1";          // to listen on
     std::string port;                         // empty: the protocol's usual port

@@ -1,19 +1,19 @@
 #include "sim/Scan.h"
 
+#include "device/PciAddress.h"
 #include "jtag/Tap.h"
 #include "xilinx/XilIntfC.h"
 
 namespace sim {
 
 int scan(const char* device, const char* pciAddress, FILE* out) {
-    unsigned short domain = 0;
-    unsigned char bus = 0, dev = 0, function = 0;
-    if (std::sscanf(pciAddress, "%hx:%hhx:%hhx.%hhx", &domain, &bus, &dev, &function) != 4) {
-        std::fprintf(stderr, "kelvorn-sim: %s is not a PCI address (dddd:bb:dd.f)\n", pciAddress);
+    ::device::PciAddress at;
+    if (!::device::parsePciAddress(pciAddress, &at)) {
+        std::fprintf(stderr, "kelvorn-sim: %s\n", ::device::notAPciAddress(pciAddress).c_str());
         return kScanCannot;
     }
     std::fflush(stdout);  // what the backends print follows what came before
-    XilIntf* intf = XilIntf_bySystem(device, 0, 0, domain, bus, dev, function);
+    XilIntf* intf = XilIntf_bySystem(device, 0, 0, at.domain, at.bus, at.device, at.function);
     if (!intf) {
         std::fflush(stdout);
         std::fprintf(stderr, "kelvorn-sim: no backend serves %s on this board\n", device);

@@ -5,7 +5,8 @@
 #include <cstring>
 
 #include "os/Os.h"
-#include "tool/CleanupOnSignal.h"
+#include "device/CleanupOnSignal.h"
+#include "device/PciAddress.h"
 #include "xilinx/XilIntfC.h"
 
 namespace {
@@ -37,14 +38,13 @@ int kelvornMain(int argc, char** argv) {
         return kTooFewArguments;
     }
     const char* fpga = argv[1];
-    unsigned short domain = 0;
-    unsigned char bus = 0, device = 0, function = 0;
-    if (std::sscanf(argv[2], "%hx:%hhx:%hhx.%hhx", &domain, &bus, &device, &function) != 4) {
+    device::PciAddress at;
+    if (!device::parsePciAddressLeniently(argv[2], &at)) {
         std::printf("internal error parsing pciAddr\n");
         return kBadPciAddress;
     }
     std::fflush(stdout);  // keep the banner ahead of what the backends print
-    theIntf = XilIntf_bySystem(fpga, 0, 0, domain, bus, device, function);
+    theIntf = XilIntf_bySystem(fpga, 0, 0, at.domain, at.bus, at.device, at.function);
     if (!theIntf) {
         std::printf("internal error setting up interfaces\n");
         return kNoInterface;

@@ -1,4 +1,4 @@
-#include "tool/CleanupOnSignal.h"
+#include "device/CleanupOnSignal.h"
 
 #include <signal.h>
 
