@@ -2,7 +2,7 @@
 # Installs what is missing, builds, and runs every test three times: in the
 # plain build (GCC, RelWithDebInfo), under AddressSanitizer and
 # UndefinedBehaviorSanitizer, and in a Clang Release build (assertions off);
-# then fuzzes every parser of outside input with libFuzzer, 45 s each.
+# then fuzzes every parser of outside input with libFuzzer, 30 s each.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
@@ -12,4 +12,4 @@ scripts/build.sh build-asan -DKELVORN_SANITIZE=ON
 (cd build-asan && ASAN_OPTIONS=detect_leaks=0 ctest -j2 --output-on-failure)
 CC=clang CXX=clang++ scripts/build.sh build-clang-release -DCMAKE_BUILD_TYPE=Release
 (cd build-clang-release && ctest -j2 --output-on-failure)
-scripts/fuzz.sh 45
+scripts/fuzz.sh 30
