@@ -14,8 +14,8 @@
 #include "jtag/Svf.h"
 #include "jtag/Xsvf.h"
 #include "play/PlayInput.h"
-#include "device/CleanupOnSignal.h"
 #include "device/PciAddress.h"
+#include "device/Session.h"
 #include "xilinx/XilIntfC.h"
 
 namespace {
@@ -247,17 +247,9 @@ int kelvornPlayMain(int argc, char** argv) {
         return true;
     };
     if (changed()) return kUnreadable;
-    if (testMode) XilIntf_testModeIs(1);
-    std::fflush(stdout);  // keep what came before ahead of what the backends print
-    XilIntf* intf = XilIntf_bySystem(fpga.c_str(), 0, 0, at.domain, at.bus, at.device, at.function);
-    if (!intf) {
-        std::fflush(stdout);
-        std::fprintf(stderr, "kelvorn-play: no backend serves %s on this board\n", fpga.c_str());
-        return kNoBackend;
-    }
-    XilIntf_select(intf, fpga.c_str());
-    std::fflush(stdout);
-    CleanupOnSignal guard(intf, fpga.c_str());
+    XilIntf* intf = device::openDevice("kelvorn-play", fpga, at, testMode);
+    if (!intf) return kNoBackend;
+    device::SelectedDevice guard(intf, fpga);
     input.rewind();
     if (changed()) return kUnreadable;  // the guard releases the pins
     std::unique_ptr<jtag::Reader> reader = readerFor(fmt, input.file());

@@ -20,6 +20,7 @@
 #include <memory>
 #include <vector>
 
+#include "device/Session.h"
 #include "serve/RemoteBitbang.h"
 #include "serve/Xvc.h"
 #include "xilinx/XilIntfC.h"
@@ -405,14 +406,8 @@ uint32_t Options::ceilingNs() const {
 
 int run(const Options& o) {
     StopSignals signals;
-    if (o.testMode) XilIntf_testModeIs(1);
-    std::fflush(stdout);
-    XilIntf* intf = XilIntf_bySystem(o.fpga.c_str(), 0, 0, o.at.domain, o.at.bus, o.at.device, o.at.function);
-    std::fflush(stdout);
-    if (!intf) {
-        std::fprintf(stderr, "kelvorn-serve: no backend serves %s on this board\n", o.fpga.c_str());
-        return kServeNoInterface;
-    }
+    XilIntf* intf = device::openDevice("kelvorn-serve", o.fpga, o.at, o.testMode);
+    if (!intf) return kServeNoInterface;
     std::string where, error;
     int listenFd = listenOn(o, &where, &error);
     if (listenFd < 0) {

@@ -1,6 +1,7 @@
 #include "sim/Scan.h"
 
 #include "device/PciAddress.h"
+#include "device/Session.h"
 #include "jtag/Tap.h"
 #include "xilinx/XilIntfC.h"
 
@@ -12,17 +13,12 @@ int scan(const char* device, const char* pciAddress, FILE* out) {
         std::fprintf(stderr, "kelvorn-sim: %s\n", ::device::notAPciAddress(pciAddress).c_str());
         return kScanCannot;
     }
-    std::fflush(stdout);  // what the backends print follows what came before
-    XilIntf* intf = XilIntf_bySystem(device, 0, 0, at.domain, at.bus, at.device, at.function);
-    if (!intf) {
-        std::fflush(stdout);
-        std::fprintf(stderr, "kelvorn-sim: no backend serves %s on this board\n", device);
-        return kScanCannot;
-    }
-    XilIntf_select(intf, device);
+    XilIntf* intf = ::device::openDevice("kelvorn-sim", device, at, false);
+    if (!intf) return kScanCannot;
+    ::device::SelectedDevice selected(intf, device);
     jtag::Tap tap(intf);
     std::vector<uint32_t> ids = jtag::readIdcodes(tap);
-    XilIntf_cleanup(intf, device);
+    selected.cleanup();
     std::fflush(stdout);
     for (uint32_t id : ids) std::fprintf(out, "0x%08x\n", id);
     std::fflush(out);

@@ -1,0 +1,24 @@
+#include "device/Session.h"
+
+#include <cstdio>
+
+namespace device {
+
+XilIntf* openDevice(const char* program, const std::string& fpga, const PciAddress& at, bool testMode) {
+    if (testMode) XilIntf_testModeIs(1);
+    std::fflush(stdout);  // keep what came before ahead of what the backends print
+    XilIntf* intf = XilIntf_bySystem(fpga.c_str(), 0, 0, at.domain, at.bus, at.device, at.function);
+    std::fflush(stdout);
+    if (!intf) std::fprintf(stderr, "%s: no backend serves %s on this board\n", program, fpga.c_str());
+    return intf;
+}
+
+SelectedDevice::Select::Select(XilIntf* intf, const char* fpga) {
+    XilIntf_select(intf, fpga);
+    std::fflush(stdout);
+}
+
+SelectedDevice::SelectedDevice(XilIntf* intf, const std::string& fpga)
+    : intf_(intf), select_(intf, fpga.c_str()), guard_(intf, fpga.c_str()) {}
+
+}  // namespace device

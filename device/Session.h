@@ -1,0 +1,42 @@
+// What every tool does with a device around its JTAG work, written once:
+// find the backend that serves the name at the PCI address (taking the
+// device's lock), select the device, and give the pins back (inputs again,
+// routing undone) on every way out: the normal end, an early return, or a
+// signal that ends the process (SIGINT, SIGTERM, SIGHUP, SIGQUIT).
+#pragma once
+#include <string>
+
+#include "device/CleanupOnSignal.h"
+#include "device/PciAddress.h"
+#include "xilinx/XilIntfC.h"
+
+namespace device {
+
+// The interface for fpga at the address, test mode first when asked;
+// stdout is flushed around it so what the backends print stays in order.
+// Null, with "<program>: no backend serves <fpga> on this board" on
+// stderr, when no backend serves the name. An interface that refuses (a
+// lock held by another process) ends the process itself, status 1.
+XilIntf* openDevice(const char* program, const std::string& fpga, const PciAddress& at, bool testMode);
+
+// A device selected for a tool's work: XilIntf_select at construction,
+// XilIntf_cleanup once, at cleanup(), at destruction or on a signal.
+class SelectedDevice {
+  public:
+    SelectedDevice(XilIntf* intf, const std::string& fpga);
+    SelectedDevice(const SelectedDevice&) = delete;
+    SelectedDevice& operator=(const SelectedDevice&) = delete;
+
+    XilIntf* intf() const { return intf_; }
+    // The pins given back now (what the destructor would do).
+    void cleanup() { guard_.cleanup(); }
+
+  private:
+    XilIntf* intf_;
+    struct Select {
+        Select(XilIntf* intf, const char* fpga);
+    } select_;
+    CleanupOnSignal guard_;
+};
+
+}  // namespace device
