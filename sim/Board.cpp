@@ -112,15 +112,6 @@ Os::Cpuid cpuidOf(unsigned family, unsigned model, U32 leaf) {
     return r;
 }
 
-// "<domain>_<bus>_<device>_jtag": the name the GbE backend gives its window.
-bool isGbeLockName(const std::string& name) {
-    unsigned domain, bus, device;
-    int end = -1;
-    return name[0] >= '0' && name[0] <= '9' &&
-           std::sscanf(name.c_str(), "%u_%u_%u_jtag%n", &domain, &bus, &device, &end) == 3 &&
-           end == static_cast<int>(name.size());
-}
-
 bool endsWith(const std::string& s, const char* tail) {
     size_t n = std::strlen(tail);
     return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
@@ -136,6 +127,8 @@ char stateChar(const ChipModel& chip, U32 pin) {
 std::vector<DeviceDesc> defaultChain() { return {{0x0a5c7035, 8}, {0x1b4d2093, 6}}; }
 
 Board::Board(BoardConfig config) : config_(std::move(config)), chain_(config_.chain) {
+    chain_.pinsAre(config_.pins);
+    chain_.netsAre(config_.nets);
     std::memcpy(configSpace_ + kCaveCreekConfigOffset, &kCaveCreekGpioBaseRegister, 4);
 }
 
@@ -205,32 +198,35 @@ Ptr<ChipModel> Board::modelFor(const HamDesc& desc) {
     auto it = models_.find(key);
     if (it != models_.end()) return it->second;
 
+    // The chip behind the window, by what the backend says the window is
+    // onto; the windows onto /dev/mem only at the chip's own base.
     const std::string& name = desc.name;
+    const std::string& tag = desc.tag;
     bool devMem = desc.fileName == "/dev/mem";
     Ptr<ChipModel> m;
     Chip chip = Chip::sb820;
-    if (name == "theSb820Ham") {
+    if (tag == "sb820") {
         m = new Sb820Model(name);
-    } else if (name == "gpioWindow" && devMem && desc.base == kFchGpioBase) {
+    } else if (tag == "fch-gpio" && devMem && desc.base == kFchGpioBase) {
         FchPads pads = fchPadsOf(config_.family, config_.model);
         m = new FchGpioModel(name, pads.layout, gpioFunctions(pads));
         chip = Chip::fchGpio;
-    } else if (name == "theCaveCreekPCHIOHam" && desc.type == HamType::ioPort) {
+    } else if (tag == "cave-creek-gpio" && desc.type == HamType::ioPort) {
         m = new CaveCreekModel(name, kCaveCreekGpioBaseRegister & 0xff80);
         chip = Chip::caveCreek;
-    } else if (name == "CedarForkGpioHam" && devMem && desc.base == kCedarForkBase) {
+    } else if (tag == "cedar-fork-gpio" && devMem && desc.base == kCedarForkBase) {
         m = new CedarForkModel(name);
         chip = Chip::cedarFork;
-    } else if (name == "theJamHam") {
+    } else if (tag == "pex8600") {
         m = new PlxPex8600Model(name);
         chip = Chip::plxPex8600;
-    } else if (name == "PlxPex8700Ham") {
+    } else if (tag == "pex8700") {
         m = new PlxPex8700Model(name, kPex8700BlockRegister);
         chip = Chip::plxPex8700;
-    } else if (name == "PericomGen3Ham") {
+    } else if (tag == "pericom-gen3") {
         m = new PericomGen3Model(name);
         chip = Chip::pericomGen3;
-    } else if (isGbeLockName(name) && endsWith(desc.fileName, "/resource0") && desc.size == kGbeWindowSize) {
+    } else if (tag == "intel-gbe" && endsWith(desc.fileName, "/resource0") && desc.size == kGbeWindowSize) {
         m = new IntelGbeModel(name);
         chip = Chip::intelGbe;
     } else {
@@ -291,7 +287,7 @@ void Board::settle() {
     Drive tck = c.drive(tck_.pin), tms = c.drive(tms_.pin), tdi = c.drive(tdi_.pin);
     // Undriven TMS and TDI read high (the device's pull-ups); an undriven TCK makes no edges.
     if (routed && tck.driven) chain_.tckIs(tck.level, !tms.driven || tms.level, !tdi.driven || tdi.level);
-    wired_->externalLevelIs(tdo_.pin, !routed || chain_.tdo());
+    wired_->externalLevelIs(tdo_.pin, config_.tdoStuck >= 0 ? config_.tdoStuck == 1 : !routed || chain_.tdo());
 }
 
 std::vector<const Board::Signal*> Board::signals() const {
@@ -364,6 +360,7 @@ void Board::finish() {
     finished_ = true;
     vcd_.reset();
     if (!config_.dumpMemory.empty()) writeMemoryDump();
+    if (!config_.dumpPins.empty()) writePinDump();
     if (config_.stats)
         std::fprintf(stderr, "sim stats: reads %llu writes %llu tck-cycles %llu\n", static_cast<unsigned long long>(reads_),
                      static_cast<unsigned long long>(writes_), static_cast<unsigned long long>(chain_.tckCycles()));
@@ -381,6 +378,18 @@ void Board::writeMemoryDump() const {
     const jtag::BitVector& m = device->memory();
     FILE* f = std::fopen(path, "wb");
     bool written = f && std::fwrite(m.data(), 1, m.byteCount(), f) == m.byteCount();
+    if (f) written = std::fclose(f) == 0 && written;
+    if (!written) std::fprintf(stderr, "kelvorn-sim: cannot write %s: %s\n", path, std::strerror(errno));
+}
+
+void Board::writePinDump() const {
+    const char* path = config_.dumpPins.c_str();
+    FILE* f = std::fopen(path, "w");
+    bool written = f != nullptr;
+    for (size_t i = 0; written && i < chain_.size(); ++i)
+        if (const BoundaryDevice* d = chain_.boundary(i))
+            for (const auto& [port, level] : d->lastDriven())
+                written = std::fprintf(f, "%zu.%s %d\n", i, port.c_str(), level) > 0;
     if (f) written = std::fclose(f) == 0 && written;
     if (!written) std::fprintf(stderr, "kelvorn-sim: cannot write %s: %s\n", path, std::strerror(errno));
 }

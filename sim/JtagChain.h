@@ -8,11 +8,14 @@
 // The controllers step on rising TCK edges; TDO changes on falling edges.
 #pragma once
 #include <cstdint>
+#include <map>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "jtag/BitVector.h"
 #include "jtag/TapState.h"
+#include "sim/BoundaryDevice.h"
 #include "sim/ProgDevice.h"
 
 namespace sim {
@@ -25,6 +28,18 @@ struct DeviceDesc {
     uint32_t idcode;  // kNoIdcode: none
     unsigned irLength;  // 2 to 32; at least kProgIrMinLength with memory
     MemoryDesc memory = {};
+    // A device described by a BSDL file (its IDCODE and IR length are the
+    // file's): the test logic of sim/BoundaryDevice.h, no memory.
+    BoundaryDesc boundary = {};
+};
+
+// A pin of a BSDL device on the chain: its position and its port ("NAME"
+// or "NAME(i)"), as the options write it: POS.PORT.
+struct PinRef {
+    unsigned position = 0;
+    std::string port;
+    bool operator<(const PinRef& o) const;
+    bool operator==(const PinRef& o) const;
 };
 
 class JtagChain {
@@ -53,6 +68,16 @@ class JtagChain {
     // Rising TCK edges so far.
     uint64_t tckCycles() const { return tckCycles_; }
 
+    // The levels of BSDL devices' input pins that nothing on the chain
+    // drives (default 1: a pull-up), and the nets between two devices' pins:
+    // what one drives under EXTEST, the other reads.
+    void pinsAre(std::map<PinRef, bool> levels) { pins_ = std::move(levels); }
+    void netsAre(std::vector<std::pair<PinRef, PinRef>> nets) { nets_ = std::move(nets); }
+    // The level on a BSDL device's pin now.
+    bool pinLevel(size_t position, const std::string& port) const;
+    // The BSDL device at a position; null for another kind.
+    const BoundaryDevice* boundary(size_t i) const { return devices_[i].bsd ? &*devices_[i].bsd : nullptr; }
+
   private:
     // A shift register of any length that shifts in constant time: a ring
     // whose bit i (bit 0 leaves on TDO first) is at (head + i) % size.
@@ -78,6 +103,7 @@ class JtagChain {
     struct Device {
         DeviceDesc desc;
         std::optional<ProgDevice> prog;
+        std::optional<BoundaryDevice> bsd;
         jtag::TapState state = jtag::TapState::TestLogicReset;
         uint32_t instruction = kIdcodeInstruction;
         uint32_t irShift = 0;
@@ -87,14 +113,17 @@ class JtagChain {
         bool tdoLevel = true;
 
         explicit Device(const DeviceDesc& d);
-        ShiftRegister& selected() { return instruction == kLoopbackInstruction ? loopback : dr; }
+        ShiftRegister& selected() { return !bsd && instruction == kLoopbackInstruction ? loopback : dr; }
         bool memorySelected() const { return prog && prog->registerLength(instruction) > 0; }
-        void capture();
-        void rising(bool tms, bool tdi);
+        void capture(const JtagChain& chain, size_t position);
+        void rising(bool tms, bool tdi, const JtagChain& chain, size_t position);
         void falling();
+        void reset();
     };
 
     std::vector<Device> devices_;
+    std::map<PinRef, bool> pins_;
+    std::vector<std::pair<PinRef, PinRef>> nets_;
     bool tck_ = false;
     uint64_t tckCycles_ = 0;
 };

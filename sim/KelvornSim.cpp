@@ -11,6 +11,7 @@
 
 #include "sim/Board.h"
 #include "play/KelvornPlay.h"
+#include "chain/KelvornChain.h"
 #include "serve/KelvornServe.h"
 #include "sim/Options.h"
 #include "sim/Scan.h"
@@ -47,7 +48,9 @@ int main(int argc, char** argv) {
         "  kelvorn-sim [options] serve [serve options] <fpga> <pci address>\n"
         "      kelvorn-serve itself, on the simulated board (kelvorn-sim serve --help)\n"
         "  kelvorn-sim [options] play [play options] <fpga> <pci address> <file>\n"
-        "      kelvorn-play itself, on the simulated board (kelvorn-sim play --help)\n",
+        "      kelvorn-play itself, on the simulated board (kelvorn-sim play --help)\n"
+        "  kelvorn-sim [options] chain [chain options] <fpga> <pci address> [command]\n"
+        "      kelvorn-chain itself, on the simulated board (kelvorn-sim chain --help)\n",
         "kelvorn-sim"};
     app.set_version_flag("--version", "kelvorn-sim " KELVORN_VERSION);
     app.add_option("--platform", config.platform,
@@ -58,7 +61,8 @@ int main(int argc, char** argv) {
     app.add_option("--chain", chain,
                    "the devices on the chain, nearest TDO first, each IDCODE:IRLEN[:mem=ROWSxBITS[:erase=CYCLES]"
                    "[:program=CYCLES]] (IDCODE none: a device without one): mem= makes it programmable, ROWS rows of BITS bits, erased and "
-                   "programmed in the TCK cycles given (default 1000 and 100) in Run-Test/Idle")
+                   "programmed in the TCK cycles given (default 1000 and 100) in Run-Test/Idle; or "
+                   "bsdl=FILE[:package=NAME][:usercode=0xHHHHHHHH], the device a BSDL file describes")
         ->capture_default_str()
         ->check([&](const std::string& s) { return sim::parseChain(s, &config.chain); });
     app.add_option("--hold", config.holdSeconds, "seconds a set command holds its pin, instead of ten")
@@ -85,6 +89,20 @@ int main(int argc, char** argv) {
     app.add_flag("--stats", config.stats,
                  "after the run, print \"sim stats: reads R writes W tck-cycles C\" on stderr: the register accesses "
                  "of the chip the chain hangs on, and the rising TCK edges the chain saw");
+    std::vector<std::string> pins, nets;
+    app.add_option("--pin", pins, "the level on an input pin of a BSDL device that nothing drives (default 1)")
+        ->type_name("POS.PORT=0|1");
+    app.add_option("--net", nets, "a wire between two BSDL devices' pins: what one drives under EXTEST the other reads")
+        ->type_name("POS.PORT=POS.PORT");
+    app.add_option("--dump-pins", config.dumpPins,
+                   "after the run, write what BSDL devices' boundary registers last drove onto their pins under "
+                   "EXTEST to FILE, one line per driven pin: POS.PORT LEVEL")
+        ->type_name("FILE")
+        ->check(writable);
+    std::string tdo = "chain";
+    app.add_option("--tdo", tdo, "TDO as the chip sees it: the chain's, or stuck at 0 or at 1 (a dead chain)")
+        ->check(CLI::IsMember({"chain", "stuck-0", "stuck-1"}))
+        ->capture_default_str();
     app.add_option("kelvorn", kelvornArgs, "the arguments of kelvorn, after --");
     CLI::App* scan = app.add_subcommand("scan", "reset the chain and print the IDCODEs on it");
     scan->add_option("fpga", scanDevice, "the device name")->required();
@@ -94,14 +112,37 @@ int main(int argc, char** argv) {
     serveCommand->prefix_command()->set_help_flag();
     CLI::App* playCommand = app.add_subcommand("play", "run kelvorn-play; its options and arguments follow");
     playCommand->prefix_command()->set_help_flag();
+    CLI::App* chainCommand = app.add_subcommand("chain", "run kelvorn-chain; its options and arguments follow");
+    chainCommand->prefix_command()->set_help_flag();
     try {
         app.parse(argc, argv);
         std::string noMemory = sim::needMemory(config.chain);
         if (!config.dumpMemory.empty() && !noMemory.empty()) throw CLI::ValidationError("--dump-memory", noMemory);
+        for (const std::string& p : pins) {
+            size_t eq = p.rfind('=');
+            sim::PinRef pin;
+            std::string error = eq == std::string::npos || eq + 2 != p.size() || (p[eq + 1] != '0' && p[eq + 1] != '1')
+                                    ? "wants POS.PORT=0 or POS.PORT=1: " + p
+                                    : sim::parsePin(p.substr(0, eq), &pin);
+            if (error.empty()) error = sim::checkPin(config.chain, pin);
+            if (!error.empty()) throw CLI::ValidationError("--pin", error);
+            config.pins[pin] = p[eq + 1] == '1';
+        }
+        for (const std::string& n : nets) {
+            size_t eq = n.find('=');
+            sim::PinRef a, b;
+            std::string error = eq == std::string::npos ? "wants POS.PORT=POS.PORT: " + n : sim::parsePin(n.substr(0, eq), &a);
+            if (error.empty()) error = sim::parsePin(n.substr(eq + 1), &b);
+            if (error.empty()) error = sim::checkPin(config.chain, a);
+            if (error.empty()) error = sim::checkPin(config.chain, b);
+            if (!error.empty()) throw CLI::ValidationError("--net", error);
+            config.nets.emplace_back(a, b);
+        }
     } catch (const CLI::ParseError& e) {
         return app.exit(e);
     }
     config.vcdRealTime = vcdTime == "real";
+    config.tdoStuck = tdo == "stuck-0" ? 0 : tdo == "stuck-1" ? 1 : -1;
 
     serve::Options serveOptions;
     if (serveCommand->parsed()) {
@@ -125,15 +166,25 @@ int main(int argc, char** argv) {
                 playDevice = playArgs[i];
         }
     }
+    std::vector<std::string> chainArgs{"kelvorn-chain"};
+    if (chainCommand->parsed())
+        for (const std::string& a : chainCommand->remaining()) chainArgs.push_back(a);
     config.device = scan->parsed()           ? scanDevice
                     : serveCommand->parsed() ? serveOptions.fpga
                     : playCommand->parsed()  ? playDevice
+                    : chainCommand->parsed() ? kelvornChainDevice({chainArgs.begin() + 1, chainArgs.end()})
                     : kelvornArgs.empty()    ? ""
                                              : kelvornArgs.front();
     sim::Board board(config);
     board.install();
     if (scan->parsed()) return sim::scan(scanDevice.c_str(), scanAddress.c_str(), stdout);
     if (serveCommand->parsed()) return serve::run(serveOptions);
+    if (chainCommand->parsed()) {
+        std::vector<char*> args;
+        for (std::string& a : chainArgs) args.push_back(&a[0]);
+        args.push_back(nullptr);
+        return kelvornChainMain(static_cast<int>(args.size() - 1), args.data());
+    }
     if (playCommand->parsed()) {
         std::vector<char*> args;
         for (std::string& a : playArgs) args.push_back(&a[0]);

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <set>
 
 namespace sim {
@@ -46,8 +47,34 @@ std::string parseMemoryField(const std::string& field, MemoryDesc* m, std::set<s
     return "";
 }
 
+// "bsdl=FILE[:package=NAME][:usercode=0xHHHHHHHH]": a device the file describes.
+std::string parseBsdlDevice(const std::vector<std::string>& fields, DeviceDesc* d) {
+    auto device = std::make_shared<jtag::bsdl::Device>();
+    jtag::bsdl::Error error;
+    if (!jtag::bsdl::readFile(fields[0].substr(5), device.get(), &error)) return error.text();
+    if (device->irLength < 2 || device->irLength > kMaxIrLength)
+        return device->file + ": an instruction register of " + std::to_string(device->irLength) +
+               " bits; the simulator has 2 to " + std::to_string(kMaxIrLength);
+    *d = {kNoIdcode, device->irLength};
+    std::set<std::string> seen;
+    for (size_t i = 1; i < fields.size(); ++i) {
+        const std::string& f = fields[i];
+        size_t eq = f.find('=');
+        std::string key = f.substr(0, eq), value = eq == std::string::npos ? "" : f.substr(eq + 1);
+        if ((key != "package" && key != "usercode") || !seen.insert(key).second)
+            return "bsdl= takes package=NAME and usercode=0xHHHHHHHH, each once: " + f;
+        unsigned long code;
+        if (key == "usercode" && !parseNumber(value, 0xffffffffUL, &code)) return "usercode= wants a 32-bit number: " + f;
+        if (key == "usercode") d->boundary.usercode = static_cast<uint32_t>(code);
+        if (key == "package" && !device->package(value)) return device->file + " has no package " + value;
+    }
+    d->boundary.bsdl = std::move(device);
+    return "";
+}
+
 std::string parseDevice(const std::string& item, DeviceDesc* d) {
     std::vector<std::string> fields = split(item, ':');
+    if (fields[0].compare(0, 5, "bsdl=") == 0) return parseBsdlDevice(fields, d);
     unsigned long id = kNoIdcode, len;
     bool none = !fields.empty() && fields[0] == "none";
     if (fields.size() < 2 || (!none && !parseNumber(fields[0], 0xffffffffUL, &id)) ||
@@ -109,10 +136,36 @@ std::string needMemory(const std::vector<DeviceDesc>& chain) {
     return "no device on the chain has memory (mem=ROWSxBITS)";
 }
 
+std::string parsePin(const std::string& text, PinRef* pin) {
+    size_t dot = text.find('.');
+    unsigned long p;
+    if (dot == std::string::npos || !parseNumber(text.substr(0, dot), 0xffff, &p) || dot + 1 == text.size())
+        return "wants POS.PORT, for example 1.LED: " + text;
+    *pin = {static_cast<unsigned>(p), text.substr(dot + 1)};
+    return "";
+}
+
+std::string checkPin(const std::vector<DeviceDesc>& chain, const PinRef& pin) {
+    if (pin.position >= chain.size() || !chain[pin.position].boundary.bsdl)
+        return "no BSDL device at position " + std::to_string(pin.position) + " of the chain";
+    const jtag::bsdl::Device& d = *chain[pin.position].boundary.bsdl;
+    for (const jtag::bsdl::Cell& c : d.boundary)
+        if (c.port != "*" && PinRef{pin.position, c.port} == pin) return "";
+    return d.entity + " has no boundary cell for " + pin.port;
+}
+
 std::string chainText(const std::vector<DeviceDesc>& chain) {
     std::string s;
     char buf[96];
     for (const DeviceDesc& d : chain) {
+        if (d.boundary.bsdl) {
+            s += (s.empty() ? "bsdl=" : ",bsdl=") + d.boundary.bsdl->file;
+            if (d.boundary.usercode) {
+                std::snprintf(buf, sizeof buf, ":usercode=0x%08x", d.boundary.usercode);
+                s += buf;
+            }
+            continue;
+        }
         if (d.idcode == kNoIdcode)
             std::snprintf(buf, sizeof buf, "%snone:%u", s.empty() ? "" : ",", d.irLength);
         else

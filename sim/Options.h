@@ -18,11 +18,17 @@ std::string parseCpu(const std::string& text, unsigned* family, unsigned* model)
 
 // Devices separated by commas, the device nearest TDO first:
 //   IDCODE:IRLEN[:mem=ROWSxBITS[:erase=CYCLES][:program=CYCLES]]
+//   bsdl=FILE[:package=NAME][:usercode=0xHHHHHHHH]
 // mem= makes the device programmable (sim/ProgDevice.h): ROWS rows of BITS
-// bits; erase= and program= are its busy times in TCK cycles.
+// bits; erase= and program= are its busy times in TCK cycles. bsdl= makes
+// it the device the BSDL file describes (sim/BoundaryDevice.h).
 std::string parseChain(const std::string& text, std::vector<DeviceDesc>* chain);
 // The chain as parseChain reads it; fields at their defaults left out.
 std::string chainText(const std::vector<DeviceDesc>& chain);
+// "POS.PORT": a pin of a device on the chain.
+std::string parsePin(const std::string& text, PinRef* pin);
+// "" when the pin is a boundary-scan pin of a BSDL device on the chain.
+std::string checkPin(const std::vector<DeviceDesc>& chain, const PinRef& pin);
 // "" when a device on the chain has memory, else what is wrong.
 std::string needMemory(const std::vector<DeviceDesc>& chain);
 

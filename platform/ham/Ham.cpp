@@ -144,7 +144,8 @@ class IoPortHamImpl : public HamImpl {
 
 }  // namespace
 
-Ham::Ham(String name, HamType type, Ptr<Ham>, U32 base, U32 size, String fileName) {
+Ham::Ham(String name, HamType type, Ptr<Ham>, U32 base, U32 size, String fileName, String tag) {
+    desc_.tag = std::move(tag);
     desc_.name = std::move(name);
     desc_.type = type;
     desc_.base = base;
@@ -196,8 +197,9 @@ String PciHam::resourcePath(const PciAddress& a, const String& resource) {
 }
 
 static HamDesc pciDesc(const String& name, U32 base, U32 size, const PciAddress& a,
-                       const String& resource) {
+                       const String& resource, const String& tag) {
     HamDesc s;
+    s.tag = tag;
     s.name = name;
     s.type = HamType::mappedFile;
     s.base = base;
@@ -207,5 +209,5 @@ static HamDesc pciDesc(const String& name, U32 base, U32 size, const PciAddress&
 }
 
 PciHam::PciHam(String name, U32 base, U32 size, String resource, String, String, PciAddress address,
-               PciId, bool)
-    : Ham(pciDesc(name, base, size, address, resource)) {}
+               PciId, bool, String tag)
+    : Ham(pciDesc(name, base, size, address, resource, tag)) {}

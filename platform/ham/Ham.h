@@ -57,6 +57,10 @@ struct HamDesc {
     U32 base = 0;
     U32 size = 0;      // 0: the whole file
     String fileName;   // empty for I/O ports
+    // What the window is onto, as the backend that makes it says
+    // ("sb820", "pex8600", ...): how a provider such as the board simulator
+    // knows which chip to put behind it. Empty: not said.
+    String tag;
 };
 
 using HamProvider = std::function<Ptr<HamImpl>(const HamDesc&)>;
@@ -65,7 +69,7 @@ class Ham : public RefCounted {
   public:
     // Makes the window at once. A window that cannot be made ends the
     // process with one line on stderr and exit status 1.
-    Ham(String name, HamType type, Ptr<Ham> parent, U32 base, U32 size, String fileName);
+    Ham(String name, HamType type, Ptr<Ham> parent, U32 base, U32 size, String fileName, String tag = String());
 
     Ptr<HamImpl> hamImpl() const { return impl_; }
     const HamDesc& desc() const { return desc_; }
@@ -104,7 +108,7 @@ class Ham : public RefCounted {
 class PciHam : public Ham {
   public:
     PciHam(String name, U32 base, U32 size, String resource, String driver, String options,
-           PciAddress address, PciId id, bool writable);
+           PciAddress address, PciId id, bool writable, String tag = String());
 
     static String resourcePath(const PciAddress& address, const String& resource);
 };

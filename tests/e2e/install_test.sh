@@ -33,6 +33,7 @@ $libdir/pkgconfig/kelvorn.pc
 lib/systemd/system/kelvorn-serve@.service
 lib/systemd/system/kelvorn-serve@.socket
 share/bash-completion/completions/kelvorn
+share/bash-completion/completions/kelvorn-chain
 share/bash-completion/completions/kelvorn-play
 share/bash-completion/completions/kelvorn-serve
 share/doc/kelvorn/changelog.gz
@@ -41,12 +42,13 @@ share/doc/libxilinx-dev/changelog.gz
 share/doc/libxilinx-dev/copyright
 share/doc/libxilinx1/changelog.gz
 share/doc/libxilinx1/copyright
+share/man/man1/kelvorn-chain.1.gz
 share/man/man1/kelvorn-play.1.gz
 share/man/man1/kelvorn-serve.1.gz
 share/man/man1/kelvorn.1.gz
 share/man/man3/libxilinx.3.gz")" "installed library, manual pages, completion, units and package documents"
 # Tools come from kelvorn_install_tool(); never the simulator, tests or benchmarks.
-expect_eq "$(ls "$stage/bin" | paste -sd' ')" "kelvorn kelvorn-play kelvorn-serve" "installed tools"
+expect_eq "$(ls "$stage/bin" | paste -sd' ')" "kelvorn kelvorn-chain kelvorn-play kelvorn-serve" "installed tools"
 
 so=$stage/$libdir/libxilinx.so.1
 functions=$(sed -nE 's/^[a-zA-Z].*[ *](XilIntf_[A-Za-z]+)\(.*/\1/p' "$stage/include/kelvorn/XilIntfC.h" | sort)

@@ -20,12 +20,13 @@ using namespace sim;
 
 namespace {
 
+// A window as a backend makes it: the simulator picks the chip by its tag.
 Ptr<HamImpl> window(const char* name, const char* file, U32 base = 0, U32 size = 0,
-                    HamType type = HamType::mappedFile) {
-    return Ham::provided({name, type, base, size, file});
+                    HamType type = HamType::mappedFile, const char* tag = "") {
+    return Ham::provided({name, type, base, size, file, tag});
 }
-Ptr<HamImpl> sb820() { return window("theSb820Ham", "/sys/bus/pci/devices/0000:00:14.0/resource5"); }
-Ptr<HamImpl> fch() { return window("gpioWindow", "/dev/mem", 0xFED80000, 0x2000); }
+Ptr<HamImpl> sb820() { return window("theSb820Ham", "/sys/bus/pci/devices/0000:00:14.0/resource5", 0, 0, HamType::mappedFile, "sb820"); }
+Ptr<HamImpl> fch() { return window("gpioWindow", "/dev/mem", 0xFED80000, 0x2000, HamType::mappedFile, "fch-gpio"); }
 
 BoardConfig boardFor(const char* device, const char* platform = "") {
     BoardConfig c;
@@ -66,13 +67,17 @@ TEST(SimBoard, WindowsAreModelsUnknownOnesPlainMemory) {
     board.install();
     EXPECT_EQ(fch().ptr(), fch().ptr());  // the same window twice is the same chip
     EXPECT_EQ(dynamic_cast<FchGpioModel&>(*fch()).layout(), FchLayout::steppeEagle);  // the default processor
-    // Unknown windows, I/O ports among them, get plain memory and a warning.
+    // Unknown windows, I/O ports among them, get plain memory and a warning;
+    // so does a window with a chip's usual name but no tag saying what it is onto.
     ::testing::internal::CaptureStderr();
     Ptr<HamImpl> odd = window("oddHam", "", 0, 0, HamType::ioPort);
     window("theSb820Ham2", "/dev/mem", 0, 0x1000);
+    window("theJamHam", "/sys/bus/pci/devices/0000:03:00.0/resource0");
     EXPECT_EQ(::testing::internal::GetCapturedStderr(),
               "kelvorn-sim: no model for window oddHam (I/O ports), plain memory behind it\n"
-              "kelvorn-sim: no model for window theSb820Ham2 (/dev/mem), plain memory behind it\n");
+              "kelvorn-sim: no model for window theSb820Ham2 (/dev/mem), plain memory behind it\n"
+              "kelvorn-sim: no model for window theJamHam (/sys/bus/pci/devices/0000:03:00.0/resource0), plain memory "
+              "behind it\n");
     odd->write32(0x80, 0x12345678);  // port 0x80: stays in the model
     U32 v;
     odd->read32(0x80, &v);

@@ -20,6 +20,10 @@ struct Platform {
     const char* name;
     int platformClass;
 };
+
+// What the register window is onto, for a provider that stands in for it (HamDesc::tag).
+constexpr char kWindowTag[] = "fch-gpio";
+
 constexpr Platform kPlatforms[] = {
     {"gozip",      0x01},
     {"lubug",      0x02},
@@ -145,6 +149,7 @@ int validatePlatform() {
     desc.base = kFchBase;
     desc.size = soc.windowLength;
     desc.fileName = kDevMem;
+    desc.tag = kWindowTag;
     if (Ptr<HamImpl> substitute = Ham::provided(desc))
         useSoc(soc.kind, nullptr, substitute);
     else

@@ -11,6 +11,9 @@
 
 namespace {
 
+// What the register window is onto, for a provider that stands in for it (HamDesc::tag).
+constexpr char kWindowTag[] = "cave-creek-gpio";
+
 // LPC configuration register with the I/O base of the GPIO block; bits 15..7.
 constexpr long kGpioBaseConfigReg = 0x48;
 constexpr U32 kGpioBaseMask = 0xff80;
@@ -87,7 +90,7 @@ CaveCreekPCHIntf::CaveCreekPCHIntf(U16, U16, U16 domain, U8 bus, U8 device, U8 f
     : XilIntf(lockName) {
     gpioBase = readGpioBaseReg(Hal::sysfsPath("config", domain, bus, device, function).c_str()) & kGpioBaseMask;
     std::printf("GPIO Offset: 0x%x\n", gpioBase);
-    ham = new Ham("theCaveCreekPCHIOHam", HamType::ioPort, nullptr, 0, 0, "");
+    ham = new Ham("theCaveCreekPCHIOHam", HamType::ioPort, nullptr, 0, 0, "", kWindowTag);
 }
 
 U32 CaveCreekPCHIntf::useSelectGpioReg(U8 gpio) const { return gpioBase + bankOf(gpio).useSelect; }

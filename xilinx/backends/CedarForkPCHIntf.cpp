@@ -9,6 +9,9 @@
 
 namespace {
 
+// What the register window is onto, for a provider that stands in for it (HamDesc::tag).
+constexpr char kWindowTag[] = "cedar-fork-gpio";
+
 // The PCH register space mapped from /dev/mem: 0xFD000000..0xFDC5FFFF.
 constexpr U32 kWindowBytes = 0xC60000;
 
@@ -130,6 +133,6 @@ XilIntf* CedarForkPCHFactory::newXilIntf(U16, U16, U16 domain, U8 bus, U8 device
     CedarForkPCHIntf* intf = new CedarForkPCHIntf(lockName);
     U32 page = static_cast<U32>(Os::pageSize());
     U32 size = (kWindowBytes + page - 1) / page * page;
-    intf->ham = new Ham("CedarForkGpioHam", HamType::mappedFile, nullptr, intf->physBase, size, "/dev/mem");
+    intf->ham = new Ham("CedarForkGpioHam", HamType::mappedFile, nullptr, intf->physBase, size, "/dev/mem", kWindowTag);
     return intf;
 }

@@ -7,6 +7,9 @@
 
 namespace {
 
+// What the register window is onto, for a provider that stands in for it (HamDesc::tag).
+constexpr char kWindowTag[] = "intel-gbe";
+
 // Device control registers that carry the SDP bits.
 constexpr U32 ctrlOffset = 0x0000;     // CTRL
 constexpr U32 ctrlExtOffset = 0x0018;  // CTRL_EXT
@@ -87,7 +90,7 @@ IntelGbeControllerIntf::IntelGbeControllerIntf(U16 pciVendor, U16 pciDevice, U16
                                               << " pciDevice 0x" << pciDevice << " pciAddr "
                                               << _fmt("%04x:%02x:%02x.%01x", domain, bus, device, function));
     Ptr<Ham> window = new PciHam(lockName, 0, windowSize, "resource0", "", "",
-                                 PciAddress{domain, bus, device, function}, 0, true);
+                                 PciAddress{domain, bus, device, function}, 0, true, kWindowTag);
     window->reaches(registersEnd);
     ham = window->hamImpl();
 }

@@ -8,6 +8,9 @@
 
 namespace {
 
+// What the register window is onto, for a provider that stands in for it (HamDesc::tag).
+constexpr char kWindowTag[] = "pericom-gen3";
+
 // GPIO registers of a block, per bank (GPIO 0..15, GPIO 16..31), at
 // blockBase + offset. Direction: two bits per GPIO, bit 2n+1 set = output
 // (bit 2n is left alone). Input and output data: bit n per GPIO.
@@ -40,7 +43,7 @@ U32 bitOf(U32 pin) { return pin % 16; }
 PericomGen3Intf::PericomGen3Intf(U16, U16, U16 domain, U8 bus, U8 device, U8 function, const char* lockName)
     : XilIntf(lockName) {
     XTRACE(1, "sysfs path: " << Hal::sysfsPath("resource0", domain, bus, device, function));
-    ham = Hal::sysfsWindow("PericomGen3Ham", "resource0", domain, bus, device, function, false);
+    ham = Hal::sysfsWindow("PericomGen3Ham", "resource0", domain, bus, device, function, false, kWindowTag);
 }
 
 U32 PericomGen3Intf::bankReg(const U16 (&offsets)[2], U32 pin) const { return blockBase + offsets[pin > 15]; }

@@ -9,6 +9,9 @@
 
 namespace {
 
+// What the register window is onto, for a provider that stands in for it (HamDesc::tag).
+constexpr char kWindowTag[] = "pex8600";
+
 // GPIO registers in BAR 0; each group of 16 GPIOs has its own register,
 // the second group's 4 bytes above the first's. GPIO g is bit g % 16 of
 // group g / 16.
@@ -65,7 +68,7 @@ PlxPex8600Intf::PlxPex8600Intf(U16, U16, U16 domain, U8 bus, U8 device, U8 funct
       tdiCount(0),
       tmsCount(0),
       tckCount(0) {
-    ham = Hal::sysfsWindow("theJamHam", "resource0", domain, bus, device, function, true);
+    ham = Hal::sysfsWindow("theJamHam", "resource0", domain, bus, device, function, true, kWindowTag);
 }
 
 void PlxPex8600Intf::directionIs(U8 pin, U32 dir) {

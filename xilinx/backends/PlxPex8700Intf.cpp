@@ -9,6 +9,9 @@
 
 namespace {
 
+// What the register window is onto, for a provider that stands in for it (HamDesc::tag).
+constexpr char kWindowTag[] = "pex8700";
+
 // GPIO registers in BAR 0, at their default place.
 constexpr U32 kDirection = 0x600;    // GPIOs 0 to 9: three bits per GPIO (3p+2..3p)
 constexpr U32 kDirection10 = 0x604;  // GPIO 10: the whole register
@@ -67,7 +70,7 @@ PlxPex8700Intf::PlxPex8700Intf(U16, U16, U16 domain, U8 bus, U8 device, U8 funct
       dir10Offset(kDirection10),
       inputOffset(kInputData),
       outputOffset(kOutputData),
-      ham(Hal::sysfsWindow("PlxPex8700Ham", "resource0", domain, bus, device, function, false)),
+      ham(Hal::sysfsWindow("PlxPex8700Ham", "resource0", domain, bus, device, function, false, kWindowTag)),
       impl(ham->hamImpl()),
       heldLowPin(kNoPin),
       heldHighPin(kNoPin),

@@ -8,6 +8,9 @@
 
 namespace {
 
+// What the register window is onto, for a provider that stands in for it (HamDesc::tag).
+constexpr char kWindowTag[] = "sb820";
+
 // GPIO n is controlled by the byte at kControlBase + n of resource5.
 constexpr U32 kControlBase = 0x100;
 constexpr U8 kInputLevel = 0x80;   // bit 7: level on the pin
@@ -53,7 +56,7 @@ bool isDevice(const char* name) { return std::strcmp(name, "fodak") == 0 || std:
 }  // namespace
 
 Sb820Intf::Sb820Intf(U16, U16, U16 domain, U8 bus, U8 device, U8 function, const char* lockName)
-    : XilIntf(lockName), ham(Hal::sysfsWindow("theSb820Ham", "resource5", domain, bus, device, function, true)) {}
+    : XilIntf(lockName), ham(Hal::sysfsWindow("theSb820Ham", "resource5", domain, bus, device, function, true, kWindowTag)) {}
 
 void Sb820Intf::controlIs(U8 gpio, U8 clear, U8 set) {
     U8 byte;

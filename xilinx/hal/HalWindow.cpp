@@ -15,15 +15,15 @@ String sysfsPath(const char* resource, U16 domain, U8 bus, U8 device, U8 functio
 }
 
 Ptr<Ham> sysfsWindow(const char* hamName, const char* resource, U16 domain, U8 bus, U8 device, U8 function,
-                     bool honourTestMode) {
+                     bool honourTestMode, const char* tag) {
     String path = sysfsPath(resource, domain, bus, device, function);
-    if (!honourTestMode) return new Ham(hamName, HamType::mappedFile, nullptr, 0, 0, path);
+    if (!honourTestMode) return new Ham(hamName, HamType::mappedFile, nullptr, 0, 0, path, tag);
     XTRACE(1, "Ham fname is " << path);
     if (XilIntf::testMode) {
         path = XilIntf::testMemMapFile;
         XTRACE(1, "Using test ham fname " << path << " instead");
     }
-    Ptr<Ham> ham = new Ham(hamName, HamType::mappedFile, nullptr, 0, 0, path);
+    Ptr<Ham> ham = new Ham(hamName, HamType::mappedFile, nullptr, 0, 0, path, tag);
     XTRACE(1, "Ham created");
     return ham;
 }

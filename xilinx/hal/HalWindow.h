@@ -12,8 +12,8 @@ String sysfsPath(const char* resource, U16 domain, U8 bus, U8 device, U8 functio
 // With honourTestMode, traces the path at level 1 ("Ham fname is ...") and,
 // in test mode, maps /tmp/xilinxTestMemMapFile instead (also traced), and
 // traces "Ham created" once the window exists. Without it, maps the sysfs
-// file silently.
+// file silently. tag says what the window is onto (HamDesc::tag).
 Ptr<Ham> sysfsWindow(const char* hamName, const char* resource, U16 domain, U8 bus, U8 device, U8 function,
-                     bool honourTestMode);
+                     bool honourTestMode, const char* tag = "");
 
 }  // namespace Hal

@@ -1,0 +1,29 @@
+// kelvorn-chain: bring-up of a JTAG chain on the board. Without a command
+// it finds the devices on the chain, their IDCODEs, instruction register
+// lengths, makers and (from their BSDL files) parts; the commands read a
+// device's pins (sample, watch), drive them (drive), test a net between two
+// devices (connect) and read a USERCODE (usercode), through the device's
+// boundary register as its BSDL file describes it.
+//
+// kelvornChainMain is the whole program; main() only calls it, and the
+// board simulator runs it on a simulated board.
+#pragma once
+#include <string>
+#include <vector>
+
+// Exit statuses.
+constexpr int kChainOk = 0;
+// 1: the interface refused (lock held by another process, unknown device,
+// unsupported board); the module ends the process itself.
+constexpr int kChainUsage = 2;         // the command line is not understood
+constexpr int kChainNoBackend = 3;     // no backend serves the name on this board
+constexpr int kChainDead = 4;          // a dead or inconsistent chain
+constexpr int kChainBadBsdl = 5;       // a BSDL file cannot be read, or none describes what a command needs
+constexpr int kChainDriveRefused = 6;  // a drive refused (no output cell, or not allowed)
+constexpr int kChainNotConnected = 7;  // connect: the net is not connected
+
+int kelvornChainMain(int argc, char** argv);
+
+// The device name among kelvorn-chain's arguments (without the program's
+// name), as it parses them; empty when they do not parse.
+std::string kelvornChainDevice(const std::vector<std::string>& args);

@@ -1,0 +1,3 @@
+#include "chain/KelvornChain.h"
+
+int main(int argc, char** argv) { return kelvornChainMain(argc, argv); }

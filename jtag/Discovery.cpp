@@ -1,0 +1,115 @@
+#include "jtag/Discovery.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cctype>
+
+#include "jtag/Jep106.h"
+
+namespace jtag {
+
+void BsdlCatalogue::add(std::shared_ptr<const bsdl::Device> device) {
+    // The same file twice (named, and in a directory searched) is one file.
+    char* real = ::realpath(device->file.c_str(), nullptr);
+    std::string key = real ? real : device->file;
+    std::free(real);
+    if (!paths_.insert(key).second) return;
+    devices_.push_back(std::move(device));
+}
+
+bool BsdlCatalogue::addFile(const std::string& path, bsdl::Error* error) {
+    auto device = std::make_shared<bsdl::Device>();
+    if (!bsdl::readFile(path, device.get(), error)) return false;
+    add(std::move(device));
+    return true;
+}
+
+void BsdlCatalogue::addDirectory(const std::string& dir) {
+    DIR* d = ::opendir(dir.c_str());
+    if (!d) return;
+    std::vector<std::string> names;
+    while (dirent* e = ::readdir(d))
+        if (e->d_name[0] != '.') names.push_back(e->d_name);
+    ::closedir(d);
+    std::sort(names.begin(), names.end());
+    for (const std::string& name : names) {
+        size_t dot = name.rfind('.');
+        std::string ext = dot == std::string::npos ? "" : name.substr(dot + 1);
+        for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        if (ext != "bsd" && ext != "bsdl") continue;
+        std::string path = dir + "/" + name;
+        struct stat st = {};
+        if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+        bsdl::Error error;
+        if (!addFile(path, &error)) warnings_.push_back(error.text());
+    }
+}
+
+std::vector<std::shared_ptr<const bsdl::Device>> BsdlCatalogue::find(uint32_t idcode) const {
+    std::vector<std::shared_ptr<const bsdl::Device>> found;
+    for (const auto& d : devices_)
+        if (!d->idcode.empty() && d->matches(idcode)) found.push_back(d);
+    return found;
+}
+
+const char* irFromName(DeviceFacts::IrFrom from) {
+    switch (from) {
+        case DeviceFacts::IrFrom::bsdl: return "bsdl";
+        case DeviceFacts::IrFrom::option: return "option";
+        case DeviceFacts::IrFrom::detected: return "detected";
+        case DeviceFacts::IrFrom::guess: return "guess";
+    }
+    return "";
+}
+
+Discovery discover(Tap& tap, const BsdlCatalogue& catalogue, const DiscoveryOptions& options) {
+    Discovery r;
+    r.scan = scanChain(tap, options.maxDevices);
+    if (r.scan.fault != ChainScan::Fault::none) return r;
+    size_t n = r.scan.idcodes.size();
+    std::vector<unsigned> known(n, 0);
+    r.devices.resize(n);
+    for (size_t i = 0; i < n; ++i) {
+        DeviceFacts& f = r.devices[i];
+        f.position = static_cast<unsigned>(i);
+        f.idcode = r.scan.idcodes[i];
+        if (f.idcode) {
+            if (const char* name = jep106Name(jep106Bank(*f.idcode), jep106Code(*f.idcode))) f.manufacturer = name;
+        }
+        auto chosen = options.bsdlAt.find(f.position);
+        if (chosen != options.bsdlAt.end()) {
+            f.bsdl = chosen->second;
+        } else if (f.idcode) {
+            auto found = catalogue.find(*f.idcode);
+            if (!found.empty()) f.bsdl = found.front();
+            for (size_t k = 1; k < found.size(); ++k) f.otherBsdl.push_back(found[k]->file);
+        }
+        auto given = options.irLength.find(f.position);
+        if (given != options.irLength.end()) {
+            known[i] = given->second;
+            f.irFrom = DeviceFacts::IrFrom::option;
+        } else if (f.bsdl) {
+            known[i] = f.bsdl->irLength;
+            f.irFrom = DeviceFacts::IrFrom::bsdl;
+        }
+    }
+    IrSplit split = splitIr(r.scan.irCapture, n, known);
+    r.irTotal = static_cast<unsigned>(r.scan.irCapture.size());
+    if (split.lengths.empty()) {
+        r.irProblem = "the instruction registers capture " + std::to_string(r.irTotal) +
+                      " bits that no split into " + std::to_string(n) +
+                      " registers of the known lengths fits (each captures ...01)";
+        for (size_t i = 0; i < n; ++i) r.devices[i].irLength = known[i];
+        return r;
+    }
+    for (size_t i = 0; i < n; ++i) {
+        r.devices[i].irLength = split.lengths[i];
+        if (!known[i]) r.devices[i].irFrom = split.unique ? DeviceFacts::IrFrom::detected : DeviceFacts::IrFrom::guess;
+    }
+    return r;
+}
+
+}  // namespace jtag

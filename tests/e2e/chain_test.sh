@@ -1,0 +1,175 @@
+# kelvorn-chain on simulated boards whose chain holds devices described by
+# BSDL files (tests/data/bsdl): discovery in text and JSON through three
+# backends, with the files and without; sample of pins set on the board,
+# connect over a wired net and an unwired pin, drive seen in the pins the
+# boundary register drove, USERCODE; dead chains; BSDL files that cannot be
+# read; the exit statuses.
+source "$(dirname "$0")/lib.sh" "$1"
+
+bsdl=$(cd "$(dirname "$0")/../data/bsdl" && pwd)
+d=$E2E_DIR/files
+mkdir -p "$d"
+chain="bsdl=$bsdl/kv_cpld64.bsd:usercode=0xcafe0001,bsdl=$bsdl/KV_FPGA6.BSD:usercode=0x12345678,bsdl=$bsdl/kv_dap4.bsd"
+
+# ---- discovery, through three backends ----
+
+found="0: IDCODE 0x0123402f, IR 8 bits (bsdl), Texas Instruments, kv_cpld64, version 0
+1: IDCODE 0x0a5c7043, IR 6 bits (bsdl), Lattice Semi., KV_FPGA6, version 0
+2: IDCODE 0x4ba00477, IR 4 bits (bsdl), ARM Ltd., KV_DAP4, version 4
+3 devices, IR 18 bits in all"
+json='{"devices":[{"position":0,"idcode":"0x0123402f","ir_length":8,"ir_length_from":"bsdl","manufacturer":"Texas Instruments","part":"kv_cpld64","version":0,"bsdl":"BSDL/kv_cpld64.bsd"},{"position":1,"idcode":"0x0a5c7043","ir_length":6,"ir_length_from":"bsdl","manufacturer":"Lattice Semi.","part":"KV_FPGA6","version":0,"bsdl":"BSDL/KV_FPGA6.BSD"},{"position":2,"idcode":"0x4ba00477","ir_length":4,"ir_length_from":"bsdl","manufacturer":"ARM Ltd.","part":"KV_DAP4","version":4,"bsdl":"BSDL/kv_dap4.bsd"}],"ir_total":18}'
+while read -r what board fpga address; do
+  board=(${board//,/ } --chain "$chain")
+  e2e_run kelvorn-sim "${board[@]}" chain --bsdl-path "$bsdl" "$fpga" "$address"
+  expect_eq "$E2E_STATUS|$E2E_OUT|$E2E_ERR" "0|$found|" "$what: discovery with the BSDL files"
+  e2e_run kelvorn-sim "${board[@]}" chain --json --bsdl-path "$bsdl" "$fpga" "$address"
+  expect_eq "$E2E_STATUS|${E2E_OUT//$bsdl/BSDL}" "0|$json" "$what: discovery as JSON"
+  e2e_run kelvorn-sim "${board[@]}" chain --bsdl-path "" "$fpga" "$address"
+  expect_eq "$E2E_STATUS|$E2E_OUT" "0|0: IDCODE 0x0123402f, IR 8 bits (detected), Texas Instruments, version 0
+1: IDCODE 0x0a5c7043, IR 6 bits (detected), Lattice Semi., version 0
+2: IDCODE 0x4ba00477, IR 4 bits (detected), ARM Ltd., version 4
+3 devices, IR 18 bits in all" "$what: without BSDL files, the IR lengths detected"
+done <<'EOF'
+SoC-GPIO --platform,gozip,--cpu,0x16:0x30 fodak 0000:00:14.0
+PEX-8600 --cpu,0x16:0x30 rotanMotub 0000:03:00.0
+GbE --cpu,0x16:0x30 penetScd 0000:05:00.0
+EOF
+dev=(rotanMotub 0000:03:00.0)
+sim=(kelvorn-sim --chain "$chain")
+
+# A device without IDCODE, an unassigned maker, an ambiguous capture pinned by --irlen.
+e2e_run kelvorn-sim --chain 0x00000cfd:5,none:3 chain --json --bsdl-path "" "${dev[@]}"
+expect_eq "$E2E_OUT" '{"devices":[{"position":0,"idcode":"0x00000cfd","ir_length":5,"ir_length_from":"detected","manufacturer":null,"part":null,"version":0,"bsdl":null},{"position":1,"idcode":null,"ir_length":3,"ir_length_from":"detected","manufacturer":null,"part":null,"version":null,"bsdl":null}],"ir_total":8}' \
+  "no IDCODE, an unknown maker: JSON nulls"
+e2e_run kelvorn-sim --chain 0x00000cfd:5,none:3 chain --bsdl-path "" --irlen 1=3 "${dev[@]}"
+expect_eq "$E2E_OUT" "0: IDCODE 0x00000cfd, IR 5 bits (detected), bank 13 code 0x7e, version 0
+1: no IDCODE (BYPASS after reset), IR 3 bits (option)
+2 devices, IR 8 bits in all" "no IDCODE, an unknown maker, --irlen"
+
+# Two files for one IDCODE (one die, two packages): reported; --bsdl POS=FILE chooses.
+mkdir -p "$d/two"
+sed 's/kv_cpld64/kv_cpld64_cs48/g; s/"TQ44"/"CS48"/' "$bsdl/kv_cpld64.bsd" >"$d/two/kv_cpld64_cs48.bsd"
+cp "$bsdl/kv_cpld64.bsd" "$d/two/"
+e2e_run "${sim[@]}" chain --bsdl-path "$d/two" "${dev[@]}"
+expect_eq "$(head -n1 <<<"$E2E_OUT")|$E2E_ERR" \
+  "0: IDCODE 0x0123402f, IR 8 bits (bsdl), Texas Instruments, kv_cpld64, version 0|kelvorn-chain: 0: IDCODE 0x0123402f is in more than one BSDL file: $d/two/kv_cpld64.bsd, $d/two/kv_cpld64_cs48.bsd; using the first (--bsdl 0=FILE chooses)" \
+  "two files for one IDCODE: reported"
+e2e_run "${sim[@]}" chain --bsdl-path "$d/two" --bsdl "0=$d/two/kv_cpld64_cs48.bsd" "${dev[@]}"
+expect_eq "$(head -n1 <<<"$E2E_OUT")|$E2E_ERR" "0: IDCODE 0x0123402f, IR 8 bits (bsdl), Texas Instruments, kv_cpld64_cs48, version 0|" \
+  "--bsdl 0=FILE chooses"
+
+# ---- sample, usercode ----
+
+e2e_run "${sim[@]}" --pin 0.clk=0 --pin '0.d(3)=0' chain --bsdl-path "$bsdl" "${dev[@]}" sample 0
+expect_eq "$E2E_STATUS|$E2E_OUT" "0|clk 0 (pin 1)
+rst_n 1 (pin 2)
+d(0) 1 (pin 4)
+d(1) 1 (pin 5)
+d(2) 1 (pin 6)
+d(3) 0 (pin 7)" "sample: the pins set, the others pulled up, with their package pins"
+e2e_run "${sim[@]}" --pin '1.SW(2)=0' --pin 1.BUS=0 chain --json --bsdl-path "$bsdl" "${dev[@]}" sample KV_FPGA6
+expect_eq "$E2E_STATUS|$E2E_OUT" '0|{"device":1,"pins":{"SW(0)":1,"SW(1)":1,"SW(2)":0,"SW(3)":1,"BUS":0}}' \
+  "sample by entity name, as JSON"
+e2e_run "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" usercode 1
+expect_eq "$E2E_STATUS|$E2E_OUT" "0|1: USERCODE 0x12345678" "usercode"
+e2e_run "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" usercode 2
+expect_eq "$E2E_STATUS|$E2E_ERR" "5|kelvorn-chain: device 2 (KV_DAP4) has no USERCODE instruction" "usercode: none"
+e2e_run "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" sample 2
+expect_eq "$E2E_STATUS|$E2E_ERR" "5|kelvorn-chain: device 2 (KV_DAP4) has no boundary register" "sample: no boundary register"
+e2e_run "${sim[@]}" chain --bsdl-path "" "${dev[@]}" sample 0
+expect_eq "$E2E_STATUS|$E2E_ERR" "5|kelvorn-chain: device 0 has no BSDL file (--bsdl, --bsdl-path)" "sample: no BSDL file"
+e2e_run "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" sample 3
+expect_eq "$E2E_STATUS|$E2E_ERR" "2|kelvorn-chain: no device at position 3 (the chain has 3)" "sample: no such position"
+
+# ---- connect ----
+
+net=(--net '0.led=1.SW(1)' --net '1.BUS=0.d(0)')
+while read -r from to status result; do
+  e2e_run "${sim[@]}" "${net[@]}" --pin '1.SW(2)=0' chain --i-know-the-board --bsdl-path "$bsdl" "${dev[@]}" connect "$from" "$to"
+  expect_eq "$E2E_STATUS|$E2E_OUT" "$status|$from -> $to: $result" "connect $from $to"
+done <<'EOF'
+0.led 1.SW(1) 0 connected
+1.BUS 0.d(0) 0 connected
+0.led 1.SW(3) 7 stuck-1
+0.led 1.SW(2) 7 stuck-0
+EOF
+e2e_run "${sim[@]}" "${net[@]}" chain --json --bsdl "0=$bsdl/kv_cpld64.bsd" --bsdl-path "$bsdl" "${dev[@]}" connect 0.led '1.SW(1)'
+expect_eq "$E2E_STATUS|$E2E_OUT" '0|{"from":"0.led","to":"1.SW(1)","result":"connected"}' "connect as JSON, the driver's BSDL given"
+e2e_run "${sim[@]}" "${net[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" connect 0.led '1.SW(1)'
+expect_eq "$E2E_STATUS|$E2E_ERR" "6|kelvorn-chain: connect refused: device 0's BSDL file was found, not given: EXTEST drives its pins and may fight the board's own drivers; give it with --bsdl 0=FILE, or --i-know-the-board" \
+  "connect: refused without the BSDL given"
+
+# ---- drive ----
+
+e2e_run "${sim[@]}" --dump-pins "$d/pins" --vcd "$d/drive.vcd" chain --bsdl "$bsdl/kv_cpld64.bsd" --bsdl-path "$bsdl" --hold 0 \
+  "${dev[@]}" drive 0 led=1 'd(2)=0' 'd(1)=z'
+expect_eq "$E2E_STATUS|$E2E_OUT" "0|0: EXTEST, led=1 d(2)=0 d(1)=z, every other output safe (d(3)=0 too: they share a control cell with a port named); holding 0 s
+0: released (Test-Logic-Reset)" "drive: what it says"
+# led and d(2) as named; d(0), d(1) under their control cell at its safe (disabling) value;
+# d(3) shares d(2)'s control cell, its data cell at its safe value.
+expect_eq "$(cat "$d/pins")" "0.led 1
+0.d(2) 0
+0.d(3) 0" "drive: the pins the boundary register drove (--dump-pins)"
+expect_eq "$(grep -c 'enddefinitions' "$d/drive.vcd")" 1 "drive: the waveform written"
+e2e_run "${sim[@]}" --dump-pins "$d/pins" chain --i-know-the-board --bsdl-path "$bsdl" --hold 0 "${dev[@]}" drive 1 OUT0=1 BUS=z
+expect_eq "$E2E_STATUS|$(cat "$d/pins")" "0|1.OUT0 1" "drive: a two-state output and a released bidirectional pin"
+while IFS='|' read -r status err args; do
+  e2e_run "${sim[@]}" --dump-pins "$d/pins" chain --bsdl-path "$bsdl" --hold 0 "${dev[@]}" $args
+  expect_eq "$E2E_STATUS|$E2E_ERR|$(cat "$d/pins")" "$status|kelvorn-chain: $err|" "drive refused: $args"
+done <<'EOF'
+6|drive refused: device 1's BSDL file was found, not given: EXTEST drives its pins and may fight the board's own drivers; give it with --bsdl 1=FILE, or --i-know-the-board|drive 1 OUT0=1
+6|drive: clk has no output cell|drive 0 clk=1
+6|drive: OUT0 has no control cell: it cannot be left undriven|drive 1 OUT0=z
+6|drive: kv_cpld64 has no port nosuch|drive 0 nosuch=1
+2|led=2: wants PORT=0, PORT=1 or PORT=z|drive 0 led=2
+EOF
+
+# A signal during the hold ends it the normal way: Test-Logic-Reset, status 0.
+e2e_start "${sim[@]}" --dump-pins "$d/pins" chain --i-know-the-board --bsdl-path "$bsdl" "${dev[@]}" drive 1 OUT0=1
+for ((i = 0; i < 50; i++)); do grep -q holding "$E2E_DIR/bg.out" && break; sleep 0.1; done
+kill -INT "$E2E_BG"
+e2e_wait
+expect_eq "$E2E_STATUS|$E2E_OUT|$(cat "$d/pins")" "0|1: EXTEST, OUT0=1, every other output safe; holding until Ctrl-C
+1: released (Test-Logic-Reset)|1.OUT0 1" "drive until Ctrl-C"
+
+# watch: the first sample, then until a signal.
+e2e_start "${sim[@]}" --pin '1.SW(0)=0' chain --bsdl-path "$bsdl" "${dev[@]}" watch 1
+for ((i = 0; i < 50; i++)); do grep -q BUS "$E2E_DIR/bg.out" && break; sleep 0.1; done
+kill -TERM "$E2E_BG"
+e2e_wait
+expect_eq "$E2E_STATUS|$(head -n1 <<<"$E2E_OUT")" "0|SW(0) 0 (pin A1)" "watch: until a signal"
+
+# ---- dead chains, bad files, usage ----
+
+e2e_run kelvorn-sim --tdo stuck-0 chain "${dev[@]}"
+expect_eq "$E2E_STATUS|$E2E_ERR" "4|kelvorn-chain: TDO stuck at 0: nothing shifted in comes out; check that the pin the backend reads is the chain's TDO, the devices' power and that TCK and TMS reach them" \
+  "TDO stuck at 0"
+e2e_run kelvorn-sim --tdo stuck-1 chain "${dev[@]}"
+expect_eq "$E2E_STATUS|$E2E_ERR" "4|kelvorn-chain: TDO stuck at 1: no device drives it (a pull-up only); check the devices' power, that TCK and TMS reach them, and the TDO wiring" \
+  "TDO stuck at 1"
+e2e_run kelvorn-sim --chain 0x0a5c7035:8,0x1b4d2093:6,0x0362d093:6 chain --max-devices 2 "${dev[@]}"
+expect_eq "$E2E_STATUS|${E2E_ERR%%:*}" "4|kelvorn-chain" "more devices than --max-devices"
+grep -q -- "--max-devices" <<<"$E2E_ERR"
+expect_eq "$?" 0 "more devices than --max-devices: says what to raise"
+
+printf 'entity BAD is\n  attribute INSTRUCTION_LENGTH of BAD : entity is 4;\n  attribute INSTRUCTION_OPCODE of BAD : entity is "BYPASS (111)";\nend BAD;\n' >"$d/bad.bsd"
+e2e_run "${sim[@]}" chain --bsdl "$d/bad.bsd" "${dev[@]}"
+expect_eq "$E2E_STATUS|$E2E_ERR" "5|kelvorn-chain: $d/bad.bsd:3: INSTRUCTION_OPCODE: BYPASS 111 has 3 bits; INSTRUCTION_LENGTH is 4" \
+  "a BSDL file given that cannot be read: file:line"
+e2e_run "${sim[@]}" chain --bsdl "$d/none.bsd" "${dev[@]}"
+expect_eq "$E2E_STATUS|$E2E_ERR" "5|kelvorn-chain: $d/none.bsd:0: cannot read: No such file or directory" "a BSDL file given that does not exist"
+cp "$d/bad.bsd" "$d/two/"
+e2e_run "${sim[@]}" chain --bsdl-path "$d/two" "${dev[@]}"
+expect_eq "$E2E_STATUS|$E2E_ERR" "0|kelvorn-chain: passed over $d/two/bad.bsd:3: INSTRUCTION_OPCODE: BYPASS 111 has 3 bits; INSTRUCTION_LENGTH is 4
+kelvorn-chain: 0: IDCODE 0x0123402f is in more than one BSDL file: $d/two/kv_cpld64.bsd, $d/two/kv_cpld64_cs48.bsd; using the first (--bsdl 0=FILE chooses)" \
+  "a file in a directory that cannot be read is passed over"
+
+expect_run 2 "" "kelvorn-chain: 0000:03:00.0x is not a PCI address (dddd:bb:dd.f)" "bad address" \
+  "${sim[@]}" chain rotanMotub 0000:03:00.0x
+e2e_run "${sim[@]}" chain nosuch 0000:03:00.0
+expect_eq "$E2E_STATUS|$E2E_ERR" "3|kelvorn-chain: no backend serves nosuch on this board" "no backend"
+expect_run 2 "" "kelvorn-chain: --irlen 1=1: wants POS=N, N at least 2" "bad --irlen" "${sim[@]}" chain --irlen 1=1 "${dev[@]}"
+expect_run 2 "" "kelvorn-chain: not understood: frob with 1 argument (see --help)" "unknown command" \
+  "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" frob 1
+
+e2e_done
