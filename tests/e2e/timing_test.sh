@@ -1,7 +1,8 @@
 # A TCK ceiling on the simulated board, measured in a VCD stamped with real
 # time (--vcd-time real): an SVF with FREQUENCY 1E5 HZ, an XSVF played with
 # --frequency 100000 and an XVC client that asked for a 10 us period
-# (settck) give no two rising TCK edges closer than 10 us, and take at most
+# (settck), and kelvorn-chain's discovery with --frequency 100000, give no
+# two rising TCK edges closer than 10 us, and take at most
 # 1.3 times cycles / 100 kHz. TDO is read only where a MASK compares it: a
 # 4096-bit scan under a mask of 64 ones reads TDO 64 times, under a mask of
 # zeros not at all (the simulator's --stats, on every backend).
@@ -56,6 +57,11 @@ e2e_run kelvorn-sim --vcd "$d/fast.vcd" --vcd-time real play "${device[@]}" "$d/
 read -r n min span < <(rising_edges "$d/fast.vcd")
 [ "$min" -lt 10000 ]
 expect_eq "$?" 0 "no ceiling: edges closer than 10 us ($min ns)"
+
+# kelvorn-chain's discovery under --frequency 100000.
+e2e_run kelvorn-sim --vcd "$d/chain.vcd" --vcd-time real chain --frequency 100000 --bsdl-path "" "${device[@]}"
+expect_eq "$E2E_STATUS $E2E_ERR" "0 " "kelvorn-chain --frequency 100000: discovered"
+check_ceiling "kelvorn-chain --frequency 100000" "$d/chain.vcd"
 
 # ---- XVC settck ----
 
