@@ -50,3 +50,13 @@ show --stats --chain "$chain" --dump-memory "$tmp/memory.bin" --platform mosavo 
 readback
 sed -i 's/TDO (766c656b)/TDO (766c656a)/' "$tmp/image.svf"       # one expected bit wrong
 show --chain "$chain" play penetScd 0000:05:00.0 "$tmp/image.svf"  # GbE: the mismatch, pins released
+
+echo
+echo "== Bring-up: what is on a chain of BSDL devices, a pin read, a net tested =="
+bsdl=tests/data/bsdl
+board=(--chain "bsdl=$bsdl/kv_cpld64.bsd,bsdl=$bsdl/KV_FPGA6.BSD,bsdl=$bsdl/kv_dap4.bsd" --net '0.led=1.SW(1)' --pin '1.SW(2)=0')
+show "${board[@]}" chain --bsdl-path "$bsdl" rotanMotub 0000:03:00.0
+show "${board[@]}" chain --bsdl-path "$bsdl" rotanMotub 0000:03:00.0 sample KV_FPGA6
+show "${board[@]}" chain --bsdl "0=$bsdl/kv_cpld64.bsd" --bsdl-path "$bsdl" rotanMotub 0000:03:00.0 connect 0.led '1.SW(1)'
+show "${board[@]}" chain --bsdl "0=$bsdl/kv_cpld64.bsd" --bsdl-path "$bsdl" rotanMotub 0000:03:00.0 connect 0.led '1.SW(3)'
+show --tdo stuck-1 chain rotanMotub 0000:03:00.0                  # a dead chain, named
