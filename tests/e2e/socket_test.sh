@@ -15,6 +15,11 @@ units=$(cd "$(dirname "$0")/../../serve/systemd" && pwd)
 chain=0x1b4d2093:6,0x0a5c7035:8
 device=(rotanMotub 0000:04:00.0)
 
+# systemd-socket-activate hands its program a fresh environment: the
+# sanitizers' options go along by name.
+pass_env=()
+for v in ASAN_OPTIONS UBSAN_OPTIONS; do [ -n "${!v:-}" ] && pass_env+=(-E "$v"); done
+
 free_port() { python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
 # Starts "systemd-socket-activate -l 127.0.0.1:PORT [-E VAR=VALUE] kelvorn-sim
 # --chain ... serve ARGS" in the background: nothing runs the server yet.
@@ -25,7 +30,7 @@ activate() {  # port activate-options... -- serve-command...
   shift
   _e2e_cmd kelvorn-sim --chain "$chain" serve "$@"
   : >"$E2E_DIR/serve.err"
-  systemd-socket-activate -l "127.0.0.1:$port" "${opts[@]}" "${E2E_ARGV[@]}" \
+  systemd-socket-activate -l "127.0.0.1:$port" "${pass_env[@]}" "${opts[@]}" "${E2E_ARGV[@]}" \
     >"$E2E_DIR/serve.out" 2>"$E2E_DIR/serve.err" &
   SERVE_PID=$!
   SERVE_PORT=$port
@@ -71,7 +76,7 @@ script=${unit_argv[2]/\/usr\/bin\/kelvorn-serve/\"\$E2E_SIM\" --chain $chain ser
 port=$(free_port)
 _e2e_cmd kelvorn-sim
 : >"$E2E_DIR/serve.err"
-E2E_SIM=${E2E_ARGV[-1]} systemd-socket-activate -l "127.0.0.1:$port" -E E2E_SIM \
+E2E_SIM=${E2E_ARGV[-1]} systemd-socket-activate -l "127.0.0.1:$port" "${pass_env[@]}" -E E2E_SIM \
   -E "KELVORN_SERVE_OPTIONS=--protocol xvc --max-vector 64" \
   "${E2E_ARGV[@]:0:${#E2E_ARGV[@]}-1}" /bin/sh -c "$script" "${unit_argv[@]:3}" \
   >"$E2E_DIR/serve.out" 2>"$E2E_DIR/serve.err" &
