@@ -27,7 +27,6 @@ using Function = jtag::bsdl::Cell::Function;
 
 constexpr unsigned kDefaultMaxDevices = 64;
 constexpr unsigned kMostDevices = 1024;
-constexpr unsigned kIdcodeVersionShift = 28;  // IDCODE bits 31..28: the version
 constexpr long kWatchIntervalNs = 100000000;  // watch samples ten times a second
 // Signals that end a hold or a watch, and that wait while the chain is in EXTEST.
 constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
@@ -109,39 +108,9 @@ std::string hex32(uint32_t v) {
     return text;
 }
 
-std::string jsonString(const std::string& s) {
-    std::string out = "\"";
-    for (unsigned char c : s) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c < 0x20) {
-            char esc[8];
-            std::snprintf(esc, sizeof esc, "\\u%04x", c);
-            out += esc;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out + "\"";
-}
-
 void printDiscovery(const jtag::Discovery& d, bool json) {
     if (json) {
-        std::string out = "{\"devices\":[";
-        for (const jtag::DeviceFacts& f : d.devices) {
-            if (f.position) out += ",";
-            out += "{\"position\":" + std::to_string(f.position);
-            out += ",\"idcode\":" + (f.idcode ? jsonString(hex32(*f.idcode)) : "null");
-            out += ",\"ir_length\":" + std::to_string(f.irLength);
-            out += std::string(",\"ir_length_from\":\"") + jtag::irFromName(f.irFrom) + "\"";
-            out += ",\"manufacturer\":" + (f.manufacturer ? jsonString(*f.manufacturer) : "null");
-            out += ",\"part\":" + (f.bsdl ? jsonString(f.bsdl->entity) : "null");
-            out += ",\"version\":" + (f.idcode ? std::to_string(*f.idcode >> kIdcodeVersionShift) : "null");
-            out += ",\"bsdl\":" + (f.bsdl ? jsonString(f.bsdl->file) : "null") + "}";
-        }
-        out += "],\"ir_total\":" + std::to_string(d.irTotal) + "}";
-        std::printf("%s\n", out.c_str());
+        std::printf("%s\n", jtag::discoveryJson(d).c_str());
         return;
     }
     for (const jtag::DeviceFacts& f : d.devices) {
@@ -155,7 +124,7 @@ void printDiscovery(const jtag::Discovery& d, bool json) {
         if (f.idcode) {
             line += ", " + jtag::manufacturerText(*f.idcode);
             if (f.bsdl) line += ", " + f.bsdl->entity;
-            line += ", version " + std::to_string(*f.idcode >> kIdcodeVersionShift);
+            line += ", version " + std::to_string(*f.idcode >> jtag::kIdcodeVersionShift);
         } else if (f.bsdl) {
             line += ", " + f.bsdl->entity;
         }
@@ -175,18 +144,7 @@ bool sameName(const std::string& a, const std::string& b) {
     return true;
 }
 
-bool takesInput(Function f) {
-    return f == Function::input || f == Function::clock || f == Function::bidir || f == Function::observe_only;
-}
 bool drives(Function f) { return f == Function::output2 || f == Function::output3 || f == Function::bidir; }
-
-// The opcode of the first of the names the device has, as bits to shift; empty when it has none.
-BitVector opcode(const jtag::bsdl::Device& d, std::initializer_list<const char*> names) {
-    for (const char* name : names)
-        if (const jtag::bsdl::Instruction* i = d.instruction(name))
-            if (!i->opcodes.empty()) return jtag::bitsOf(i->opcodes.front());
-    return {};
-}
 
 // The pins of a port (or of an element "NAME(i)") in the default package.
 std::string pinsOf(const jtag::bsdl::Device& d, const std::string& port) {
@@ -256,7 +214,7 @@ class Chain {
             *error = "device " + std::to_string(position) + " has no BSDL file (--bsdl, --bsdl-path)";
             return nullptr;
         }
-        if (boundary && (f.bsdl->boundaryLength == 0 || opcode(*f.bsdl, {"SAMPLE", "PRELOAD"}).empty())) {
+        if (boundary && (f.bsdl->boundaryLength == 0 || jtag::bsdlOpcode(*f.bsdl, {"SAMPLE", "PRELOAD"}).empty())) {
             *error = "device " + std::to_string(position) + " (" + f.bsdl->entity + ") has no boundary register";
             return nullptr;
         }
@@ -266,7 +224,7 @@ class Chain {
     // SAMPLE/PRELOAD on the device, the others in BYPASS: its boundary register's capture.
     BitVector sample(unsigned position) {
         const jtag::bsdl::Device& d = *d_.devices[position].bsdl;
-        access_.instructions({{position, opcode(d, {"SAMPLE", "PRELOAD"})}});
+        access_.instructions({{position, jtag::bsdlOpcode(d, {"SAMPLE", "PRELOAD"})}});
         return access_.data({{position, BitVector(d.boundaryLength)}})[position];
     }
 
@@ -284,16 +242,6 @@ class Chain {
     const jtag::Discovery& d_;
     jtag::ChainAccess access_;
 };
-
-// The ports with an input cell and their levels in a capture, in cell order.
-std::vector<std::pair<std::string, bool>> portLevels(const jtag::bsdl::Device& d, const BitVector& captured) {
-    std::vector<std::pair<std::string, bool>> levels;
-    std::set<std::string> seen;
-    for (const Cell& c : d.boundary)
-        if (takesInput(c.function) && c.port != "*" && seen.insert(c.port).second)
-            levels.emplace_back(c.port, captured[c.number]);
-    return levels;
-}
 
 // Signals held off while the chain is in EXTEST (a signal then must not end
 // the process before the devices are back at their function), and the wait
@@ -345,7 +293,7 @@ const Cell* outputCell(const jtag::bsdl::Device& d, const std::string& port) {
 }
 const Cell* inputCell(const jtag::bsdl::Device& d, const std::string& port) {
     for (const Cell& c : d.boundary)
-        if (takesInput(c.function) && sameName(c.port, port)) return &c;
+        if (jtag::takesInput(c.function) && sameName(c.port, port)) return &c;
     return nullptr;
 }
 
@@ -398,7 +346,7 @@ class Program {
         if (!chain_.device(dev, &p, &error)) return fail(kChainUsage, error);
         const jtag::bsdl::Device* d = chain_.bsdl(p, true, &error);
         if (!d) return fail(kChainBadBsdl, error);
-        auto levels = portLevels(*d, chain_.sample(p));
+        auto levels = jtag::portLevels(*d, chain_.sample(p));
         if (!watch) {
             chain_.release();
             printSample(p, *d, levels);
@@ -410,7 +358,7 @@ class Program {
         printSample(p, *d, levels);
         std::fflush(stdout);
         while (!held.wait(kWatchIntervalNs)) {
-            auto now = portLevels(*d, chain_.sample(p));
+            auto now = jtag::portLevels(*d, chain_.sample(p));
             for (size_t i = 0; i < now.size(); ++i)
                 if (now[i].second != levels[i].second)
                     std::printf("%.3f s %s %d -> %d\n", secondsSince(start), now[i].first.c_str(), levels[i].second,
@@ -424,10 +372,7 @@ class Program {
 
     void printSample(unsigned p, const jtag::bsdl::Device& d, const std::vector<std::pair<std::string, bool>>& levels) {
         if (o_.json) {
-            std::string out = "{\"device\":" + std::to_string(p) + ",\"pins\":{";
-            for (size_t i = 0; i < levels.size(); ++i)
-                out += (i ? "," : "") + jsonString(levels[i].first) + ":" + (levels[i].second ? "1" : "0");
-            std::printf("%s}}\n", out.c_str());
+            std::printf("%s\n", jtag::sampleJson(p, levels).c_str());
             return;
         }
         for (const auto& [port, level] : levels) {
@@ -442,7 +387,7 @@ class Program {
         if (!chain_.device(dev, &p, &error)) return fail(kChainUsage, error);
         const jtag::bsdl::Device* d = chain_.bsdl(p, false, &error);
         if (!d) return fail(kChainBadBsdl, error);
-        BitVector op = opcode(*d, {"USERCODE"});
+        BitVector op = jtag::bsdlOpcode(*d, {"USERCODE"});
         if (op.empty()) return fail(kChainBadBsdl, "device " + std::to_string(p) + " (" + d->entity + ") has no USERCODE instruction");
         chain_.access().instructions({{p, op}});
         uint32_t code = static_cast<uint32_t>(chain_.access().data({{p, BitVector(32)}})[p].value(0, 32));
@@ -466,7 +411,7 @@ class Program {
         if (!chain_.device(o_.words[1], &p, &error)) return fail(kChainUsage, error);
         const jtag::bsdl::Device* d = chain_.bsdl(p, true, &error);
         if (!d) return fail(kChainBadBsdl, error);
-        BitVector extest = opcode(*d, {"EXTEST"});
+        BitVector extest = jtag::bsdlOpcode(*d, {"EXTEST"});
         if (extest.empty()) return fail(kChainBadBsdl, "device " + std::to_string(p) + " (" + d->entity + ") has no EXTEST instruction");
         BitVector v = safeVector(*d);
         std::string what;
@@ -480,7 +425,7 @@ class Program {
         }
         if (!mayDrive(p, &error)) return fail(kChainDriveRefused, "drive refused: " + error);
         SignalsHeld held;
-        chain_.access().instructions({{p, opcode(*d, {"PRELOAD", "SAMPLE"})}});
+        chain_.access().instructions({{p, jtag::bsdlOpcode(*d, {"PRELOAD", "SAMPLE"})}});
         chain_.access().data({{p, v}});
         chain_.access().instructions({{p, extest}});
         chain_.access().data({{p, v}});
@@ -522,7 +467,7 @@ class Program {
         const jtag::bsdl::Device* da = chain_.bsdl(a, true, &error);
         const jtag::bsdl::Device* db = da ? chain_.bsdl(b, true, &error) : nullptr;
         if (!db) return fail(kChainBadBsdl, error);
-        BitVector extest = opcode(*da, {"EXTEST"});
+        BitVector extest = jtag::bsdlOpcode(*da, {"EXTEST"});
         if (extest.empty()) return fail(kChainBadBsdl, "device " + std::to_string(a) + " (" + da->entity + ") has no EXTEST instruction");
         const Cell* in = inputCell(*db, pb);
         if (!in) return fail(kChainUsage, "connect: " + pb + " of device " + std::to_string(b) + " has no input cell");
@@ -539,8 +484,8 @@ class Program {
                 if (b != a) regs[b] = BitVector(db->boundaryLength);
                 return c.data(regs)[b][in->number];
             };
-            std::map<unsigned, BitVector> ir{{a, opcode(*da, {"PRELOAD", "SAMPLE"})}};
-            if (b != a) ir[b] = opcode(*db, {"SAMPLE", "PRELOAD"});
+            std::map<unsigned, BitVector> ir{{a, jtag::bsdlOpcode(*da, {"PRELOAD", "SAMPLE"})}};
+            if (b != a) ir[b] = jtag::bsdlOpcode(*db, {"SAMPLE", "PRELOAD"});
             c.instructions(ir);
             scan(low);
             ir[a] = extest;
@@ -556,7 +501,7 @@ class Program {
                                                         : "inverted";
         std::string from = std::to_string(a) + "." + pa, to = std::to_string(b) + "." + pb;
         if (o_.json)
-            std::printf("{\"from\":%s,\"to\":%s,\"result\":\"%s\"}\n", jsonString(from).c_str(), jsonString(to).c_str(), result);
+            std::printf("{\"from\":%s,\"to\":%s,\"result\":\"%s\"}\n", jtag::jsonString(from).c_str(), jtag::jsonString(to).c_str(), result);
         else
             std::printf("%s -> %s: %s\n", from.c_str(), to.c_str(), result);
         return std::string(result) == "connected" ? kChainOk : kChainNotConnected;

@@ -1,11 +1,43 @@
 #include "jtag/ChainAccess.h"
 
+#include <set>
+
+#include "jtag/Discovery.h"
+
 namespace jtag {
 
 BitVector bitsOf(const std::string& msbFirst) {
     BitVector v(msbFirst.size());
     for (size_t i = 0; i < msbFirst.size(); ++i) v.set(i, msbFirst[msbFirst.size() - 1 - i] == '1');
     return v;
+}
+
+BitVector bsdlOpcode(const bsdl::Device& d, std::initializer_list<const char*> names) {
+    for (const char* name : names)
+        if (const bsdl::Instruction* i = d.instruction(name))
+            if (!i->opcodes.empty()) return bitsOf(i->opcodes.front());
+    return {};
+}
+
+bool takesInput(bsdl::Cell::Function f) {
+    using F = bsdl::Cell::Function;
+    return f == F::input || f == F::clock || f == F::bidir || f == F::observe_only;
+}
+
+std::vector<std::pair<std::string, bool>> portLevels(const bsdl::Device& d, const BitVector& captured) {
+    std::vector<std::pair<std::string, bool>> levels;
+    std::set<std::string> seen;
+    for (const bsdl::Cell& c : d.boundary)
+        if (takesInput(c.function) && c.port != "*" && seen.insert(c.port).second)
+            levels.emplace_back(c.port, captured[c.number]);
+    return levels;
+}
+
+std::string sampleJson(unsigned position, const std::vector<std::pair<std::string, bool>>& levels) {
+    std::string out = "{\"device\":" + std::to_string(position) + ",\"pins\":{";
+    for (size_t i = 0; i < levels.size(); ++i)
+        out += (i ? "," : "") + jsonString(levels[i].first) + ":" + (levels[i].second ? "1" : "0");
+    return out + "}}";
 }
 
 void ChainAccess::instructions(const std::map<unsigned, BitVector>& opcodes) {

@@ -3,11 +3,13 @@
 // Positions count from the device nearest TDO (0); bit 0 of every register
 // is the one nearest TDO, the first out and the last in.
 #pragma once
+#include <initializer_list>
 #include <map>
 #include <string>
 #include <vector>
 
 #include "jtag/BitVector.h"
+#include "jtag/Bsdl.h"
 #include "jtag/Tap.h"
 
 namespace jtag {
@@ -15,6 +17,17 @@ namespace jtag {
 // An opcode or pattern as BSDL writes it (most significant bit first, X for
 // either) as the bits to shift, bit 0 first; X as 0.
 BitVector bitsOf(const std::string& msbFirst);
+
+// The opcode of the first of the names the device's BSDL file has, as bits
+// to shift; empty when it has none of them.
+BitVector bsdlOpcode(const bsdl::Device& d, std::initializer_list<const char*> names);
+// Whether a boundary cell of this function captures what is on its pin.
+bool takesInput(bsdl::Cell::Function f);
+// The ports with an input cell and their levels in a capture of the
+// boundary register, in cell order, each port once.
+std::vector<std::pair<std::string, bool>> portLevels(const bsdl::Device& d, const BitVector& captured);
+// A sample as one JSON document: {"device":P,"pins":{"PORT":0|1,...}}.
+std::string sampleJson(unsigned position, const std::vector<std::pair<std::string, bool>>& levels);
 
 class ChainAccess {
   public:

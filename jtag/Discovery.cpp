@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cctype>
+#include <cstdio>
 
 #include "jtag/Jep106.h"
 
@@ -110,6 +111,44 @@ Discovery discover(Tap& tap, const BsdlCatalogue& catalogue, const DiscoveryOpti
         if (!known[i]) r.devices[i].irFrom = split.unique ? DeviceFacts::IrFrom::detected : DeviceFacts::IrFrom::guess;
     }
     return r;
+}
+
+std::string jsonString(const std::string& s) {
+    std::string out = "\"";
+    for (unsigned char c : s) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += static_cast<char>(c);
+        } else if (c < 0x20) {
+            char esc[8];
+            std::snprintf(esc, sizeof esc, "\\u%04x", c);
+            out += esc;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out + "\"";
+}
+
+std::string discoveryJson(const Discovery& d) {
+    auto hex32 = [](uint32_t v) {
+        char text[16];
+        std::snprintf(text, sizeof text, "0x%08x", v);
+        return std::string(text);
+    };
+    std::string out = "{\"devices\":[";
+    for (const DeviceFacts& f : d.devices) {
+        if (f.position) out += ",";
+        out += "{\"position\":" + std::to_string(f.position);
+        out += ",\"idcode\":" + (f.idcode ? jsonString(hex32(*f.idcode)) : "null");
+        out += ",\"ir_length\":" + std::to_string(f.irLength);
+        out += std::string(",\"ir_length_from\":\"") + irFromName(f.irFrom) + "\"";
+        out += ",\"manufacturer\":" + (f.manufacturer ? jsonString(*f.manufacturer) : "null");
+        out += ",\"part\":" + (f.bsdl ? jsonString(f.bsdl->entity) : "null");
+        out += ",\"version\":" + (f.idcode ? std::to_string(*f.idcode >> kIdcodeVersionShift) : "null");
+        out += ",\"bsdl\":" + (f.bsdl ? jsonString(f.bsdl->file) : "null") + "}";
+    }
+    return out + "],\"ir_total\":" + std::to_string(d.irTotal) + "}";
 }
 
 }  // namespace jtag

@@ -48,7 +48,9 @@ struct DeviceFacts {
     std::vector<std::string> otherBsdl;        // more files that match the IDCODE (unused)
 };
 
-const char* irFromName(DeviceFacts::IrFrom from);  // "bsdl", "option", "detected", "guess"
+const char* irFromName(DeviceFacts::IrFrom from);
+
+constexpr unsigned kIdcodeVersionShift = 28;  // IDCODE bits 31..28: the version  // "bsdl", "option", "detected", "guess"
 
 struct Discovery {
     ChainScan scan;  // fault != none: nothing else is filled
@@ -68,5 +70,14 @@ struct DiscoveryOptions {
 // Scans the chain and puts the facts together; leaves every device in
 // Test-Logic-Reset.
 Discovery discover(Tap& tap, const BsdlCatalogue& catalogue, const DiscoveryOptions& options);
+
+// The facts as one JSON document (what kelvorn-chain --json prints):
+// {"devices":[{"position":0,"idcode":"0x0a5c7035","ir_length":8,
+// "ir_length_from":"detected","manufacturer":"...","part":null,"version":0,
+// "bsdl":null},...],"ir_total":14}; idcode, manufacturer, part, version and
+// bsdl are null where unknown.
+std::string discoveryJson(const Discovery& d);
+// s as a JSON string, quoted, with quotes, backslashes and control characters escaped.
+std::string jsonString(const std::string& s);
 
 }  // namespace jtag

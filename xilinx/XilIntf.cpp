@@ -1,6 +1,7 @@
 #include "xilinx/XilIntf.h"
 
 #include <sys/file.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -39,20 +40,27 @@ XilIntf::XilIntf(const char* lockName) {
         std::fflush(stdout);
         errno = error;
         std::perror("Failed to create lock file");
-        std::exit(1);
+        Os::exit(1);
     }
-    // The descriptor stays open for the life of the process: that is the lock.
+    // The descriptor stays open for the life of the interface: that is the lock.
+    lockFd_ = fd;
     if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
         int error = errno;
+        ::close(fd);  // the exit hook may throw: this constructor's destructor would not run
+        lockFd_ = -1;
         std::fflush(stdout);
         if (error == EWOULDBLOCK) {
             std::fwrite(kLockedMessage, 1, sizeof kLockedMessage - 1, stderr);
-            std::exit(1);
+            Os::exit(1);
         }
         errno = error;
         std::perror("Error locking lock file");
-        std::exit(1);
+        Os::exit(1);
     }
+}
+
+XilIntf::~XilIntf() {
+    if (lockFd_ >= 0) ::close(lockFd_);
 }
 
 // One pin at a time: TMS and TDI while TCK is low, TDO (where wanted)
@@ -98,7 +106,7 @@ void xilLockName(char (&buf)[256], U16 domain, U8 bus, U8 device) {
 void xilUnknownDevice(const char* deviceName) {
     std::fflush(stdout);
     std::fprintf(stderr, "Unknown device: %s\n", deviceName);
-    std::exit(1);
+    Os::exit(1);
 }
 
 // ---- registry ----

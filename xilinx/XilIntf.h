@@ -41,6 +41,11 @@ class XilIntf {
     static constexpr const char* testLockFile = "/tmp/xilinxTestLockFile";
     static constexpr const char* testMemMapFile = "/tmp/xilinxTestMemMapFile";
 
+    // The programs never delete an interface: its lock is held until the
+    // process ends. A library that closes a device deletes it, which drops
+    // the lock and unmaps its register windows.
+    virtual ~XilIntf();
+
   protected:
     Hal::VectorControl vectorControl_;
     // tckIs, waiting first under a ceiling: the base vector operations' edges.
@@ -48,7 +53,9 @@ class XilIntf {
 
     XilIntf(const XilIntf&) = delete;
     XilIntf& operator=(const XilIntf&) = delete;
-    ~XilIntf() = default;  // never called: interfaces live until the process ends
+
+  private:
+    int lockFd_ = -1;  // flock()ed: the lock on the device
 };
 
 // Formats the lock name "<domain>_<bus>_<device>_jtag" (decimal) into buf.

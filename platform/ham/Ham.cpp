@@ -11,6 +11,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "os/Os.h"
+
 namespace {
 
 HamProvider& provider() {
@@ -22,7 +24,7 @@ HamProvider& provider() {
     std::fflush(stdout);
     std::fprintf(stderr, "register window %s: %s %s: %s\n", desc.name.c_str(), what,
                  desc.fileName.empty() ? "I/O ports" : desc.fileName.c_str(), std::strerror(err));
-    std::exit(1);
+    Os::exit(1);
 }
 
 // The size of a regular file, or kUnknownExtent for anything else (a device
@@ -186,7 +188,7 @@ void hamTooSmall(const HamDesc& desc, U64 needed, U64 holds) {
         std::fprintf(stderr, "register window %s: %s holds 0x%llx bytes, its registers need 0x%llx\n",
                      desc.name.c_str(), desc.fileName.c_str(), static_cast<unsigned long long>(holds),
                      static_cast<unsigned long long>(needed));
-    std::exit(1);
+    Os::exit(1);
 }
 
 String PciHam::resourcePath(const PciAddress& a, const String& resource) {

@@ -52,7 +52,13 @@ static Hooks realHooks() {
             }
         }
     };
+    h.exit = [](int status) { std::exit(status); };
     return h;
+}
+
+void exit(int status) {
+    hooks().exit(status);
+    std::exit(status);
 }
 
 Hooks& hooks() {

@@ -36,6 +36,11 @@ struct Hooks {
     // least deadline: the pacing of TCK under a ceiling.
     std::function<uint64_t()> monotonicNs;
     std::function<void(uint64_t deadline)> waitUntilNs;
+    // The end of the process after a failure that makes further work
+    // pointless (a lock held, an unknown device, a window that cannot be
+    // mapped), once its message is out. A program ends; a library that
+    // must not end its caller's process throws here instead.
+    std::function<void(int status)> exit;
 };
 
 // The hooks in force; assign a member to replace one call.
@@ -57,5 +62,7 @@ inline int creat(const char* path, mode_t mode) { return hooks().creat(path, mod
 inline FILE* fopen(const char* path, const char* mode) { return hooks().fopen(path, mode); }
 inline uint64_t monotonicNs() { return hooks().monotonicNs(); }
 inline void waitUntilNs(uint64_t deadline) { hooks().waitUntilNs(deadline); }
+// The exit hook, and std::exit should it return.
+[[noreturn]] void exit(int status);
 
 }  // namespace Os

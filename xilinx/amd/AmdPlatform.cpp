@@ -121,7 +121,7 @@ void fatal(const char* format, ...) {
     va_start(args, format);
     std::vprintf(format, args);
     va_end(args);
-    std::exit(1);
+    Os::exit(1);
 }
 
 bool isPlatform(const char* name) {

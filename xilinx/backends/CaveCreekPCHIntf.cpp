@@ -79,7 +79,7 @@ U32 readGpioBaseReg(const char* path) {
     if (reason) {
         std::fflush(stdout);
         std::fprintf(stderr, "cannot read GPIO base from %s: %s\n", path, reason);
-        std::exit(1);
+        Os::exit(1);
     }
     return U32(b[0]) | U32(b[1]) << 8 | U32(b[2]) << 16 | U32(b[3]) << 24;
 }

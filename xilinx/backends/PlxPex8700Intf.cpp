@@ -6,6 +6,7 @@
 
 #include "xilinx/hal/Hal.h"
 #include "xilinx/hal/HalWindow.h"
+#include "os/Os.h"
 
 namespace {
 
@@ -105,7 +106,7 @@ void PlxPex8700Intf::select(const char* deviceName) {
     if (!t) {
         std::fflush(stdout);
         std::fprintf(stderr, "Unknown fpga: %s\n", deviceName);
-        std::exit(1);
+        Os::exit(1);
     }
     heldLowPin = t->heldLow;
     heldHighPin = t->heldHigh;
