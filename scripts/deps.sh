@@ -8,10 +8,11 @@ set -euo pipefail
 # openfpgaloader: clients of the servers in the tests; go-md2man: the manual
 # pages; man-db and bash-completion: the tests of the pages and the completion;
 # libsystemd-dev: socket activation; systemd (systemd-socket-activate,
-# systemd-analyze) and lintian: the tests of the units and the packages.
+# systemd-analyze) and lintian: the tests of the units and the packages;
+# python3 and python3-pytest: the Python package and its tests.
 pkgs=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev util-linux
       pkg-config dpkg-dev file openocd openfpgaloader go-md2man man-db bash-completion
-      libsystemd-dev systemd lintian)
+      libsystemd-dev systemd lintian python3 python3-pytest)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

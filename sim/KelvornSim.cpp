@@ -13,26 +13,14 @@
 #include "play/KelvornPlay.h"
 #include "chain/KelvornChain.h"
 #include "serve/KelvornServe.h"
-#include "sim/Options.h"
+#include "sim/BoardOptions.h"
 #include "sim/Scan.h"
 #include "tool/Kelvorn.h"
 
-namespace {
-
-// An option's file: "" when it can be written, else why not.
-std::string writable(const std::string& path) {
-    FILE* f = std::fopen(path.c_str(), "w");
-    if (!f) return "cannot write " + path + ": " + std::strerror(errno);
-    std::fclose(f);
-    return "";
-}
-
-}  // namespace
 
 int main(int argc, char** argv) {
-    sim::BoardConfig config;
-    std::string cpu = "0x16:0x30";
-    std::string chain = sim::chainText(config.chain);
+    sim::BoardOptions board;
+    sim::BoardConfig& config = board.config;
     std::vector<std::string> kelvornArgs;
     std::string scanDevice, scanAddress;
 
@@ -53,56 +41,7 @@ int main(int argc, char** argv) {
         "      kelvorn-chain itself, on the simulated board (kelvorn-sim chain --help)\n",
         "kelvorn-sim"};
     app.set_version_flag("--version", "kelvorn-sim " KELVORN_VERSION);
-    app.add_option("--platform", config.platform,
-                   "the board's platform: the kernel command line holds platform=NAME (default: no platform word)");
-    app.add_option("--cpu", cpu, "the processor's CPUID family and model, in C notation")
-        ->capture_default_str()
-        ->check([&](const std::string& s) { return sim::parseCpu(s, &config.family, &config.model); });
-    app.add_option("--chain", chain,
-                   "the devices on the chain, nearest TDO first, each IDCODE:IRLEN[:mem=ROWSxBITS[:erase=CYCLES]"
-                   "[:program=CYCLES]] (IDCODE none: a device without one): mem= makes it programmable, ROWS rows of BITS bits, erased and "
-                   "programmed in the TCK cycles given (default 1000 and 100) in Run-Test/Idle; or "
-                   "bsdl=FILE[:package=NAME][:usercode=0xHHHHHHHH], the device a BSDL file describes")
-        ->capture_default_str()
-        ->check([&](const std::string& s) { return sim::parseChain(s, &config.chain); });
-    app.add_option("--hold", config.holdSeconds, "seconds a set command holds its pin, instead of ten")
-        ->capture_default_str();
-    app.add_flag("--show-writes", config.showWrites,
-                 "print every register write of the simulated chips on stderr, with what it did to the JTAG pins "
-                 "(z: not driven) and the TAP state");
-    app.add_option("--vcd", config.vcd,
-                   "write the JTAG pins and the TAP state to FILE as a Value Change Dump, one time unit per register "
-                   "access")
-        ->type_name("FILE")
-        ->check(writable);
-    std::string vcdTime = "access";
-    app.add_option("--vcd-time", vcdTime,
-                   "the VCD's time: access, one unit a register access; real, nanoseconds on the monotonic clock since "
-                   "the window opened")
-        ->check(CLI::IsMember({"access", "real"}))
-        ->capture_default_str();
-    app.add_option("--dump-memory", config.dumpMemory,
-                   "after the run, write the memory of the first programmable device on the chain to FILE, row after "
-                   "row, bit 0 first (the bit order of an image)")
-        ->type_name("FILE")
-        ->check(writable);
-    app.add_flag("--stats", config.stats,
-                 "after the run, print \"sim stats: reads R writes W tck-cycles C\" on stderr: the register accesses "
-                 "of the chip the chain hangs on, and the rising TCK edges the chain saw");
-    std::vector<std::string> pins, nets;
-    app.add_option("--pin", pins, "the level on an input pin of a BSDL device that nothing drives (default 1)")
-        ->type_name("POS.PORT=0|1");
-    app.add_option("--net", nets, "a wire between two BSDL devices' pins: what one drives under EXTEST the other reads")
-        ->type_name("POS.PORT=POS.PORT");
-    app.add_option("--dump-pins", config.dumpPins,
-                   "after the run, write what BSDL devices' boundary registers last drove onto their pins under "
-                   "EXTEST to FILE, one line per driven pin: POS.PORT LEVEL")
-        ->type_name("FILE")
-        ->check(writable);
-    std::string tdo = "chain";
-    app.add_option("--tdo", tdo, "TDO as the chip sees it: the chain's, or stuck at 0 or at 1 (a dead chain)")
-        ->check(CLI::IsMember({"chain", "stuck-0", "stuck-1"}))
-        ->capture_default_str();
+    sim::addBoardOptions(app, &board);
     app.add_option("kelvorn", kelvornArgs, "the arguments of kelvorn, after --");
     CLI::App* scan = app.add_subcommand("scan", "reset the chain and print the IDCODEs on it");
     scan->add_option("fpga", scanDevice, "the device name")->required();
@@ -116,33 +55,10 @@ int main(int argc, char** argv) {
     chainCommand->prefix_command()->set_help_flag();
     try {
         app.parse(argc, argv);
-        std::string noMemory = sim::needMemory(config.chain);
-        if (!config.dumpMemory.empty() && !noMemory.empty()) throw CLI::ValidationError("--dump-memory", noMemory);
-        for (const std::string& p : pins) {
-            size_t eq = p.rfind('=');
-            sim::PinRef pin;
-            std::string error = eq == std::string::npos || eq + 2 != p.size() || (p[eq + 1] != '0' && p[eq + 1] != '1')
-                                    ? "wants POS.PORT=0 or POS.PORT=1: " + p
-                                    : sim::parsePin(p.substr(0, eq), &pin);
-            if (error.empty()) error = sim::checkPin(config.chain, pin);
-            if (!error.empty()) throw CLI::ValidationError("--pin", error);
-            config.pins[pin] = p[eq + 1] == '1';
-        }
-        for (const std::string& n : nets) {
-            size_t eq = n.find('=');
-            sim::PinRef a, b;
-            std::string error = eq == std::string::npos ? "wants POS.PORT=POS.PORT: " + n : sim::parsePin(n.substr(0, eq), &a);
-            if (error.empty()) error = sim::parsePin(n.substr(eq + 1), &b);
-            if (error.empty()) error = sim::checkPin(config.chain, a);
-            if (error.empty()) error = sim::checkPin(config.chain, b);
-            if (!error.empty()) throw CLI::ValidationError("--net", error);
-            config.nets.emplace_back(a, b);
-        }
+        sim::finishBoardOptions(&board);
     } catch (const CLI::ParseError& e) {
         return app.exit(e);
     }
-    config.vcdRealTime = vcdTime == "real";
-    config.tdoStuck = tdo == "stuck-0" ? 0 : tdo == "stuck-1" ? 1 : -1;
 
     serve::Options serveOptions;
     if (serveCommand->parsed()) {
@@ -175,8 +91,8 @@ int main(int argc, char** argv) {
                     : chainCommand->parsed() ? kelvornChainDevice({chainArgs.begin() + 1, chainArgs.end()})
                     : kelvornArgs.empty()    ? ""
                                              : kelvornArgs.front();
-    sim::Board board(config);
-    board.install();
+    sim::Board simulated(config);
+    simulated.install();
     if (scan->parsed()) return sim::scan(scanDevice.c_str(), scanAddress.c_str(), stdout);
     if (serveCommand->parsed()) return serve::run(serveOptions);
     if (chainCommand->parsed()) {

@@ -1,0 +1,193 @@
+/* libkelvorn: a whole JTAG chain from C, through the GPIO pins of a chip on
+ * the board (the chips libxilinx drives): open a device, find what is on
+ * its chain, shift instructions and data of one device with the others in
+ * BYPASS, play SVF and XSVF files, and sample a device's pins from its
+ * BSDL file.
+ *
+ * libkelvorn-sim has the same functions and the same ABI with the simulated
+ * board behind them (its chips, a chain hung on the device's pins), so a
+ * program runs unchanged against the simulator when it links or loads
+ * libkelvorn-sim.so.1 instead of libkelvorn.so.1.
+ *
+ * Handles. kv_open always gives a handle, also when it fails: kv_message
+ * then says why, and kv_close frees it. Every function returns a status
+ * (KV_OK or a KV_E_ code) and leaves a one-line message on the handle,
+ * "" after success. Nothing is kept outside the handles except what the
+ * simulator is told by kv_sim_configure. Calls from several threads are
+ * taken one at a time.
+ *
+ * Pins. An open device is selected: its JTAG pins are driven and its
+ * routing set, as the kelvorn tool leaves them. kv_play gives the pins back
+ * (inputs again, routing undone) when it ends, however it ends; the next
+ * call that needs them takes them again. kv_close gives them back and drops
+ * the device's lock; a process that ends without closing has its devices
+ * closed at exit().
+ *
+ * Bits. A register's bits are packed in bytes, bit i in byte i / 8 at
+ * bit i % 8; bit 0 is the one nearest TDO, the first out and the last in
+ * (the least significant bit of an opcode or an IDCODE). Positions on the
+ * chain count from the device nearest TDO, 0.
+ */
+#ifndef KELVORN_KELVORN_H
+#define KELVORN_KELVORN_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#ifdef __GNUC__
+#pragma GCC visibility push(default)
+#endif
+
+typedef struct kv_device kv_device;
+
+/* Statuses. */
+#define KV_OK 0
+#define KV_E_ARGUMENT 1    /* an argument is wrong: a null pointer, a PCI address, a position, a bit count */
+#define KV_E_NO_BACKEND 2  /* no backend serves the device name on this board */
+#define KV_E_LOCKED 3      /* the device's lock is held, by another process or another open handle */
+#define KV_E_REFUSED 4     /* the backend refused the board (its reason is on standard error) */
+#define KV_E_UNREADABLE 5  /* a file cannot be read, or it changed after its check */
+#define KV_E_SYNTAX 6      /* not valid SVF or XSVF */
+#define KV_E_UNSUPPORTED 7 /* a statement that cannot be carried out, a timing value out of range */
+#define KV_E_MISMATCH 8    /* TDO other than expected (kv_mismatch tells where) */
+#define KV_E_CANCELLED 9   /* the progress callback asked to stop */
+#define KV_E_DEAD_CHAIN 10 /* no device answers, or the chain answers inconsistently */
+#define KV_E_BSDL 11       /* a BSDL file cannot be read, or none describes the device */
+#define KV_E_SIM 12        /* simulator options not understood, or not the simulator library */
+#define KV_E_MEMORY 13     /* out of memory */
+
+/* kv_open's flags. */
+#define KV_TEST_MODE 1u /* the lock file (and register files) of test mode, under /tmp */
+
+/* kv_play's formats. */
+#define KV_FORMAT_AUTO 0 /* XSVF when the first 4096 bytes hold a control character, else SVF */
+#define KV_FORMAT_SVF 1
+#define KV_FORMAT_XSVF 2
+
+/* The short name of a status: "ok", "argument", "no backend", "locked", ... */
+const char* kv_status_name(int status);
+
+/* Opens device fpga (the kelvorn tool's names: "fodak", "komefi", ...) at
+ * the PCI address "dddd:bb:dd.f", taking its lock, and selects it.
+ * frequency_hz, when not 0, is a ceiling on TCK on every edge for
+ * everything the handle does (an SVF's FREQUENCY may lower it, never raise
+ * it). *device receives the handle, NULL only when there is no memory for
+ * one; close it also when the open failed. */
+int kv_open(const char* fpga, const char* pci_address, unsigned flags, double frequency_hz, kv_device** device);
+
+/* Gives the pins back, drops the lock and frees the handle. NULL does nothing. */
+int kv_close(kv_device* device);
+
+/* What the last call on the handle did wrong, in one line; "" after success.
+ * Valid until the next call on the handle. */
+const char* kv_message(const kv_device* device);
+
+/* ---- the chain ---- */
+
+/* BSDL files for kv_discover and kv_sample: a file, or a directory whose
+ * *.bsd and *.bsdl files are found by IDCODE. Files added first win. */
+int kv_add_bsdl(kv_device* device, const char* path);
+/* The instruction register length of the device at a position, where the
+ * chain's IR capture does not tell it. */
+int kv_irlen_is(kv_device* device, unsigned position, unsigned length);
+
+/* Finds the devices on the chain. *json receives the facts as one JSON
+ * document, the same as kelvorn-chain --json prints:
+ *   {"devices":[{"position":0,"idcode":"0x0a5c7035","ir_length":8,
+ *     "ir_length_from":"detected","manufacturer":"...","part":null,
+ *     "version":0,"bsdl":null},...],"ir_total":14}
+ * valid until the next call on the handle. The chain is left in
+ * Test-Logic-Reset. kv_shift_ir, kv_shift_dr and kv_sample run it first
+ * when it has not run. KV_E_DEAD_CHAIN when nothing answers. */
+int kv_discover(kv_device* device, const char** json);
+
+/* One IR scan: the device at position gets in (as many bits as its
+ * instruction register has: nbits), every other device BYPASS; out, when
+ * not NULL, receives what its instruction register captured. The
+ * instruction stays in force. */
+int kv_shift_ir(kv_device* device, unsigned position, uint32_t nbits, const uint8_t* in, uint8_t* out);
+/* One DR scan through the register the device's instruction selects, nbits
+ * long; every other device is a one-bit BYPASS register. out, when not
+ * NULL, receives what the register held before. */
+int kv_shift_dr(kv_device* device, unsigned position, uint32_t nbits, const uint8_t* in, uint8_t* out);
+
+/* SAMPLE on the device at position (its BSDL file names the instruction
+ * and the boundary register), every other device BYPASS: *json receives
+ * {"device":0,"pins":{"PORT":0|1,...}}, each port with an input cell once,
+ * in cell order, valid until the next call on the handle. */
+int kv_sample(kv_device* device, unsigned position, const char** json);
+
+/* ---- players ---- */
+
+typedef struct kv_play_result {
+    uint64_t statements; /* SVF statements or XSVF commands played */
+    uint64_t scans;
+    uint64_t bits;       /* shifted in scans, headers and trailers included */
+    uint64_t tck_cycles;
+    double seconds;      /* the play's time, the check before it not counted */
+} kv_play_result;
+
+/* Called as a play goes on, from the calling thread, at most ten times a
+ * second and once at the end: bytes of the file done, of how many, and
+ * bits shifted. A non-zero return stops the play: the pins are given back
+ * and kv_play returns KV_E_CANCELLED. */
+typedef int (*kv_progress_fn)(void* user, uint64_t done_bytes, uint64_t total_bytes, uint64_t bits);
+
+/* Plays an SVF or XSVF file ("-": standard input). The whole file is read
+ * and checked first, before any pin moves, so a file that breaks off or
+ * asks for something unsupported plays nothing. result, when not NULL,
+ * receives the counts as far as the play went. The pins are given back at
+ * the end. */
+int kv_play(kv_device* device, const char* path, int format, kv_progress_fn progress, void* user,
+            kv_play_result* result);
+/* The same for a file already in memory; name is what messages call it. */
+int kv_play_buffer(kv_device* device, const void* data, size_t size, const char* name, int format,
+                   kv_progress_fn progress, void* user, kv_play_result* result);
+
+typedef struct kv_mismatch_info {
+    const char* file;      /* the path, or the buffer's name */
+    int byte_offset;       /* 0: where is an SVF line (from 1); 1: an XSVF byte offset (from 0) */
+    uint64_t where;
+    const char* statement; /* "SDR", "XSDRTDO", ... */
+    uint32_t nbits;        /* the scan's length */
+    /* The whole scan in hexadecimal, most significant digit first (bit 0
+     * is the last digit's lowest bit). */
+    const char* expected;
+    const char* mask;
+    const char* actual;
+} kv_mismatch_info;
+
+/* After KV_E_MISMATCH: the first scan whose TDO differed. The strings are
+ * the handle's, valid until the next call on it. */
+int kv_mismatch(kv_device* device, kv_mismatch_info* info);
+
+/* ---- the simulated board (libkelvorn-sim) ---- */
+
+/* The simulated board for the next kv_open in this process: kelvorn-sim's
+ * board options in one string ("--chain 0x0a5c7035:8,0x1b4d2093:6
+ * --platform komefi ..."). Without it the KELVORN_SIM environment variable
+ * holds them; without either, the simulator's defaults. The board is made
+ * when the first device opens and ends when the last one closes (its
+ * records, such as --dump-memory, are written then). On a bad option,
+ * KV_E_SIM with the reason in why (when not NULL, up to why_size bytes).
+ * libkelvorn returns KV_E_SIM: it drives real boards only. */
+int kv_sim_configure(const char* options, char* why, size_t why_size);
+
+/* The simulated device's pins as its chip drives them, into text (up to
+ * size bytes): "TCK=0 TDI=1 TMS=1 TDO=1 ..." (z: not driven, an input).
+ * libkelvorn returns KV_E_SIM. */
+int kv_sim_pins(kv_device* device, char* text, size_t size);
+
+#ifdef __GNUC__
+#pragma GCC visibility pop
+#endif
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
