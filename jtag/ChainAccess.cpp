@@ -40,16 +40,30 @@ std::string sampleJson(unsigned position, const std::vector<std::pair<std::strin
     return out + "}}";
 }
 
-void ChainAccess::instructions(const std::map<unsigned, BitVector>& opcodes) {
+std::map<unsigned, BitVector> ChainAccess::instructions(const std::map<unsigned, BitVector>& opcodes, bool capture) {
     BitVector in;
+    std::vector<size_t> at(irLengths_.size());
     for (unsigned p = 0; p < irLengths_.size(); ++p) {
+        at[p] = in.size();
         auto it = opcodes.find(p);
         if (it != opcodes.end())
             in.append(it->second);
         else
             in.append(BitVector(irLengths_[p], true));
     }
-    tap_.shiftIr(in, nullptr);
+    std::map<unsigned, BitVector> captured;
+    if (!capture) {
+        tap_.shiftIr(in, nullptr);
+        return captured;
+    }
+    BitVector out;
+    tap_.shiftIr(in, &out);
+    for (const auto& [p, bits] : opcodes) {
+        BitVector c;
+        c.append(out, at[p], bits.size());
+        captured[p] = c;
+    }
+    return captured;
 }
 
 std::map<unsigned, BitVector> ChainAccess::data(const std::map<unsigned, BitVector>& registers) {

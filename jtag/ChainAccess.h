@@ -34,8 +34,9 @@ class ChainAccess {
     ChainAccess(Tap& tap, std::vector<unsigned> irLengths) : tap_(tap), irLengths_(std::move(irLengths)) {}
 
     // One IR scan: each named device gets its opcode (its IR's length), the
-    // others all ones (BYPASS). Ends in Run-Test/Idle.
-    void instructions(const std::map<unsigned, BitVector>& opcodes);
+    // others all ones (BYPASS). Ends in Run-Test/Idle. With capture, TDO
+    // is read: what each named device's instruction register captured.
+    std::map<unsigned, BitVector> instructions(const std::map<unsigned, BitVector>& opcodes, bool capture = false);
     // One DR scan through the registers the instructions selected: each
     // named device's register gets its bits (as long as that register),
     // each other device is a one-bit BYPASS register. Returns what each

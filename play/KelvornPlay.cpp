@@ -11,18 +11,13 @@
 #include <string>
 
 #include "jtag/Player.h"
-#include "jtag/Svf.h"
-#include "jtag/Xsvf.h"
-#include "play/PlayInput.h"
+#include "jtag/PlayInput.h"
 #include "device/PciAddress.h"
 #include "device/Session.h"
 #include "xilinx/XilIntfC.h"
 
 namespace {
 
-// XSVF is binary, SVF text: a control byte other than white space in this
-// many first bytes makes a file XSVF (every XSVF command code is one).
-constexpr size_t kSniffBytes = 4096;
 // The progress line is redrawn at most this often, and is this wide.
 constexpr uint64_t kRefreshNs = 100000000;
 constexpr int kBarWidth = 24;
@@ -30,25 +25,6 @@ constexpr int kBarWidth = 24;
 constexpr const char* kChanged = "changed since it was checked (size or modification time); nothing played";
 // Mismatch lines (with --ignore-tdo) and overrun warnings shown at most; the summary counts the rest.
 constexpr uint64_t kMaxLines = 10;
-
-enum class Format { svf, xsvf };
-
-Format sniff(FILE* f) {
-    unsigned char head[kSniffBytes];
-    size_t n = std::fread(head, 1, sizeof head, f);
-    std::rewind(f);
-    for (size_t i = 0; i < n; ++i) {
-        unsigned c = head[i];
-        bool space = c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
-        if ((c < 0x20 && !space) || c == 0x7f) return Format::xsvf;
-    }
-    return Format::svf;
-}
-
-std::unique_ptr<jtag::Reader> readerFor(Format format, FILE* f) {
-    if (format == Format::xsvf) return std::make_unique<jtag::XsvfReader>(f);
-    return std::make_unique<jtag::SvfReader>(f);
-}
 
 // The progress line on a terminal: the share of the file read, the bits
 // shifted, and the time left at the pace so far.
@@ -217,14 +193,16 @@ int kelvornPlayMain(int argc, char** argv) {
         std::fprintf(stderr, "kelvorn-play: %s: %s\n", o.path.c_str(), why.c_str());
         return kUnreadable;
     }
-    Format fmt = format == "svf" ? Format::svf : format == "xsvf" ? Format::xsvf : sniff(input.file());
+    jtag::VectorFormat fmt = format == "svf"    ? jtag::VectorFormat::svf
+                             : format == "xsvf" ? jtag::VectorFormat::xsvf
+                                                : jtag::sniffFormat(input.file());
     uint64_t size = input.size();
     bool terminal = !o.quiet && ::isatty(2);
 
     // The whole file is read once before any pin moves, so that a file that
     // breaks off or holds a statement this player refuses does not leave a
     // device half programmed.
-    std::unique_ptr<jtag::Reader> check = readerFor(fmt, input.file());
+    std::unique_ptr<jtag::Reader> check = jtag::readerFor(fmt, input.file());
     jtag::Player counter(nullptr, jtag::systemClock());
     counter.capIs(frequency);
     int status;
@@ -252,7 +230,7 @@ int kelvornPlayMain(int argc, char** argv) {
     device::SelectedDevice guard(intf, fpga);
     input.rewind();
     if (changed()) return kUnreadable;  // the guard releases the pins
-    std::unique_ptr<jtag::Reader> reader = readerFor(fmt, input.file());
+    std::unique_ptr<jtag::Reader> reader = jtag::readerFor(fmt, input.file());
     jtag::Tap tap(intf);
     jtag::Player player(&tap, jtag::systemClock());
     player.capIs(frequency);

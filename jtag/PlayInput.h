@@ -12,7 +12,10 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
+
+#include "jtag/Action.h"
 
 class PlayInput {
   public:
@@ -44,3 +47,16 @@ class PlayInput {
     uint64_t size_ = 0;
     struct stat opened_ = {};
 };
+
+namespace jtag {
+
+enum class VectorFormat { svf, xsvf };
+// XSVF is binary, SVF text: a control byte other than white space in the
+// first kSniffBytes makes a file XSVF (every XSVF command code is one).
+// The file is rewound.
+constexpr size_t kSniffBytes = 4096;
+VectorFormat sniffFormat(FILE* f);
+// The reader of that format over f.
+std::unique_ptr<Reader> readerFor(VectorFormat format, FILE* f);
+
+}  // namespace jtag

@@ -1,4 +1,7 @@
-#include "play/PlayInput.h"
+#include "jtag/PlayInput.h"
+
+#include "jtag/Svf.h"
+#include "jtag/Xsvf.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -106,3 +109,24 @@ bool PlayInput::unchanged() const {
     return now.st_size == opened_.st_size && now.st_mtim.tv_sec == opened_.st_mtim.tv_sec &&
            now.st_mtim.tv_nsec == opened_.st_mtim.tv_nsec;
 }
+
+namespace jtag {
+
+VectorFormat sniffFormat(FILE* f) {
+    unsigned char head[kSniffBytes];
+    size_t n = std::fread(head, 1, sizeof head, f);
+    std::rewind(f);
+    for (size_t i = 0; i < n; ++i) {
+        unsigned c = head[i];
+        bool space = c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
+        if ((c < 0x20 && !space) || c == 0x7f) return VectorFormat::xsvf;
+    }
+    return VectorFormat::svf;
+}
+
+std::unique_ptr<Reader> readerFor(VectorFormat format, FILE* f) {
+    if (format == VectorFormat::xsvf) return std::make_unique<XsvfReader>(f);
+    return std::make_unique<SvfReader>(f);
+}
+
+}  // namespace jtag
