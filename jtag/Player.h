@@ -81,6 +81,9 @@ class Player {
     // difference: "TDO mismatch at bit 1234 of 4096, bits 1265..1202:
     // expected ... mask ... actual ...". After retries, "after N tries" follows.
     const std::string& mismatch() const { return mismatch_; }
+    // What TDO gave in the last scan that compared it (after a mismatch:
+    // the actual bits mismatch() describes), first bit first.
+    const BitVector& tdo() const { return tdo_; }
     // A RUNTEST that stayed longer than its MAXIMUM: what warning() then says.
     const std::string& warning() const { return warning_; }
     const PlayStats& stats() const { return stats_; }

@@ -74,18 +74,21 @@ void restoreEndingSignals() {
 }
 
 // Lock files are nameless files in the temporary directory, so nothing is
-// left behind however the process ends, a signal included. A second lock of
-// the same name in this process opens the same file afresh, a file
-// description of its own, so flock refuses it as it would the real file.
+// left behind however the process ends, a signal included. The board keeps
+// each one open; every lock of that name in this process opens it afresh,
+// a file description of its own, so flock refuses a second one as it would
+// on the real file, and closing one leaves the file there for the next.
 int createLock(std::map<std::string, int>& locks, const char* path, mode_t mode) {
     const char* slash = std::strrchr(path, '/');
     std::string name = slash ? slash + 1 : path;
     auto it = locks.find(name);
-    if (it != locks.end()) return ::open(("/proc/self/fd/" + std::to_string(it->second)).c_str(), O_RDONLY);
-    const char* tmp = std::getenv("TMPDIR");
-    int fd = ::open(tmp && *tmp ? tmp : "/tmp", O_TMPFILE | O_WRONLY, mode);
-    if (fd >= 0) locks[name] = fd;
-    return fd;
+    if (it == locks.end()) {
+        const char* tmp = std::getenv("TMPDIR");
+        int fd = ::open(tmp && *tmp ? tmp : "/tmp", O_TMPFILE | O_WRONLY, mode);
+        if (fd < 0) return fd;
+        it = locks.emplace(name, fd).first;
+    }
+    return ::open(("/proc/self/fd/" + std::to_string(it->second)).c_str(), O_RDONLY);
 }
 
 U32 vendorWord(const char* four) {
@@ -134,6 +137,7 @@ Board::Board(BoardConfig config) : config_(std::move(config)), chain_(config_.ch
 
 Board::~Board() {
     finish();
+    for (const auto& lock : locks_) ::close(lock.second);
     if (installedBoard() == this) {
         installedBoard() = nullptr;
         restoreEndingSignals();
