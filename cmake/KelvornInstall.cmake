@@ -1,16 +1,22 @@
 # What `cmake --install` puts under the prefix (GNU directory names):
 #   bin/kelvorn and the other tools given to kelvorn_install_tool()
 #   lib/libxilinx.so.<version> with its SONAME and development links, lib/libxilinx.a
-#   include/kelvorn/XilIntfC.h
-#   lib/pkgconfig/kelvorn.pc                  pkg-config --cflags --libs kelvorn
-#   lib/cmake/kelvorn/                        find_package(kelvorn): kelvorn::xilinx, kelvorn::xilinx_static
+#   lib/libkelvorn.so.<version>, lib/libkelvorn-sim.so.<version>, each with its SONAME and link
+#   include/kelvorn/XilIntfC.h, include/kelvorn/kelvorn.h
+#   lib/pkgconfig/xilinx.pc                   pkg-config --cflags --libs xilinx
+#   lib/pkgconfig/kelvorn.pc, kelvorn-sim.pc  pkg-config --cflags --libs kelvorn (or kelvorn-sim)
+#   lib/cmake/kelvorn/                        find_package(kelvorn): kelvorn::xilinx, kelvorn::xilinx_static,
+#                                             and with libkelvorn kelvorn::kelvorn, kelvorn::kelvorn_sim
+#   lib/python3/dist-packages/kelvorn         the Python package
 #   lib/systemd/system/kelvorn-serve@.{socket,service}
 #   share/man, share/bash-completion (cmake/KelvornDocs.cmake)
 # Every path is relative to the prefix given at install time (--prefix, the
-# Debian package's /usr). Each file belongs to one of three components, the
-# three Debian packages (cmake/KelvornPackage.cmake): lib, the shared
-# library under its SONAME; dev, what building against it takes; programs,
-# the tools with their pages, completion and units.
+# Debian package's /usr). Each file belongs to one of the components, the
+# Debian packages (cmake/KelvornPackage.cmake): lib, libxilinx under its
+# SONAME; dev, what building against it takes; programs, the tools with
+# their pages, completion and units; kvlib and kvsim, libkelvorn and
+# libkelvorn-sim under their SONAMEs; kvdev, what building against those
+# takes; python, the Python package.
 include(CMakePackageConfigHelpers)
 
 # Installs command-line tools: one call per tool.
@@ -33,15 +39,30 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/kelvornConfigVersion.cmake 
 install(FILES ${CMAKE_BINARY_DIR}/kelvornConfig.cmake ${CMAKE_BINARY_DIR}/kelvornConfigVersion.cmake
         DESTINATION ${KELVORN_CMAKE_DIR} COMPONENT dev)
 
-# The pkg-config file names the prefix, which `cmake --install --prefix` and
-# CPack choose at install time: its first line is written then.
-configure_file(${CMAKE_CURRENT_LIST_DIR}/kelvorn.pc.in ${CMAKE_BINARY_DIR}/kelvorn.pc.body @ONLY)
-install(CODE "
-  file(READ \"${CMAKE_BINARY_DIR}/kelvorn.pc.body\" body)
-  file(WRITE \"${CMAKE_BINARY_DIR}/pkgconfig/kelvorn.pc\" \"prefix=\${CMAKE_INSTALL_PREFIX}\\n\${body}\")
-  file(INSTALL \"${CMAKE_BINARY_DIR}/pkgconfig/kelvorn.pc\"
-       DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${KELVORN_PKGCONFIG_DIR}\")"
-  COMPONENT dev)
+# libkelvorn's and libkelvorn-sim's rules are in libkelvorn/CMakeLists.txt, beside the targets.
+
+# The pkg-config files name the prefix, which `cmake --install --prefix` and
+# CPack choose at install time: their first line is written then.
+function(kelvorn_pkgconfig name libs component description)
+  set(KELVORN_PC_NAME ${name})
+  set(KELVORN_PC_LIBS ${libs})
+  set(KELVORN_PC_DESCRIPTION ${description})
+  set(KELVORN_PC_PRIVATE ${ARGN})
+  configure_file(${CMAKE_CURRENT_FUNCTION_LIST_DIR}/kelvorn.pc.in ${CMAKE_BINARY_DIR}/${name}.pc.body @ONLY)
+  install(CODE "
+    file(READ \"${CMAKE_BINARY_DIR}/${name}.pc.body\" body)
+    file(WRITE \"${CMAKE_BINARY_DIR}/pkgconfig/${name}.pc\" \"prefix=\${CMAKE_INSTALL_PREFIX}\\n\${body}\")
+    file(INSTALL \"${CMAKE_BINARY_DIR}/pkgconfig/${name}.pc\"
+         DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${KELVORN_PKGCONFIG_DIR}\")"
+    COMPONENT ${component})
+endfunction()
+kelvorn_pkgconfig(xilinx -lxilinx dev "${PROJECT_DESCRIPTION}" "Libs.private: -lstdc++")
+kelvorn_pkgconfig(kelvorn -lkelvorn kvdev "A whole JTAG chain from C: discovery, shifts, SVF and XSVF players")
+kelvorn_pkgconfig(kelvorn-sim -lkelvorn-sim kvdev "libkelvorn with the simulated board behind it")
+
+# The Python package, where Debian's python3 finds packages under any prefix.
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/python/kelvorn DESTINATION lib/python3/dist-packages COMPONENT python
+        FILES_MATCHING PATTERN "*.py" PATTERN "py.typed" PATTERN "__pycache__" EXCLUDE)
 
 # kelvorn-serve's socket-activated units.
 install(FILES ${CMAKE_SOURCE_DIR}/serve/systemd/kelvorn-serve@.socket ${CMAKE_SOURCE_DIR}/serve/systemd/kelvorn-serve@.service

@@ -1,5 +1,5 @@
-# `cpack -G DEB` in the build directory: three packages under /usr, split as
-# Debian splits a library, from the three install components
+# `cpack -G DEB` in the build directory: seven packages under /usr, split as
+# Debian splits a library, from the install components
 # (cmake/KelvornInstall.cmake):
 #   libxilinx1      the shared library under its SONAME, with a shlibs file
 #                   and the ldconfig trigger
@@ -7,6 +7,12 @@
 #                   pkg-config and CMake files, the section 3 page
 #   kelvorn         the programs, their pages, bash completion, the
 #                   kelvorn-serve units
+#   libkelvorn1     libkelvorn under its SONAME (shlibs, ldconfig trigger)
+#   libkelvorn-sim1 libkelvorn-sim under its SONAME
+#   libkelvorn-dev  kelvorn.h, the two links, pkg-config and CMake files,
+#                   the section 3 page; it needs libxilinx-dev, whose
+#                   CMake package (find_package(kelvorn)) it extends
+#   python3-kelvorn the Python package, over libkelvorn with ctypes
 # Each has its copyright file and changelog; binaries are stripped, their
 # debug symbols in a -dbgsym package each (when the build has them). Depends
 # come from dpkg-shlibdeps (dpkg-dev). The maintainer is KELVORN_MAINTAINER.
@@ -20,7 +26,7 @@ set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${KELVORN_MAINTAINER}")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL lib dev programs)
+set(CPACK_COMPONENTS_ALL lib dev programs kvlib kvsim kvdev python)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION electronics)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
@@ -62,6 +68,43 @@ string(CONCAT CPACK_DEBIAN_PROGRAMS_DESCRIPTION ${about_boards}
        "pins to OpenOCD over remote_bitbang or to XVC clients, with its systemd\n"
        "units.")
 
+set(about_library
+    "libkelvorn is a C library for a whole JTAG chain on such a board: it\n"
+    "finds the devices on the chain, shifts instructions and data of one\n"
+    "device with the others in BYPASS, plays SVF and XSVF files and samples\n"
+    "a device's pins from its BSDL file.\n"
+    "\n")
+
+set(CPACK_DEBIAN_KVLIB_PACKAGE_NAME libkelvorn1)
+set(CPACK_DEBIAN_KVLIB_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_KVLIB_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/package/lib/triggers)
+string(CONCAT CPACK_DEBIAN_KVLIB_DESCRIPTION ${about_boards} ${about_library}
+       "This package holds the shared library, libkelvorn.")
+
+set(CPACK_DEBIAN_KVSIM_PACKAGE_NAME libkelvorn-sim1)
+set(CPACK_DEBIAN_KVSIM_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_KVSIM_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/package/lib/triggers)
+string(CONCAT CPACK_DEBIAN_KVSIM_DESCRIPTION ${about_boards} ${about_library}
+       "This package holds libkelvorn-sim: the same functions and ABI with a\n"
+       "simulated board behind them, so that a program runs unchanged against\n"
+       "the simulator when it loads this library instead.")
+
+set(CPACK_DEBIAN_KVDEV_PACKAGE_NAME libkelvorn-dev)
+set(CPACK_DEBIAN_KVDEV_PACKAGE_SECTION libdevel)
+set(CPACK_COMPONENT_KVDEV_DEPENDS kvlib kvsim dev)
+string(CONCAT CPACK_DEBIAN_KVDEV_DESCRIPTION ${about_boards} ${about_library}
+       "This package holds what building against libkelvorn takes: the C\n"
+       "header, pkg-config and CMake files and the manual page.")
+
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-kelvorn)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3:any")
+set(CPACK_COMPONENT_PYTHON_DEPENDS kvlib)
+string(CONCAT CPACK_DEBIAN_PYTHON_DESCRIPTION ${about_boards} ${about_library}
+       "This package holds the Python 3 module kelvorn, which drives libkelvorn\n"
+       "(or libkelvorn-sim) through ctypes.")
+
 # The per-package files: /usr/share/doc/<package>/{copyright,changelog.gz},
 # and the library's trigger for ldconfig.
 configure_file(${CMAKE_CURRENT_LIST_DIR}/package/copyright.in ${CMAKE_BINARY_DIR}/package/copyright @ONLY)
@@ -74,7 +117,7 @@ add_custom_command(
   COMMENT "Package changelog"
   VERBATIM)
 add_custom_target(package_changelog ALL DEPENDS ${CMAKE_BINARY_DIR}/package/changelog.gz)
-foreach(component lib dev programs)
+foreach(component ${CPACK_COMPONENTS_ALL})
   string(TOUPPER ${component} upper)
   install(FILES ${CMAKE_BINARY_DIR}/package/copyright ${CMAKE_BINARY_DIR}/package/changelog.gz
           DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME} COMPONENT ${component})

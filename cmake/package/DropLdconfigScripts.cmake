@@ -3,10 +3,10 @@
 # holding a shared library under /usr/lib a postinst and a postrm that call
 # ldconfig; Debian calls it from a trigger instead (the package's "triggers"
 # control file: activate-noawait ldconfig). The library's package is built
-# again without the two scripts, its files and control otherwise unchanged.
+# again without the two scripts (each library package), its files and control otherwise unchanged.
 foreach(deb IN LISTS CPACK_PACKAGE_FILES)
   get_filename_component(name "${deb}" NAME)
-  if(NOT name MATCHES "^libxilinx1_.*\\.deb$")
+  if(NOT name MATCHES "^lib(xilinx|kelvorn|kelvorn-sim)1_.*\\.deb$")
     continue()
   endif()
   set(tree "${deb}.tree")

@@ -1,0 +1,148 @@
+"""The Python package on the simulated board (sim=...): discovery, players,
+shifts, samples and the errors a script sees. Runs against whichever
+kelvorn package and libraries the environment gives: the build tree
+(PYTHONPATH=python, KELVORN_LIBRARY_PATH=build/lib) or a staged install.
+KELVORN_TEST_BUILD names the build directory (kelvorn-vectors) and
+KELVORN_TEST_DATA the test data (BSDL files)."""
+
+import os
+import subprocess
+from pathlib import Path
+
+import pytest
+
+import kelvorn
+
+BUILD = Path(os.environ["KELVORN_TEST_BUILD"])
+BSDL = Path(os.environ["KELVORN_TEST_DATA"]) / "bsdl"
+FPGA, ADDRESS = "rotanMotub", "0000:03:00.0"  # the PEX 8600 backend
+CPU = "--cpu 0x16:0x30"
+# A BSDL CPLD nearest TDO, a programmable device of 64 rows of 32 bits, a plain one.
+CHAIN = f"bsdl={BSDL / 'kv_cpld64.bsd'},0x1b4d2093:6:mem=64x32,0x2468ace1:10"
+
+
+def board(*options: str) -> str:
+    return " ".join((CPU, "--chain", CHAIN) + options)
+
+
+def test_discover_three_devices():
+    with kelvorn.open(FPGA, ADDRESS, sim=board()) as dev:
+        dev.add_bsdl(BSDL)
+        devices = dev.discover()
+    assert [(d["position"], d["idcode"], d["ir_length"], d["ir_length_from"], d["part"], d["version"])
+            for d in devices] == [
+        (0, "0x0123402f", 8, "bsdl", "kv_cpld64", 0),
+        (1, "0x1b4d2093", 6, "detected", None, 1),
+        (2, "0x2468ace1", 10, "detected", None, 2),
+    ]
+    assert devices[0]["bsdl"].endswith("kv_cpld64.bsd")
+    assert devices[1]["manufacturer"] == "Xilinx"
+    assert set(devices[0]) == {"position", "idcode", "ir_length", "ir_length_from", "manufacturer", "part",
+                               "version", "bsdl"}
+
+
+def test_play_programs_the_image(tmp_path):
+    image = bytes((i * 37 + 11) % 256 for i in range(64 * 32 // 8))
+    (tmp_path / "image.bin").write_bytes(image)
+    subprocess.run([BUILD / "bin" / "kelvorn-vectors", "--chain", "0x0a5c7035:8,0x1b4d2093:6:mem=64x32,0x2468ace1:10",
+                    "--svf", tmp_path / "image.svf", tmp_path / "image.bin"], check=True)
+    seen = []
+    memory = tmp_path / "memory.bin"
+    sim = f"{CPU} --chain 0x0a5c7035:8,0x1b4d2093:6:mem=64x32,0x2468ace1:10 --dump-memory {memory}"
+    with kelvorn.open(FPGA, ADDRESS, sim=sim) as dev:
+        result = dev.play(tmp_path / "image.svf", progress=lambda done, total, bits: seen.append((done, total)))
+    assert memory.read_bytes() == image  # written when the board ends, at close
+    assert set(result) == {"statements", "scans", "bits", "tck_cycles", "seconds"}
+    assert result["scans"] == 7 + 2 * 64 and result["statements"] == 16 + 3 * 64
+    assert result["tck_cycles"] > result["bits"] > 0 and result["seconds"] > 0
+    size = (tmp_path / "image.svf").stat().st_size
+    assert seen[-1] == (size, size)  # the last call: the whole file
+
+
+def test_tdo_mismatch_names_its_line(tmp_path):
+    svf = tmp_path / "idcodes.svf"
+    # After a reset the DR path is the IDCODE registers: device 0's first out.
+    svf.write_text("STATE RESET;\n"
+                   "SDR 64 TDI(0) TDO(1b4d20930a5c7035);\n"
+                   "STATE RESET;\n"
+                   "SDR 64 TDI(0) TDO(1b4d20930a5c7036) MASK(00000000ffffffff);\n")
+    with kelvorn.open(FPGA, ADDRESS, sim=f"{CPU} --chain 0x0a5c7035:8,0x1b4d2093:6") as dev:
+        with pytest.raises(kelvorn.TdoMismatch) as caught:
+            dev.play(svf)
+        e = caught.value
+        assert e.status == kelvorn.E_MISMATCH
+        assert (e.file, e.line, e.offset, e.statement, e.bits) == (str(svf), 4, None, "SDR", 64)
+        # TDO is read only where the mask has ones: the other bits of actual are 0.
+        assert (e.expected, e.mask, e.actual) == (0x1b4d20930a5c7036, 0x00000000ffffffff, 0x0a5c7035)
+        assert str(e).startswith(f"{svf}:4: SDR of 64 bits: TDO mismatch: expected 1b4d20930a5c7036")
+        # The same file from memory: its name in the messages.
+        with pytest.raises(kelvorn.TdoMismatch) as caught:
+            dev.play_bytes(svf.read_bytes(), name="from-memory.svf")
+        assert (caught.value.file, caught.value.line) == ("from-memory.svf", 4)
+
+
+def test_shift_ir_and_dr_through_bypass():
+    with kelvorn.open(FPGA, ADDRESS, sim=board()) as dev:
+        # IDCODE (0x1) into the device in the middle; IR captures ...01.
+        assert dev.shift_ir(1, 0x01) == 0x01
+        assert dev.shift_dr(1, 0, 32) == 0x1b4d2093
+        # The 4096-bit loop-back register (0x2) gives back what the scan before left in it.
+        dev.shift_ir(2, 0x002, 10)
+        pattern = int.from_bytes(bytes((i * 73 + 5) % 256 for i in range(512)), "little")
+        assert dev.shift_dr(2, pattern, 4096) == 0
+        assert dev.shift_dr(2, pattern >> 1, 4096) == pattern
+        assert dev.shift_dr(2, 0, 4096) == pattern >> 1
+        with pytest.raises(kelvorn.Error) as caught:
+            dev.shift_ir(1, 1, 5)
+        assert caught.value.status == kelvorn.E_ARGUMENT
+        assert caught.value.message == "device 1's instruction register has 6 bits, not 5"
+        with pytest.raises(kelvorn.Error, match=r"no device at position 3 \(the chain has 3\)"):
+            dev.shift_dr(3, 0, 8)
+        with pytest.raises(ValueError):
+            dev.shift_dr(1, 0x100, 8)
+
+
+def test_sample_pins_of_a_bsdl_device():
+    with kelvorn.open(FPGA, ADDRESS, sim=board("--pin 0.clk=0", "--pin 0.d(3)=0")) as dev:
+        dev.add_bsdl(BSDL / "kv_cpld64.bsd")
+        assert dev.sample(0) == {"clk": 0, "rst_n": 1, "d(0)": 1, "d(1)": 1, "d(2)": 1, "d(3)": 0}
+        with pytest.raises(kelvorn.Error) as caught:
+            dev.sample(1)
+        assert (caught.value.status, caught.value.message) == (kelvorn.E_BSDL,
+                                                               "device 1 has no BSDL file (kv_add_bsdl)")
+
+
+def test_cancel_lock_and_refusals(tmp_path):
+    svf = tmp_path / "long.svf"
+    svf.write_text("STATE RESET;\n" + "RUNTEST 2000 TCK;\n" * 2000)
+    with kelvorn.open(FPGA, ADDRESS, sim=board()) as dev:
+        with pytest.raises(kelvorn.Error) as caught:
+            kelvorn.open(FPGA, ADDRESS, sim=board())
+        assert (caught.value.status, caught.value.message) == (kelvorn.E_LOCKED,
+                                                               "Lock file is locked by another process.")
+        with pytest.raises(kelvorn.Cancelled) as cancelled:
+            dev.play(svf, progress=lambda done, total, bits: True)
+        assert cancelled.value.status == kelvorn.E_CANCELLED
+        assert dev.sim_pins() == "TCK=z TDI=z TMS=z TDO=1"  # given back
+        # The pins are taken again for the next call (the chain reset: IDCODE, bit 0 a one).
+        assert dev.shift_dr(1, 0, 1) == 1
+        assert dev.sim_pins().startswith("TCK=0 ")
+        # An exception in the callback stops the play and comes out of it.
+        with pytest.raises(ZeroDivisionError):
+            dev.play(svf, progress=lambda done, total, bits: 1 / 0)
+        assert dev.sim_pins() == "TCK=z TDI=z TMS=z TDO=1"
+    with pytest.raises(kelvorn.Error) as caught:
+        kelvorn.open(FPGA, "0000:03:00", sim=board())
+    assert caught.value.status == kelvorn.E_ARGUMENT
+    with pytest.raises(kelvorn.Error) as caught:
+        kelvorn.open("nosuchfpga", ADDRESS, sim=board())
+    assert (caught.value.status, caught.value.message) == (kelvorn.E_NO_BACKEND,
+                                                           "no backend serves nosuchfpga on this board")
+    with pytest.raises(kelvorn.Error) as caught:
+        kelvorn.open(FPGA, ADDRESS, sim="--chain 0x1:1")
+    assert caught.value.status == kelvorn.E_SIM
+    with pytest.raises(kelvorn.Error) as caught:
+        with kelvorn.open(FPGA, ADDRESS, sim=f"{CPU} --tdo stuck-1") as dead:
+            dead.discover()
+    assert caught.value.status == kelvorn.E_DEAD_CHAIN
+    assert caught.value.message.startswith("TDO stuck at 1: no device drives it")
