@@ -3,7 +3,7 @@
 # Each page has one source, docs/man/<page>.md, which go-md2man turns into
 # build/man/<page> at build time (the version filled in); it is installed
 # gzipped (gzip -9n, as Debian wants): section 1, one page per installed
-# program, with the programs; section 3, the C API, with the header.
+# program, with the programs; section 3, each C API, with its header.
 # tests/man_test.sh keeps each page's options in step with its program's
 # --help. The bash completion, docs/completion/kelvorn, is one script for
 # every program, installed under each installed program's name, since
@@ -14,7 +14,7 @@ if(NOT GO_MD2MAN)
 endif()
 
 set(KELVORN_PROGRAMS kelvorn kelvorn-play kelvorn-serve kelvorn-chain)
-set(KELVORN_MAN_PAGES kelvorn.1 kelvorn-play.1 kelvorn-serve.1 kelvorn-chain.1 libxilinx.3)
+set(KELVORN_MAN_PAGES kelvorn.1 kelvorn-play.1 kelvorn-serve.1 kelvorn-chain.1 libxilinx.3 libkelvorn.3)
 set(man_outputs)
 foreach(page ${KELVORN_MAN_PAGES})
   set(src ${CMAKE_SOURCE_DIR}/docs/man/${page}.md)
@@ -29,7 +29,9 @@ foreach(page ${KELVORN_MAN_PAGES})
   list(APPEND man_outputs ${out} ${out}.gz)
   string(REGEX REPLACE ".*\\." "" section ${page})
   set(component programs)
-  if(section STREQUAL 3)
+  if(page STREQUAL libkelvorn.3)
+    set(component kvdev)
+  elseif(section STREQUAL 3)
     set(component dev)
   endif()
   install(FILES ${out}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${component})
