@@ -101,6 +101,7 @@ set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3:any")
 set(CPACK_COMPONENT_PYTHON_DEPENDS kvlib)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS libkelvorn-sim1)
 string(CONCAT CPACK_DEBIAN_PYTHON_DESCRIPTION ${about_boards} ${about_library}
        "This package holds the Python 3 module kelvorn, which drives libkelvorn\n"
        "(or libkelvorn-sim) through ctypes.")

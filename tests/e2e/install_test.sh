@@ -2,7 +2,8 @@
 # prefix, the exported symbols and SONAME, programs built against that
 # prefix alone (pkg-config with the shared and with the static library,
 # find_package) run in test mode on a PEX 8600 register file, and the Debian
-# package's files and dependencies.
+# packages' files and dependencies. libkelvorn's own checks are
+# tests/e2e/libkelvorn_test.sh's.
 source "$(dirname "$0")/lib.sh" "$1"
 
 consumer_src=$(cd "$(dirname "$0")/consumer" && pwd)
@@ -21,15 +22,28 @@ cmake --install "$E2E_BUILD" --prefix "$stage" >"$E2E_DIR/install.log" 2>&1
 expect_eq "$?" 0 "cmake --install: status"
 installed() { (cd "$stage" && find . ! -type d \( -type l -printf '%P -> %l\n' -o -printf '%P\n' \) | sort); }
 expect_eq "$(installed | grep -v '^bin/')" "$(sort <<<"include/kelvorn/XilIntfC.h
+include/kelvorn/kelvorn.h
 $libdir/cmake/kelvorn/kelvornConfig.cmake
 $libdir/cmake/kelvorn/kelvornConfigVersion.cmake
 $libdir/cmake/kelvorn/kelvornTargets-$config.cmake
 $libdir/cmake/kelvorn/kelvornTargets.cmake
+$libdir/cmake/kelvorn/kelvornLibTargets-$config.cmake
+$libdir/cmake/kelvorn/kelvornLibTargets.cmake
 $libdir/libxilinx.a
 $libdir/libxilinx.so -> libxilinx.so.1
 $libdir/libxilinx.so.1 -> libxilinx.so.1.0.0
 $libdir/libxilinx.so.1.0.0
+$libdir/libkelvorn.so -> libkelvorn.so.1
+$libdir/libkelvorn.so.1 -> libkelvorn.so.1.0.0
+$libdir/libkelvorn.so.1.0.0
+$libdir/libkelvorn-sim.so -> libkelvorn-sim.so.1
+$libdir/libkelvorn-sim.so.1 -> libkelvorn-sim.so.1.0.0
+$libdir/libkelvorn-sim.so.1.0.0
+$libdir/pkgconfig/xilinx.pc
 $libdir/pkgconfig/kelvorn.pc
+$libdir/pkgconfig/kelvorn-sim.pc
+lib/python3/dist-packages/kelvorn/__init__.py
+lib/python3/dist-packages/kelvorn/py.typed
 lib/systemd/system/kelvorn-serve@.service
 lib/systemd/system/kelvorn-serve@.socket
 share/bash-completion/completions/kelvorn
@@ -42,11 +56,20 @@ share/doc/libxilinx-dev/changelog.gz
 share/doc/libxilinx-dev/copyright
 share/doc/libxilinx1/changelog.gz
 share/doc/libxilinx1/copyright
+share/doc/libkelvorn-dev/changelog.gz
+share/doc/libkelvorn-dev/copyright
+share/doc/libkelvorn-sim1/changelog.gz
+share/doc/libkelvorn-sim1/copyright
+share/doc/libkelvorn1/changelog.gz
+share/doc/libkelvorn1/copyright
+share/doc/python3-kelvorn/changelog.gz
+share/doc/python3-kelvorn/copyright
 share/man/man1/kelvorn-chain.1.gz
 share/man/man1/kelvorn-play.1.gz
 share/man/man1/kelvorn-serve.1.gz
 share/man/man1/kelvorn.1.gz
-share/man/man3/libxilinx.3.gz")" "installed library, manual pages, completion, units and package documents"
+share/man/man3/libxilinx.3.gz
+share/man/man3/libkelvorn.3.gz")" "installed libraries, Python package, manual pages, completion, units and package documents"
 # Tools come from kelvorn_install_tool(); never the simulator, tests or benchmarks.
 expect_eq "$(ls "$stage/bin" | paste -sd' ')" "kelvorn kelvorn-chain kelvorn-play kelvorn-serve" "installed tools"
 
@@ -60,10 +83,10 @@ expect_eq "$(nm -A "$so" "$stage/$libdir/libxilinx.a" 2>/dev/null | grep -c Fake
 # ---- programs built against the staged prefix ----
 
 export PKG_CONFIG_PATH=$stage/$libdir/pkgconfig
-cflags=$(pkg-config --cflags kelvorn)
-libs=$(pkg-config --libs kelvorn)
+cflags=$(pkg-config --cflags xilinx)
+libs=$(pkg-config --libs xilinx)
 expect_eq "$(echo $cflags $libs)" "-I$stage/include -L$stage/$libdir -lxilinx" "pkg-config --cflags --libs"
-static_libs=$(pkg-config --static --libs kelvorn)
+static_libs=$(pkg-config --static --libs xilinx)
 expect_eq "$(echo $static_libs)" "-L$stage/$libdir -lxilinx -lstdc++" "pkg-config --static --libs"
 
 build_c() {  # output, then compiler arguments after the source
@@ -105,8 +128,9 @@ done
 
 # ---- the Debian packages ----
 
-# Three, split as Debian splits a library: libxilinx1 (the runtime under its
-# SONAME), libxilinx-dev, kelvorn (the programs); together exactly what
+# Seven, split as Debian splits a library: libxilinx1 (the runtime under its
+# SONAME), libxilinx-dev, kelvorn (the programs), libkelvorn1,
+# libkelvorn-sim1, libkelvorn-dev and python3-kelvorn; together exactly what
 # `cmake --install` installs, each file in one.
 cpack -G DEB --config "$E2E_BUILD/CPackConfig.cmake" -B "$E2E_DIR/deb" >"$E2E_DIR/cpack.log" 2>&1 || cat "$E2E_DIR/cpack.log"
 deb() { echo "$E2E_DIR"/deb/"$1"_*.deb; }
@@ -116,7 +140,8 @@ packaged() {  # package...: its files, under /usr
     dpkg-deb -c "$(deb "$p")" | awk '$1 !~ /^d/ { sub(/^\.\/usr\//, "", $6); s = $6; for (i = 7; i <= NF; i++) s = s " " $i; print s }'
   done | sort
 }
-expect_eq "$(packaged libxilinx1 libxilinx-dev kelvorn)" "$(installed)" "packages: the installed files, under /usr"
+expect_eq "$(packaged libxilinx1 libxilinx-dev kelvorn libkelvorn1 libkelvorn-sim1 libkelvorn-dev python3-kelvorn)" \
+  "$(installed)" "packages: the installed files, under /usr"
 expect_eq "$(packaged libxilinx1)" "$libdir/libxilinx.so.1 -> libxilinx.so.1.0.0
 $libdir/libxilinx.so.1.0.0
 share/doc/libxilinx1/changelog.gz
@@ -125,7 +150,7 @@ expect_eq "$(packaged libxilinx-dev | grep -cE "^(include/|$libdir/libxilinx\.(a
   "$(($(packaged libxilinx-dev | wc -l) - 2))" "libxilinx-dev: headers, link, archive, pkg-config, CMake, section 3"
 expect_eq "$(packaged kelvorn | grep -vcE '^(bin/|lib/systemd/system/|share/(man/man1|bash-completion|doc/kelvorn)/)')" 0 \
   "kelvorn: programs, pages, completion, units"
-expect_eq "$(dpkg-deb --fsys-tarfile "$(deb libxilinx-dev)" | tar -xO "./usr/$libdir/pkgconfig/kelvorn.pc" | head -n1)" \
+expect_eq "$(dpkg-deb --fsys-tarfile "$(deb libxilinx-dev)" | tar -xO "./usr/$libdir/pkgconfig/xilinx.pc" | head -n1)" \
   "prefix=/usr" "package: pkg-config prefix"
 expect_eq "$(dpkg-deb -f "$(deb libxilinx-dev)" Depends)" "libxilinx1 (= 1.0.0)" "libxilinx-dev depends on its library"
 depends() { dpkg-deb -f "$(deb "$1")" Depends | tr ',' '\n' | awk '{print $1}'; }  # names, without versions
@@ -138,8 +163,23 @@ control() { dpkg-deb --ctrl-tarfile "$(deb libxilinx1)" | tar -t | sed 's|^\./||
 expect_eq "$(control)" "control md5sums shlibs triggers" "libxilinx1: control files"
 expect_eq "$(dpkg-deb -I "$(deb libxilinx1)" shlibs) / $(dpkg-deb -I "$(deb libxilinx1)" triggers)" \
   "libxilinx 1 libxilinx1 (= 1.0.0) / activate-noawait ldconfig" "libxilinx1: shlibs and trigger"
+for lib in libkelvorn1:libkelvorn libkelvorn-sim1:libkelvorn-sim; do
+  pkg=${lib%%:*} so=${lib#*:}
+  expect_eq "$(packaged "$pkg")" "$libdir/$so.so.1 -> $so.so.1.0.0
+$libdir/$so.so.1.0.0
+share/doc/$pkg/changelog.gz
+share/doc/$pkg/copyright" "$pkg: the library under its SONAME"
+  expect_eq "$(dpkg-deb -I "$(deb "$pkg")" shlibs) / $(dpkg-deb -I "$(deb "$pkg")" triggers)" \
+    "$so 1 $pkg (= 1.0.0) / activate-noawait ldconfig" "$pkg: shlibs and trigger"
+done
+expect_eq "$(dpkg-deb -f "$(deb libkelvorn-dev)" Depends | tr -d ' ' | tr ',' '\n' | sort | paste -sd' ')" \
+  "libkelvorn-sim1(=1.0.0) libkelvorn1(=1.0.0) libxilinx-dev(=1.0.0)" "libkelvorn-dev depends on both libraries and libxilinx-dev"
+expect_eq "$(dpkg-deb -f "$(deb python3-kelvorn)" Architecture Depends Suggests)" "Architecture: all
+Depends: libkelvorn1 (= 1.0.0), python3:any
+Suggests: libkelvorn-sim1" "python3-kelvorn: architecture all, over libkelvorn1"
 # Stripped programs and library (their symbols in -dbgsym packages when the build has them).
-for f in "$(deb kelvorn):./usr/bin/kelvorn-serve" "$(deb libxilinx1):./usr/$libdir/libxilinx.so.1.0.0"; do
+for f in "$(deb kelvorn):./usr/bin/kelvorn-serve" "$(deb libxilinx1):./usr/$libdir/libxilinx.so.1.0.0" \
+  "$(deb libkelvorn1):./usr/$libdir/libkelvorn.so.1.0.0"; do
   dpkg-deb --fsys-tarfile "${f%%:*}" | tar -xO "${f#*:}" >"$E2E_DIR/binary"
   expect_eq "$(readelf -S "$E2E_DIR/binary" | grep -c '\.symtab\|\.debug_')" 0 "stripped: ${f#*:}"
 done
