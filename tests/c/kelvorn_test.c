@@ -32,6 +32,7 @@ int main(int argc, char** argv) {
     kv_device *dev, *second;
     kv_play_result r;
     const char* json;
+    unsigned flags;
     int calls = 0;
     int s;
 
@@ -41,13 +42,14 @@ int main(int argc, char** argv) {
     }
     s = kv_sim_configure(argv[1], why, sizeof why);
     printf("configure: %s%s%s\n", kv_status_name(s), *why ? ": " : "", why);
-    s = kv_open(argv[2], argv[3], s == KV_OK ? 0 : KV_TEST_MODE, 0, &dev);
+    flags = s == KV_OK ? 0 : KV_TEST_MODE;
+    s = kv_open(argv[2], argv[3], flags, 0, &dev);
     printf("open: %s%s%s\n", kv_status_name(s), *kv_message(dev) ? ": " : "", kv_message(dev));
     if (s != KV_OK) {
         kv_close(dev);
         return 1;
     }
-    s = kv_open(argv[2], argv[3], 0, 0, &second);
+    s = kv_open(argv[2], argv[3], flags, 0, &second);
     printf("second open: %s: %s\n", kv_status_name(s), kv_message(second));
     kv_close(second);
     s = kv_discover(dev, &json);

@@ -1,0 +1,177 @@
+# libkelvorn and libkelvorn-sim as a user's program and script see them,
+# installed to a staging prefix: only kv_ functions exported, SONAMEs,
+# pkg-config and find_package; a C program built against the prefix alone
+# programs an image on the simulated board (the memory equals the image),
+# is cancelled from its progress callback (the pins given back), and is
+# refused a second open of the device; the same binary runs with the two
+# libraries swapped under it (the hardware one in test mode on a PEX 8600
+# register file); the README's C and Python examples run as printed; the
+# pytest suite runs against the staged Python package.
+source "$(dirname "$0")/lib.sh" "$1"
+
+src=$(cd "$(dirname "$0")/../.." && pwd)
+cache() { sed -n "s/^$1:[A-Z]*=//p" "$E2E_BUILD/CMakeCache.txt"; }
+cc=$(cache CMAKE_C_COMPILER)
+libdir=$(cache CMAKE_INSTALL_LIBDIR)
+# Programs that load a sanitized library need its runtime first.
+sanitize=()
+run_env=()
+if [ "$(cache KELVORN_SANITIZE)" = ON ]; then
+  sanitize=(-fsanitize=address,undefined)
+  run_env=(LD_PRELOAD="$("$(cache CMAKE_CXX_COMPILER)" -print-file-name=libasan.so)" ASAN_OPTIONS=detect_leaks=0)
+fi
+
+stage=$E2E_DIR/stage
+cmake --install "$E2E_BUILD" --prefix "$stage" >"$E2E_DIR/install.log" 2>&1
+expect_eq "$?" 0 "cmake --install: status"
+lib=$stage/$libdir
+header=$stage/include/kelvorn/kelvorn.h
+
+# ---- what the libraries export ----
+
+functions=$(sed -nE 's/^(int|const char\*) (kv_[a-z_]+)\(.*/\2/p' "$header" | sort)
+expect_eq "$(wc -l <<<"$functions")" 15 "the header's functions found"
+for so in libkelvorn libkelvorn-sim; do
+  expect_eq "$(nm -D --defined-only "$lib/$so.so.1" | awk '{print $3}' | sort)" "$functions" "$so: exports exactly the header's functions"
+  expect_eq "$(readelf -d "$lib/$so.so.1" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')" "$so.so.1" "$so: SONAME"
+done
+
+export PKG_CONFIG_PATH=$lib/pkgconfig
+expect_eq "$(echo $(pkg-config --cflags --libs kelvorn))" "-I$stage/include -L$lib -lkelvorn" "pkg-config kelvorn"
+expect_eq "$(echo $(pkg-config --cflags --libs kelvorn-sim))" "-I$stage/include -L$lib -lkelvorn-sim" "pkg-config kelvorn-sim"
+
+build() {  # output package: tests/c/kelvorn_test.c against the prefix alone
+  "$cc" "${sanitize[@]}" -std=c99 -pedantic -Wall -Wextra -Werror -o "$1" "$src/tests/c/kelvorn_test.c" \
+    $(pkg-config --cflags --libs "$2") -Wl,-rpath,"$lib" >"$E2E_DIR/cc.log" 2>&1 || cat "$E2E_DIR/cc.log"
+}
+build "$E2E_DIR/on_hw" kelvorn
+build "$E2E_DIR/on_sim" kelvorn-sim
+needed() { readelf -d "$1" | sed -n 's/.*(NEEDED).*\[\(libkelvorn.*\)\]/\1/p'; }
+expect_eq "$(needed "$E2E_DIR/on_hw") $(needed "$E2E_DIR/on_sim")" "libkelvorn.so.1 libkelvorn-sim.so.1" "the programs' libraries"
+
+# ---- on the simulated board ----
+
+d=$E2E_DIR/files
+mkdir -p "$d"
+# 1024 rows of 64 bits between two devices in BYPASS: an 8 KiB image fills them.
+chain=0x0a5c7035:8,0x1b4d2093:6:mem=1024x64,0x2468ace1:10
+rows=1024
+head -c $((rows * 8)) /dev/urandom >"$d/image.bin"
+"$E2E_BUILD/bin/kelvorn-vectors" --chain "$chain" --svf "$d/image.svf" "$d/image.bin"
+board="--cpu 0x16:0x30 --chain $chain --dump-memory $d/memory.bin"
+discovery='{"devices":[{"position":0,"idcode":"0x0a5c7035","ir_length":8,"ir_length_from":"detected","manufacturer":"Zilog","part":null,"version":0,"bsdl":null},{"position":1,"idcode":"0x1b4d2093","ir_length":6,"ir_length_from":"detected","manufacturer":"Xilinx","part":null,"version":1,"bsdl":null},{"position":2,"idcode":"0x2468ace1","ir_length":10,"ir_length_from":"detected","manufacturer":null,"part":null,"version":2,"bsdl":null}],"ir_total":24}'
+# The bits of the cancelled play and the TCK cycles of the whole one, as N.
+numbers() { sed -E -e 's/after [0-9]+ bits/after N bits/' -e 's/[0-9]+ bits, [0-9]+ TCK/B bits, C TCK/'; }
+out=$(env "${run_env[@]}" "$E2E_DIR/on_sim" "$board" rotanMotub 0000:03:00.0 "$d/image.svf" 2>"$E2E_DIR/err")
+expect_eq "$?|$(numbers <<<"$out")|$(cat "$E2E_DIR/err")" "0|configure: ok
+open: ok
+second open: locked: Lock file is locked by another process.
+discover: ok: $discovery
+cancelled: cancelled after 1 call(s), $d/image.svf: cancelled by the progress callback after N bits; pins given back
+pins: TCK=z TDI=z TMS=z TDO=1
+play: ok: $((16 + 3 * rows)) statements, $((7 + 2 * rows)) scans, B bits, C TCK cycles, progress called|" \
+  "simulated board: program, second open, cancel, play"
+cmp "$d/image.bin" "$d/memory.bin" >/dev/null
+expect_eq "$?" 0 "the programmed memory is the image (written when the last device closed)"
+
+# ---- ABI: each program with the other library under it ----
+
+# libkelvorn.so.1 that is the simulator: the hardware program runs on the simulated board.
+mkdir -p "$E2E_DIR/swap-sim" "$E2E_DIR/swap-hw"
+ln -s "$lib/libkelvorn-sim.so.1" "$E2E_DIR/swap-sim/libkelvorn.so.1"
+ln -s "$lib/libkelvorn.so.1" "$E2E_DIR/swap-hw/libkelvorn-sim.so.1"
+out=$(env "${run_env[@]}" LD_LIBRARY_PATH="$E2E_DIR/swap-sim" "$E2E_DIR/on_hw" "--cpu 0x16:0x30 --chain $chain" \
+  rotanMotub 0000:03:00.0 2>&1)
+expect_eq "$?|$out" "0|configure: ok
+open: ok
+second open: locked: Lock file is locked by another process.
+discover: ok: $discovery" "libkelvorn-sim under the program built for libkelvorn"
+
+# libkelvorn-sim.so.1 that is the hardware library: the simulator's program
+# opens the device in test mode, on rotanMotub's register file: TCK 21,
+# TDO 19, TMS 20, TDI 18 of the second GPIO group; direction 0x630 (two
+# bits a GPIO), input data 0x640, output data 0x648. No device drives TDO
+# (high); the discovery finds the chain dead and leaves TMS and TDI high, TCK
+# low (so the pins were driven); the close makes them inputs again.
+regfile=$(e2e_tmp_dir)/xilinxTestMemMapFile
+truncate -s 4096 "$regfile"
+wr32 "$regfile" 0x630 0x80000000  # GPIO 31 an output, not the device's
+wr32 "$regfile" 0x640 0x8         # TDO high
+wr32 "$regfile" 0x648 0x8000      # GPIO 31 high; TCK, TMS and TDI low
+e2e_run /usr/bin/env "${run_env[@]}" LD_LIBRARY_PATH="$E2E_DIR/swap-hw" "$E2E_DIR/on_sim" "--chain 0x1:8" rotanMotub 0000:03:00.0
+expect_eq "$E2E_STATUS|$E2E_OUT" "0|configure: sim: this is libkelvorn, which drives real boards: load libkelvorn-sim.so.1 to simulate one
+open: ok
+second open: locked: Lock file is locked by another process.
+discover: dead chain: TDO stuck at 1: no device drives it (a pull-up only); check the devices' power, that TCK and TMS reach them, and the TDO wiring" \
+  "libkelvorn under the program built for libkelvorn-sim, in test mode"
+expect_eq "$(regs rd32 "$regfile" 0x630 0x648)" "0x80000000 0x8014" "test mode: the pins inputs again after the close"
+expect_eq "$(ls "$(e2e_tmp_dir)" "$(e2e_lock_dir)" | grep -c xilinxTestLockFile)" 1 "test mode: the test lock file, nothing in /var/lock"
+
+# ---- find_package(kelvorn): kelvorn::kelvorn and kelvorn::kelvorn_sim ----
+
+mkdir -p "$E2E_DIR/cmake-src"
+cat >"$E2E_DIR/cmake-src/CMakeLists.txt" <<EOF
+cmake_minimum_required(VERSION 3.20)
+project(kvconsumer LANGUAGES C)
+find_package(kelvorn REQUIRED)
+add_executable(on_hw "$src/tests/c/kelvorn_test.c")
+target_link_libraries(on_hw PRIVATE kelvorn::kelvorn)
+add_executable(on_sim "$src/tests/c/kelvorn_test.c")
+target_link_libraries(on_sim PRIVATE kelvorn::kelvorn_sim)
+EOF
+cmake -S "$E2E_DIR/cmake-src" -B "$E2E_DIR/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$stage" -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF \
+  -DCMAKE_C_COMPILER="$cc" -DCMAKE_C_FLAGS="${sanitize[*]}" -DCMAKE_EXE_LINKER_FLAGS="${sanitize[*]}" >"$E2E_DIR/cmake.log" 2>&1 &&
+  cmake --build "$E2E_DIR/cmake" >>"$E2E_DIR/cmake.log" 2>&1 || cat "$E2E_DIR/cmake.log"
+expect_eq "$(needed "$E2E_DIR/cmake/on_hw") $(needed "$E2E_DIR/cmake/on_sim")" "libkelvorn.so.1 libkelvorn-sim.so.1" \
+  "find_package: the two targets"
+out=$(env "${run_env[@]}" "$E2E_DIR/cmake/on_sim" "--cpu 0x16:0x30 --chain $chain" rotanMotub 0000:03:00.0 2>&1 | tail -n1)
+expect_eq "$out" "discover: ok: $discovery" "find_package: the program runs on the simulated board"
+
+# ---- the README's examples, as printed ----
+
+readme=$E2E_DIR/readme
+mkdir -p "$readme/bin"
+# The Nth fenced block of a language in the README's libkelvorn section.
+block() {  # language n
+  awk -v lang="$1" -v n="$2" '
+    /^## / { in_section = ($0 ~ /^## The whole chain from C and Python/) }
+    !in_section { next }
+    inside && /^```$/ { inside = 0; next }
+    inside { if (count == n) print; next }
+    $0 == "```" lang { inside = 1; count++ }' "$src/README.md"
+}
+block c 1 >"$readme/chain.c"
+block python 1 >"$readme/chain.py"
+expect_eq "$(head -n1 "$readme/chain.c") / $(head -n1 "$readme/chain.py")" \
+  "/* chain.c: the devices on the chain behind \"rotanMotub\" at 0000:03:00.0, then a file played on it. */ / # chain.py: the same from Python, on the simulated board, and an IDCODE read by hand." \
+  "README: the examples found"
+# cc: this build's compiler, warnings as errors, linked to find the staged library at run time.
+cat >"$readme/bin/cc" <<EOF
+#!/bin/sh
+exec "$cc" ${sanitize[*]} -std=c99 -pedantic -Wall -Wextra -Werror "\$@" -Wl,-rpath,"$lib"
+EOF
+chmod +x "$readme/bin/cc"
+cp "$E2E_BUILD/bin/kelvorn-vectors" "$readme/bin/"
+readme_run() {  # the block's commands, in the examples' directory
+  (cd "$readme" && env "${run_env[@]}" PATH="$readme/bin:$PATH" PYTHONPATH="$stage/lib/python3/dist-packages" \
+    KELVORN_LIBRARY_PATH="$lib" bash -e -c "$1" 2>"$E2E_DIR/readme.err")
+}
+out=$(readme_run "$(block sh 1)")
+expect_eq "$?|$out" "0|$(block text 1)" "README: the C example, built and run as printed"
+expect_eq "$(tr '\r' '\n' <"$E2E_DIR/readme.err" | tail -n1)" "100%" "README: the C example's progress bar"
+out=$(readme_run "$(block sh 2)")
+expect_eq "$?|$out" "0|$(block text 2)" "README: the Python example, run as printed"
+
+# ---- the Python package, installed ----
+
+py=/usr/bin/python3
+pyenv=(PYTHONPATH="$stage/lib/python3/dist-packages" KELVORN_LIBRARY_PATH="$lib" PYTHONDONTWRITEBYTECODE=1)
+expect_eq "$(env "${pyenv[@]}" "$py" -c 'import kelvorn; print(kelvorn.__file__)')" \
+  "$stage/lib/python3/dist-packages/kelvorn/__init__.py" "the staged package is the one imported"
+env "${run_env[@]}" "${pyenv[@]}" KELVORN_TEST_BUILD="$E2E_BUILD" KELVORN_TEST_DATA="$src/tests/data" \
+  "$py" -m pytest -q -p no:cacheprovider "$src/tests/python" >"$E2E_DIR/pytest.log" 2>&1
+status=$?
+[ $status = 0 ] || cat "$E2E_DIR/pytest.log"
+expect_eq "$status|$(tail -n1 "$E2E_DIR/pytest.log" | sed -E 's/ in [0-9.]+s//')" "0|6 passed" "pytest against the staged install"
+
+e2e_done
