@@ -74,6 +74,14 @@ play: ok: $((16 + 3 * rows)) statements, $((7 + 2 * rows)) scans, B bits, C TCK 
 cmp "$d/image.bin" "$d/memory.bin" >/dev/null
 expect_eq "$?" 0 "the programmed memory is the image (written when the last device closed)"
 
+# A program that ends without closing the device: the library closes it at
+# exit(), and the simulated chip's last writes make the pins inputs again.
+out=$(env "${run_env[@]}" "$E2E_DIR/on_sim" "--cpu 0x16:0x30 --chain $chain --show-writes" rotanMotub 0000:03:00.0 exit \
+  2>"$E2E_DIR/err" | tail -n1)
+expect_eq "$?|$out" "0|discover: ok: $discovery" "exit without kv_close: status"
+expect_eq "$(grep -oE '(TCK|TMS|TDI) [01z]->[01z]' "$E2E_DIR/err" | tail -n3 | sort | paste -sd' ')" \
+  "TCK 0->z TDI 1->z TMS 1->z" "exit without kv_close: the pins given back"
+
 # ---- ABI: each program with the other library under it ----
 
 # libkelvorn.so.1 that is the simulator: the hardware program runs on the simulated board.
