@@ -183,7 +183,7 @@ bool lockHeld(const kv_device* d) {
 }
 
 int refused(kv_device* d, const ExitCalled&) {
-    return d->fail(KV_E_REFUSED, "the " + d->fpga + " backend refused this board (its reason is on standard error)");
+    return d->fail(KV_E_REFUSED, "the " + d->fpga + " backend refused this board (it printed why)");
 }
 
 int needDevice(kv_device* d) {

@@ -138,6 +138,11 @@ def test_cancel_lock_and_refusals(tmp_path):
         kelvorn.open("nosuchfpga", ADDRESS, sim=board())
     assert (caught.value.status, caught.value.message) == (kelvorn.E_NO_BACKEND,
                                                            "no backend serves nosuchfpga on this board")
+    # A board the backend refuses: a status, and the script goes on.
+    with pytest.raises(kelvorn.Error) as caught:
+        kelvorn.open("fodak", "0000:00:14.0", sim="--platform gozip --cpu 0x10:0x00")
+    assert (caught.value.status, caught.value.message) == (kelvorn.E_REFUSED,
+                                                           "the fodak backend refused this board (it printed why)")
     with pytest.raises(kelvorn.Error) as caught:
         kelvorn.open(FPGA, ADDRESS, sim="--chain 0x1:1")
     assert caught.value.status == kelvorn.E_SIM

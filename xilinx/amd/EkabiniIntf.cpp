@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
 #include "os/Os.h"
 #include "xilinx/amd/AmdGpio.h"
@@ -159,7 +160,9 @@ bool EkabiniGpioFactory::manages(const char* deviceName) {
 XilIntf* EkabiniGpioFactory::newXilIntf(U16, U16, U16 domain, U8 bus, U8 device, U8) {
     char lockName[256];
     xilLockName(lockName, domain, bus, device);
-    EkabiniIntf* intf = new EkabiniIntf(lockName);
+    // Owned here until the probe pin passes: a refusal that does not end
+    // the process (the library's exit hook) must not keep the lock.
+    std::unique_ptr<EkabiniIntf> intf(new EkabiniIntf(lockName));
     amd::validateGpio(probePin());
-    return intf;
+    return intf.release();
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <memory>
 #include <cstring>
 
 #include "os/Os.h"
@@ -130,9 +131,11 @@ bool CedarForkPCHFactory::manages(const char* deviceName) {
 XilIntf* CedarForkPCHFactory::newXilIntf(U16, U16, U16 domain, U8 bus, U8 device, U8) {
     char lockName[256];
     xilLockName(lockName, domain, bus, device);
-    CedarForkPCHIntf* intf = new CedarForkPCHIntf(lockName);
+    // Owned here until its window is mapped: a refusal that does not end the
+    // process (the library's exit hook) must not keep the lock.
+    std::unique_ptr<CedarForkPCHIntf> intf(new CedarForkPCHIntf(lockName));
     U32 page = static_cast<U32>(Os::pageSize());
     U32 size = (kWindowBytes + page - 1) / page * page;
     intf->ham = new Ham("CedarForkGpioHam", HamType::mappedFile, nullptr, intf->physBase, size, "/dev/mem", kWindowTag);
-    return intf;
+    return intf.release();
 }

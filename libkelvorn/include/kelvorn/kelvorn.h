@@ -49,7 +49,7 @@ typedef struct kv_device kv_device;
 #define KV_E_ARGUMENT 1    /* an argument is wrong: a null pointer, a PCI address, a position, a bit count */
 #define KV_E_NO_BACKEND 2  /* no backend serves the device name on this board */
 #define KV_E_LOCKED 3      /* the device's lock is held, by another process or another open handle */
-#define KV_E_REFUSED 4     /* the backend refused the board (its reason is on standard error) */
+#define KV_E_REFUSED 4     /* the backend refused the board (it printed why, on standard output or error) */
 #define KV_E_UNREADABLE 5  /* a file cannot be read, or it changed after its check */
 #define KV_E_SYNTAX 6      /* not valid SVF or XSVF */
 #define KV_E_UNSUPPORTED 7 /* a statement that cannot be carried out, a timing value out of range */
