@@ -325,6 +325,8 @@ int guarded(kv_device* d, Body body) {
         return refused(d, e);
     } catch (const std::bad_alloc&) {
         return d->fail(KV_E_MEMORY, "out of memory");
+    } catch (const std::exception& e) {  // nothing may leave a C function
+        return d->fail(KV_E_REFUSED, e.what());
     }
 }
 
@@ -349,8 +351,8 @@ int kv_open(const char* fpga, const char* pci_address, unsigned flags, double fr
         if (!fpga || !pci_address) return d->fail(KV_E_ARGUMENT, "no device name or no PCI address");
         d->fpga = fpga;
         if (!device::parsePciAddress(pci_address, &d->at)) return d->fail(KV_E_ARGUMENT, device::notAPciAddress(pci_address));
-        if (!(frequency_hz >= 0) || frequency_hz > 1e12)
-            return d->fail(KV_E_ARGUMENT, "a TCK ceiling of " + std::to_string(frequency_hz) + " Hz");
+        if (!(frequency_hz == 0 || (frequency_hz >= jtag::Player::kMinHz && frequency_hz <= 1e12)))
+            return d->fail(KV_E_ARGUMENT, "a TCK ceiling of " + std::to_string(frequency_hz) + " Hz (0, or 1 Hz to 1 THz)");
         d->testMode = (flags & KV_TEST_MODE) != 0;
         d->frequencyHz = frequency_hz;
         std::string why;
@@ -421,10 +423,13 @@ int kv_add_bsdl(kv_device* device, const char* path) {
 int kv_irlen_is(kv_device* device, unsigned position, unsigned length) {
     if (!device) return KV_E_ARGUMENT;
     Call call;
-    if (length < 2 || length > 999) return device->fail(KV_E_ARGUMENT, "an IR length of " + std::to_string(length) + " bits");
-    device->discoveryOptions.irLength[position] = length;
-    device->discovery.reset();
-    return device->ok();
+    return guarded(device, [&] {
+        if (length < 2 || length > 999)
+            return device->fail(KV_E_ARGUMENT, "an IR length of " + std::to_string(length) + " bits (2 to 999)");
+        device->discoveryOptions.irLength[position] = length;
+        device->discovery.reset();
+        return device->ok();
+    });
 }
 
 int kv_discover(kv_device* device, const char** json) {
@@ -534,7 +539,11 @@ int kv_mismatch(kv_device* device, kv_mismatch_info* info) {
 int kv_sim_configure(const char* options, char* why, size_t why_size) {
     Call call;
     std::string reason;
-    if (kv::boardConfigure(options, &reason)) return KV_OK;
+    try {
+        if (kv::boardConfigure(options, &reason)) return KV_OK;
+    } catch (const std::exception& e) {
+        reason = e.what();
+    }
     if (why && why_size) std::snprintf(why, why_size, "%s", reason.c_str());
     return KV_E_SIM;
 }
@@ -542,10 +551,12 @@ int kv_sim_configure(const char* options, char* why, size_t why_size) {
 int kv_sim_pins(kv_device* device, char* text, size_t size) {
     if (!device || (!text && size)) return KV_E_ARGUMENT;
     Call call;
-    std::string pins, why;
-    if (!kv::boardPins(&pins, &why)) return device->fail(KV_E_SIM, why);
-    if (size) std::snprintf(text, size, "%s", pins.c_str());
-    return device->ok();
+    return guarded(device, [&] {
+        std::string pins, why;
+        if (!kv::boardPins(&pins, &why)) return device->fail(KV_E_SIM, why);
+        if (size) std::snprintf(text, size, "%s", pins.c_str());
+        return device->ok();
+    });
 }
 
 }  // extern "C"

@@ -36,6 +36,13 @@ def test_discover_three_devices():
         (2, "0x2468ace1", 10, "detected", None, 2),
     ]
     assert devices[0]["bsdl"].endswith("kv_cpld64.bsd")
+    # A length given for a device is taken, and said to be.
+    with kelvorn.open(FPGA, ADDRESS, sim=board()) as dev:
+        dev.set_irlen(2, 10)
+        assert [(d["ir_length"], d["ir_length_from"]) for d in dev.discover()] == [
+            (8, "detected"), (6, "detected"), (10, "option")]
+        with pytest.raises(kelvorn.Error, match=r"an IR length of 1 bits \(2 to 999\)"):
+            dev.set_irlen(0, 1)
     assert devices[1]["manufacturer"] == "Xilinx"
     assert set(devices[0]) == {"position", "idcode", "ir_length", "ir_length_from", "manufacturer", "part",
                                "version", "bsdl"}
