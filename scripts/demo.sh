@@ -60,3 +60,22 @@ show "${board[@]}" chain --bsdl-path "$bsdl" rotanMotub 0000:03:00.0 sample KV_F
 show "${board[@]}" chain --bsdl "0=$bsdl/kv_cpld64.bsd" --bsdl-path "$bsdl" rotanMotub 0000:03:00.0 connect 0.led '1.SW(1)'
 show "${board[@]}" chain --bsdl "0=$bsdl/kv_cpld64.bsd" --bsdl-path "$bsdl" rotanMotub 0000:03:00.0 connect 0.led '1.SW(3)'
 show --tdo stuck-1 chain rotanMotub 0000:03:00.0                  # a dead chain, named
+
+echo
+echo "== From Python, over libkelvorn-sim: the chain, an IDCODE read by hand, the image played =="
+cat >"$tmp/demo.py" <<'PY'
+import sys
+import kelvorn
+
+board = "--cpu 0x16:0x30 --chain " + sys.argv[1] + " --dump-memory " + sys.argv[3]
+with kelvorn.open("rotanMotub", "0000:03:00.0", sim=board) as dev:
+    for d in dev.discover():
+        print(d)
+    dev.shift_ir(1, 0x01)
+    print("IDCODE of device 1:", hex(dev.shift_dr(1, 0, 32)))
+    print(dev.play(sys.argv[2]))
+PY
+sed -i 's/TDO (766c656a)/TDO (766c656b)/' "$tmp/image.svf"       # the image's file again
+echo "\$ python3 demo.py (kelvorn.open(..., sim=...), discover, shift_ir, shift_dr, play)"
+PYTHONPATH=python KELVORN_LIBRARY_PATH=build/lib python3 "$tmp/demo.py" "$chain" "$tmp/image.svf" "$tmp/memory.bin"
+readback
