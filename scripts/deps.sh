@@ -9,10 +9,10 @@ set -euo pipefail
 # pages; man-db and bash-completion: the tests of the pages and the completion;
 # libsystemd-dev: socket activation; systemd (systemd-socket-activate,
 # systemd-analyze) and lintian: the tests of the units and the packages;
-# python3 and python3-pytest: the Python package and its tests.
+# python3, python3-pytest and mypy: the Python package, its tests and its types.
 pkgs=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev util-linux
       pkg-config dpkg-dev file openocd openfpgaloader go-md2man man-db bash-completion
-      libsystemd-dev systemd lintian python3 python3-pytest)
+      libsystemd-dev systemd lintian python3 python3-pytest mypy)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -263,14 +263,14 @@ class Device:
         is called at most ten times a second; a true return cancels
         (Cancelled, the pins given back). Returns statements, scans, bits,
         tck_cycles and seconds. Raises TdoMismatch, or Error with .status."""
-        return self._play(lambda cb, res: self._lib.kv_play(self._h(), os.fsencode(path), _FORMATS[format], cb,
-                                                            None, res), progress)
+        return self._play(lambda cb, res: int(self._lib.kv_play(self._h(), os.fsencode(path), _FORMATS[format], cb,
+                                                                None, res)), progress)
 
     def play_bytes(self, data: bytes, name: str = "buffer", progress: Optional[Progress] = None,
                    format: str = "auto") -> PlayResult:
         """play() for a file already in memory; name is what errors call it."""
-        return self._play(lambda cb, res: self._lib.kv_play_buffer(self._h(), data, len(data), name.encode(),
-                                                                   _FORMATS[format], cb, None, res), progress)
+        return self._play(lambda cb, res: int(self._lib.kv_play_buffer(self._h(), data, len(data), name.encode(),
+                                                                       _FORMATS[format], cb, None, res)), progress)
 
     def _play(self, call: Callable[[Any, Any], int], progress: Optional[Progress]) -> PlayResult:
         raised: List[BaseException] = []
