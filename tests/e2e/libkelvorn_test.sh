@@ -71,6 +71,9 @@ cancelled: cancelled after 1 call(s), $d/image.svf: cancelled by the progress ca
 pins: TCK=z TDI=z TMS=z TDO=1
 play: ok: $((16 + 3 * rows)) statements, $((7 + 2 * rows)) scans, B bits, C TCK cycles, progress called|" \
   "simulated board: program, second open, cancel, play"
+# The facts are kelvorn-chain's, on the same board.
+e2e_run kelvorn-sim --cpu 0x16:0x30 --chain "$chain" chain --json rotanMotub 0000:03:00.0
+expect_eq "$E2E_STATUS|$E2E_OUT" "0|$discovery" "kelvorn-chain --json: the same facts"
 cmp "$d/image.bin" "$d/memory.bin" >/dev/null
 expect_eq "$?" 0 "the programmed memory is the image (written when the last device closed)"
 
@@ -180,6 +183,6 @@ env "${run_env[@]}" "${pyenv[@]}" KELVORN_TEST_BUILD="$E2E_BUILD" KELVORN_TEST_D
   "$py" -m pytest -q -p no:cacheprovider "$src/tests/python" >"$E2E_DIR/pytest.log" 2>&1
 status=$?
 [ $status = 0 ] || cat "$E2E_DIR/pytest.log"
-expect_eq "$status|$(tail -n1 "$E2E_DIR/pytest.log" | sed -E 's/ in [0-9.]+s//')" "0|6 passed" "pytest against the staged install"
+expect_eq "$status|$(tail -n1 "$E2E_DIR/pytest.log" | sed -E 's/ in [0-9.]+s//')" "0|7 passed" "pytest against the staged install"
 
 e2e_done

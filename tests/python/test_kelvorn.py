@@ -66,6 +66,30 @@ def test_play_programs_the_image(tmp_path):
     assert seen[-1] == (size, size)  # the last call: the whole file
 
 
+def test_xsvf_plays_and_names_the_byte_of_a_mismatch(tmp_path):
+    chain = "0x0a5c7035:8,0x1b4d2093:6:mem=64x32,0x2468ace1:10"
+    image = bytes(range(256))
+    (tmp_path / "image.bin").write_bytes(image)
+    subprocess.run([BUILD / "bin" / "kelvorn-vectors", "--chain", chain, "--xsvf", tmp_path / "image.xsvf",
+                    tmp_path / "image.bin"], check=True)
+    memory = tmp_path / "memory.bin"
+    with kelvorn.open(FPGA, ADDRESS, sim=f"{CPU} --chain {chain} --dump-memory {memory}") as dev:
+        assert dev.play(tmp_path / "image.xsvf", format="xsvf")["scans"] == 7 + 2 * 64
+    assert memory.read_bytes() == image
+    # A device that takes far longer to program a row than the file waits:
+    # the first row reads back erased.
+    slow = chain.replace("mem=64x32", "mem=64x32:program=100000000")
+    with kelvorn.open(FPGA, ADDRESS, sim=f"{CPU} --chain {slow}") as dev:
+        with pytest.raises(kelvorn.TdoMismatch) as caught:
+            dev.play(tmp_path / "image.xsvf")
+    e = caught.value
+    data = (tmp_path / "image.xsvf").read_bytes()
+    assert e.line is None and e.offset is not None and e.statement == "XSDRTDO" and e.bits == 34
+    assert data[e.offset] == 0x09  # XSDRTDO's command byte
+    row0 = int.from_bytes(image[:4], "little")
+    assert (e.expected, e.mask, e.actual) == (row0 << 1, 0x1fffffffe, 0x1fffffffe)  # BYPASS bits unread
+
+
 def test_tdo_mismatch_names_its_line(tmp_path):
     svf = tmp_path / "idcodes.svf"
     # After a reset the DR path is the IDCODE registers: device 0's first out.
