@@ -187,7 +187,6 @@ int refused(kv_device* d, const ExitCalled&) {
 }
 
 int needDevice(kv_device* d) {
-    if (!d) return KV_E_ARGUMENT;
     if (!d->intf) return d->fail(KV_E_ARGUMENT, "the device did not open");
     return KV_OK;
 }
@@ -433,8 +432,9 @@ int kv_irlen_is(kv_device* device, unsigned position, unsigned length) {
 }
 
 int kv_discover(kv_device* device, const char** json) {
-    if (int status = needDevice(device)) return status;
+    if (!device) return KV_E_ARGUMENT;
     Call call;
+    if (int status = needDevice(device)) return status;
     return guarded(device, [&] {
         int status = discover(device);
         if (status != KV_OK) return status;
@@ -445,8 +445,9 @@ int kv_discover(kv_device* device, const char** json) {
 }
 
 int kv_shift_ir(kv_device* device, unsigned position, uint32_t nbits, const uint8_t* in, uint8_t* out) {
-    if (int status = needDevice(device)) return status;
+    if (!device) return KV_E_ARGUMENT;
     Call call;
+    if (int status = needDevice(device)) return status;
     return guarded(device, [&] {
         if (int status = discovered(device, position)) return status;
         unsigned length = device->discovery->devices[position].irLength;
@@ -460,8 +461,9 @@ int kv_shift_ir(kv_device* device, unsigned position, uint32_t nbits, const uint
 }
 
 int kv_shift_dr(kv_device* device, unsigned position, uint32_t nbits, const uint8_t* in, uint8_t* out) {
-    if (int status = needDevice(device)) return status;
+    if (!device) return KV_E_ARGUMENT;
     Call call;
+    if (int status = needDevice(device)) return status;
     return guarded(device, [&] {
         if (int status = discovered(device, position)) return status;
         if (nbits == 0) return device->fail(KV_E_ARGUMENT, "a data register of 0 bits");
@@ -472,8 +474,9 @@ int kv_shift_dr(kv_device* device, unsigned position, uint32_t nbits, const uint
 }
 
 int kv_sample(kv_device* device, unsigned position, const char** json) {
-    if (int status = needDevice(device)) return status;
+    if (!device) return KV_E_ARGUMENT;
     Call call;
+    if (int status = needDevice(device)) return status;
     return guarded(device, [&] {
         if (int status = discovered(device, position)) return status;
         const jtag::DeviceFacts& f = device->discovery->devices[position];
@@ -493,8 +496,9 @@ int kv_sample(kv_device* device, unsigned position, const char** json) {
 
 int kv_play(kv_device* device, const char* path, int format, kv_progress_fn progress, void* user,
             kv_play_result* result) {
-    if (int status = needDevice(device)) return status;
+    if (!device) return KV_E_ARGUMENT;
     Call call;
+    if (int status = needDevice(device)) return status;
     return guarded(device, [&] {
         device->hasMismatch = false;
         if (!path) return device->fail(KV_E_ARGUMENT, "no file");
@@ -507,8 +511,9 @@ int kv_play(kv_device* device, const char* path, int format, kv_progress_fn prog
 
 int kv_play_buffer(kv_device* device, const void* data, size_t size, const char* name, int format,
                    kv_progress_fn progress, void* user, kv_play_result* result) {
-    if (int status = needDevice(device)) return status;
+    if (!device) return KV_E_ARGUMENT;
     Call call;
+    if (int status = needDevice(device)) return status;
     return guarded(device, [&] {
         device->hasMismatch = false;
         if (!data && size) return device->fail(KV_E_ARGUMENT, "no buffer");
