@@ -17,7 +17,6 @@
 #include "sim/Scan.h"
 #include "tool/Kelvorn.h"
 
-
 int main(int argc, char** argv) {
     sim::BoardOptions board;
     sim::BoardConfig& config = board.config;
