@@ -18,7 +18,10 @@ sanitize=()
 run_env=()
 if [ "$(cache KELVORN_SANITIZE)" = ON ]; then
   sanitize=(-fsanitize=address,undefined)
-  run_env=(LD_PRELOAD="$("$(cache CMAKE_CXX_COMPILER)" -print-file-name=libasan.so)" ASAN_OPTIONS=detect_leaks=0)
+  # libstdc++ with it: the runtime finds the C++ throw it intercepts only
+  # in what is loaded with it, and the Python interpreter does not link it.
+  cxx=$(cache CMAKE_CXX_COMPILER)
+  run_env=(LD_PRELOAD="$("$cxx" -print-file-name=libasan.so) $("$cxx" -print-file-name=libstdc++.so.6)" ASAN_OPTIONS=detect_leaks=0)
 fi
 
 stage=$E2E_DIR/stage
