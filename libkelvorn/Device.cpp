@@ -42,7 +42,6 @@ namespace {
 constexpr uint64_t kProgressNs = 100000000;
 // What libxilinx writes on stderr when the lock is held; the same words here.
 constexpr const char* kLockedMessage = "Lock file is locked by another process.";
-constexpr unsigned kMaxDevices = 64;
 
 struct ExitCalled {
     int status;
