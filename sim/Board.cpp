@@ -321,7 +321,7 @@ std::string Board::pins() const {
 
 void Board::recordVcd() {
     if (!vcd_) return;
-    Snapshot now = snapshot();  // in the order of signals(): TCK, TDI, TMS, TDO
+    // On every access: the four JTAG pins only, without building a snapshot.
     uint64_t time = reads_ + writes_;
     if (config_.vcdRealTime) {
         uint64_t ns = static_cast<uint64_t>(
@@ -330,7 +330,9 @@ void Board::recordVcd() {
         if (!vcdStartNs_) vcdStartNs_ = ns;
         time = ns - vcdStartNs_;
     }
-    vcd_->sample(time, {now.states[0][0], now.states[2][0], now.states[1][0], now.states[3][0], now.tap});
+    const ChipModel& c = *wired_;
+    vcd_->sample(time, {stateChar(c, tck_.pin), stateChar(c, tms_.pin), stateChar(c, tdi_.pin),
+                        c.level(tdo_.pin) ? '1' : '0', chain_.state()});
 }
 
 void Board::accessed(ChipModel& model, const ChipModel::Access& a) {

@@ -24,19 +24,50 @@ bool isByteControl(U32 offset) { return offset >= kByteControl && offset < kByte
 
 // ---- registers ----
 
+const ChipModel::Page* ChipModel::pageOf(U32 offset) const {
+    U32 no = offset >> kPageShift;
+    if (lastPage_ && lastPageNo_ == no) return lastPage_;
+    auto it = pages_.find(no);
+    if (it == pages_.end()) return nullptr;
+    lastPageNo_ = no;
+    return lastPage_ = &it->second;
+}
+
 U8 ChipModel::storedByte(U32 offset) const {
-    auto it = bytes_.find(offset);
-    return it != bytes_.end() ? it->second : resetByte(offset);
+    U32 at = offset & ((1u << kPageShift) - 1);
+    const Page* p = pageOf(offset);
+    return p && p->written[at] ? p->bytes[at] : resetByte(offset);
 }
 
 U32 ChipModel::stored(U32 offset, int width) const {
-    U32 v = 0;
-    for (int i = 0; i < width / 8; ++i) v |= static_cast<U32>(storedByte(offset + i)) << (8 * i);
+    U32 v = 0, at = offset & ((1u << kPageShift) - 1);
+    const Page* p = pageOf(offset);
+    bool onePage = at + width / 8 <= (1u << kPageShift);
+    for (int i = 0; i < width / 8; ++i) {
+        U8 b = !onePage ? storedByte(offset + i)
+               : p && p->written[at + i] ? p->bytes[at + i]
+                                         : resetByte(offset + i);
+        v |= static_cast<U32>(b) << (8 * i);
+    }
     return v;
 }
 
 void ChipModel::poke(U32 offset, U32 value, int width) {
-    for (int i = 0; i < width / 8; ++i) bytes_[offset + i] = static_cast<U8>(value >> (8 * i));
+    for (int i = 0; i < width / 8; ++i) {
+        U32 o = offset + i, at = o & ((1u << kPageShift) - 1);
+        Page* p = const_cast<Page*>(pageOf(o));
+        if (!p) p = &pages_[o >> kPageShift];
+        p->bytes[at] = static_cast<U8>(value >> (8 * i));
+        p->written[at] = true;
+    }
+}
+
+std::map<U32, U8> ChipModel::contents() const {
+    std::map<U32, U8> all;
+    for (const auto& [no, page] : pages_)
+        for (U32 at = 0; at < page.bytes.size(); ++at)
+            if (page.written[at]) all[(no << kPageShift) | at] = page.bytes[at];
+    return all;
 }
 
 U32 ChipModel::seen(U32 offset, int width) const {

@@ -5,6 +5,8 @@
 // output bits what it does with each pin: drive it high or low, or leave it
 // to the outside world.
 #pragma once
+#include <array>
+#include <bitset>
 #include <functional>
 #include <map>
 #include <string>
@@ -45,7 +47,7 @@ class ChipModel : public HamImpl {
     // What a read would see now (pin levels included), without logging.
     U32 seen(U32 offset, int width = 32) const;
     // Every byte written so far, by offset.
-    std::map<U32, U8> contents() const { return {bytes_.begin(), bytes_.end()}; }
+    std::map<U32, U8> contents() const;
 
     struct Access {
         char op;    // 'R' or 'W'
@@ -76,8 +78,20 @@ class ChipModel : public HamImpl {
     U32 read(U32 offset, int width);
     void write(U32 offset, U32 value, int width);
 
+    // The bytes written so far, in pages of the window: a model is consulted
+    // dozens of times per access (every pin's drive and level), and nearly
+    // always in the page it was last, so that page is kept at hand.
+    static constexpr unsigned kPageShift = 12;
+    struct Page {
+        std::array<U8, 1u << kPageShift> bytes{};
+        std::bitset<1u << kPageShift> written;
+    };
+    const Page* pageOf(U32 offset) const;
+
     std::string window_;
-    std::unordered_map<U32, U8> bytes_;
+    std::unordered_map<U32, Page> pages_;  // by offset >> kPageShift; nodes never move
+    mutable const Page* lastPage_ = nullptr;
+    mutable U32 lastPageNo_ = 0;
     std::unordered_map<U32, bool> external_;
 };
 

@@ -1,5 +1,9 @@
 #include "sim/Vcd.h"
 
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+
 namespace sim {
 
 namespace {
@@ -15,11 +19,10 @@ constexpr Variable kVariables[] = {
     {"S3", "tap_state[3]"}, {"S2", "tap_state[2]"}, {"S1", "tap_state[1]"}, {"S0", "tap_state[0]"},
 };
 
-std::string valuesOf(const VcdWriter::Sample& s) {
+void valuesOf(const VcdWriter::Sample& s, char* v) {
     unsigned state = static_cast<unsigned>(s.tap);
-    std::string v{s.tck, s.tms, s.tdi, s.tdo};
-    for (int bit = 3; bit >= 0; --bit) v += (state >> bit) & 1 ? '1' : '0';
-    return v;
+    v[0] = s.tck, v[1] = s.tms, v[2] = s.tdi, v[3] = s.tdo;
+    for (int bit = 3; bit >= 0; --bit) v[7 - bit] = (state >> bit) & 1 ? '1' : '0';
 }
 
 }  // namespace
@@ -33,15 +36,29 @@ VcdWriter::VcdWriter(FILE* out, const char* timescale) : out_(out) {
 VcdWriter::~VcdWriter() { std::fclose(out_); }
 
 void VcdWriter::sample(uint64_t time, const Sample& s) {
-    std::string now = valuesOf(s);
-    if (now == last_) return;
-    std::fprintf(out_, "#%llu\n", static_cast<unsigned long long>(time));
-    bool all = last_.empty();
-    if (all) std::fputs("$dumpvars\n", out_);
-    for (size_t i = 0; i < now.size(); ++i)
-        if (all || now[i] != last_[i]) std::fprintf(out_, "%c%s\n", now[i], kVariables[i].id);
-    if (all) std::fputs("$end\n", out_);
-    last_ = now;
+    static_assert(std::size(kVariables) == kVariableCount);
+    char now[kVariableCount];
+    valuesOf(s, now);
+    if (std::memcmp(now, last_, sizeof now) == 0) return;
+    // Formatted by hand into one buffer and written at once: this runs on
+    // every register access of a traced run, inside the access's time.
+    char buf[32 + kVariableCount * 4 + 16], *p = buf;
+    *p++ = '#';
+    char digits[20], *d = digits;
+    do *d++ = static_cast<char>('0' + time % 10); while (time /= 10);
+    while (d != digits) *p++ = *--d;
+    *p++ = '\n';
+    bool all = last_[0] == 0;
+    if (all) p = std::copy_n("$dumpvars\n", 10, p);
+    for (size_t i = 0; i < kVariableCount; ++i) {
+        if (!all && now[i] == last_[i]) continue;
+        *p++ = now[i];
+        for (const char* id = kVariables[i].id; *id;) *p++ = *id++;
+        *p++ = '\n';
+    }
+    if (all) p = std::copy_n("$end\n", 5, p);
+    std::fwrite(buf, 1, static_cast<size_t>(p - buf), out_);
+    std::memcpy(last_, now, sizeof now);
 }
 
 }  // namespace sim

@@ -11,7 +11,6 @@
 #pragma once
 #include <cstdint>
 #include <cstdio>
-#include <string>
 
 #include "jtag/TapState.h"
 
@@ -36,8 +35,9 @@ class VcdWriter {
     void sample(uint64_t time, const Sample& s);
 
   private:
+    static constexpr size_t kVariableCount = 8;
     FILE* out_;
-    std::string last_;  // one character per variable, in declaration order
+    char last_[kVariableCount] = {};  // one character per variable, in declaration order; 0: none yet
 };
 
 }  // namespace sim

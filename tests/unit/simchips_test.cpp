@@ -174,3 +174,23 @@ TEST(SimChips, GbeSdpBitsAndLedDefaults) {
     c.read16(0x2003E, &word);
     EXPECT_EQ(word, 0x0e02);
 }
+
+// The bytes a model keeps: a byte never written reads as the chip's reset
+// value, and a register may straddle the model's internal pages (4 KiB)
+// without a byte of it lost or taken from the wrong page.
+TEST(SimChips, StoredBytesAcrossPagesAndResetValues) {
+    struct Chip : ChipModel {
+        using ChipModel::ChipModel;
+        U8 resetByte(U32 offset) const override { return static_cast<U8>(offset); }
+    } c("test");
+    c.write8(0x1fff, 0x5a);
+    EXPECT_EQ(c.peek(0x1ffe), 0x01005afeu);  // reset, written, reset from the next page
+    c.write32(0x40000, 0xcafef00d);
+    c.write32(0x1ffe, 0x11223344);
+    EXPECT_EQ(r32(c, 0x1ffe), 0x11223344u);
+    EXPECT_EQ(r8(c, 0x2000), 0x22);
+    EXPECT_EQ(c.peek(0x1ffc), 0x3344fdfcu);
+    std::map<U32, U8> want{{0x1ffe, 0x44}, {0x1fff, 0x33}, {0x2000, 0x22}, {0x2001, 0x11},
+                           {0x40000, 0x0d}, {0x40001, 0xf0}, {0x40002, 0xfe}, {0x40003, 0xca}};
+    EXPECT_EQ(c.contents(), want);
+}
