@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <cstdio>
@@ -15,6 +16,7 @@
 
 #include "device/PciAddress.h"
 #include "device/Session.h"
+#include "jtag/Boundary.h"
 #include "jtag/ChainAccess.h"
 #include "jtag/Discovery.h"
 #include "jtag/Jep106.h"
@@ -23,7 +25,7 @@ namespace {
 
 using jtag::BitVector;
 using jtag::bsdl::Cell;
-using Function = jtag::bsdl::Cell::Function;
+using jtag::boundary::sameName;
 
 constexpr unsigned kDefaultMaxDevices = 64;
 constexpr unsigned kMostDevices = 1024;
@@ -70,13 +72,16 @@ void describeOptions(CLI::App& app, Options* o) {
                    "sample DEV | watch DEV | drive DEV PORT=0|1|z... | connect DEV.PORT DEV.PORT | usercode DEV "
                    "(DEV: a position or a BSDL entity name); none: discover the chain");
     app.add_flag("--json", o->json, "discovery, sample and connect as one JSON document");
+    // Each occurrence takes one value: a repeated option never swallows the positional arguments after it.
     app.add_option("--bsdl", o->bsdl, "a BSDL file, or POS=FILE for the device at that position (repeatable)")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->allow_extra_args(false);
     app.add_option("--bsdl-path", o->bsdlPath, "directories of BSDL files, found by IDCODE")
         ->type_name("DIR[:DIR...]")
         ->default_str(defaultBsdlPath());
     app.add_option("--irlen", o->irlen, "the instruction register length of the device at POS (repeatable)")
-        ->type_name("POS=N");
+        ->type_name("POS=N")
+        ->allow_extra_args(false);
     app.add_option("--max-devices", o->maxDevices, "the most devices looked for")
         ->capture_default_str()
         ->check(CLI::Range(1u, kMostDevices));
@@ -136,16 +141,6 @@ void printDiscovery(const jtag::Discovery& d, bool json) {
 
 // ---- the device's test logic, from its BSDL file ----
 
-bool sameName(const std::string& a, const std::string& b) {
-    if (a.size() != b.size()) return false;
-    for (size_t i = 0; i < a.size(); ++i)
-        if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i])))
-            return false;
-    return true;
-}
-
-bool drives(Function f) { return f == Function::output2 || f == Function::output3 || f == Function::bidir; }
-
 // The pins of a port (or of an element "NAME(i)") in the default package.
 std::string pinsOf(const jtag::bsdl::Device& d, const std::string& port) {
     const jtag::bsdl::PinMap* map = d.package("");
@@ -157,21 +152,6 @@ std::string pinsOf(const jtag::bsdl::Device& d, const std::string& port) {
         return text;
     }
     return "";
-}
-
-// Every cell at its safe value: a control cell whose safe value is X at the
-// value that disables the outputs it controls, any other X at 0.
-BitVector safeVector(const jtag::bsdl::Device& d) {
-    BitVector v(d.boundaryLength);
-    std::map<int, char> disable;
-    for (const Cell& c : d.boundary)
-        if (c.controlCell >= 0 && c.disableValue != 'X') disable[c.controlCell] = c.disableValue;
-    for (const Cell& c : d.boundary) {
-        char level = c.safe;
-        if (level == 'X' && disable.count(static_cast<int>(c.number))) level = disable[static_cast<int>(c.number)];
-        v.set(c.number, level == '1');
-    }
-    return v;
 }
 
 class Chain {
@@ -286,38 +266,6 @@ bool devicePort(const Chain& chain, const std::string& text, unsigned* position,
     return chain.device(text.substr(0, dot), position, error);
 }
 
-const Cell* outputCell(const jtag::bsdl::Device& d, const std::string& port) {
-    for (const Cell& c : d.boundary)
-        if (drives(c.function) && sameName(c.port, port)) return &c;
-    return nullptr;
-}
-const Cell* inputCell(const jtag::bsdl::Device& d, const std::string& port) {
-    for (const Cell& c : d.boundary)
-        if (jtag::takesInput(c.function) && sameName(c.port, port)) return &c;
-    return nullptr;
-}
-
-// Sets a port's output cell (and its control cell) in v: '0', '1' or 'z'.
-bool setPort(const jtag::bsdl::Device& d, const std::string& port, char level, BitVector* v, std::string* error) {
-    const Cell* out = outputCell(d, port);
-    if (!out) {
-        *error = d.port(port) || inputCell(d, port) ? port + " has no output cell" : d.entity + " has no port " + port;
-        return false;
-    }
-    bool disabled = level == 'z';
-    if (out->controlCell < 0 || out->disableValue == 'X') {
-        if (disabled) {
-            *error = port + " has no control cell: it cannot be left undriven";
-            return false;
-        }
-    } else {
-        bool off = out->disableValue == '1';
-        v->set(static_cast<size_t>(out->controlCell), disabled ? off : !off);
-    }
-    if (!disabled) v->set(out->number, level == '1');
-    return true;
-}
-
 class Program {
   public:
     Program(const Options& o, jtag::Tap& tap, const jtag::Discovery& d, const std::set<const void*>& given)
@@ -413,50 +361,40 @@ class Program {
         if (!d) return fail(kChainBadBsdl, error);
         BitVector extest = jtag::bsdlOpcode(*d, {"EXTEST"});
         if (extest.empty()) return fail(kChainBadBsdl, "device " + std::to_string(p) + " (" + d->entity + ") has no EXTEST instruction");
-        BitVector v = safeVector(*d);
-        std::string what;
+        std::vector<jtag::boundary::Request> requests;
         for (size_t i = 2; i < o_.words.size(); ++i) {
             const std::string& w = o_.words[i];
             size_t eq = w.rfind('=');
             char level = eq != std::string::npos && eq + 2 == w.size() ? static_cast<char>(std::tolower(w[eq + 1])) : 0;
             if (level != '0' && level != '1' && level != 'z') return fail(kChainUsage, w + ": wants PORT=0, PORT=1 or PORT=z");
-            if (!setPort(*d, w.substr(0, eq), level, &v, &error)) return fail(kChainDriveRefused, "drive: " + error);
-            what += " " + w.substr(0, eq) + "=" + level;
+            requests.push_back({w.substr(0, eq), level});
         }
+        BitVector v;
+        if (!jtag::boundary::plan(*d, requests, &v, &error)) return fail(kChainDriveRefused, "drive: " + error);
         if (!mayDrive(p, &error)) return fail(kChainDriveRefused, "drive refused: " + error);
         SignalsHeld held;
         chain_.access().instructions({{p, jtag::bsdlOpcode(*d, {"PRELOAD", "SAMPLE"})}});
         chain_.access().data({{p, v}});
         chain_.access().instructions({{p, extest}});
         chain_.access().data({{p, v}});
+        // What the pins see is read back from the register shifted, not from the words asked.
+        std::string driving, unnamed;
+        for (const jtag::boundary::PortDrive& port : jtag::boundary::drivenBy(*d, v)) {
+            if (port.level == 'z') continue;
+            driving += (driving.empty() ? "" : " ") + port.port + "=" + port.level;
+            bool named = std::any_of(requests.begin(), requests.end(), [&](const jtag::boundary::Request& r) { return sameName(r.port, port.port); });
+            if (!named) unnamed += (unnamed.empty() ? "" : ", ") + port.port;
+        }
+        if (!unnamed.empty()) driving += " (" + unnamed + ": two-state, at the safe level)";
         char hold[64];
         std::snprintf(hold, sizeof hold, o_.hold < 0 ? "holding until Ctrl-C" : "holding %g s", o_.hold);
-        std::printf("%u: EXTEST,%s, every other output safe%s; %s\n", p, what.c_str(), alsoDriven(*d, v).c_str(), hold);
+        std::printf("%u: EXTEST driving %s, every other output released; %s\n", p,
+                    driving.empty() ? "nothing" : driving.c_str(), hold);
         std::fflush(stdout);
         held.wait(o_.hold < 0 ? -1 : static_cast<long long>(std::llround(o_.hold * 1e9)));
         chain_.release();
         std::printf("%u: released (Test-Logic-Reset)\n", p);
         return kChainOk;
-    }
-
-    // Outputs not named that a named port's control cell enables too: they
-    // drive their safe level.
-    std::string alsoDriven(const jtag::bsdl::Device& d, const BitVector& v) const {
-        std::set<std::string> named;
-        for (size_t i = 2; i < o_.words.size(); ++i) {
-            std::string port = o_.words[i].substr(0, o_.words[i].rfind('='));
-            for (char& c : port) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-            named.insert(port);
-        }
-        std::string also;
-        for (const Cell& c : d.boundary) {
-            std::string port = c.port;
-            for (char& ch : port) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
-            if (!drives(c.function) || named.count(port) || c.controlCell < 0 || c.disableValue == 'X') continue;
-            if (v[static_cast<size_t>(c.controlCell)] == (c.disableValue == '1')) continue;
-            also += std::string(also.empty() ? " (" : ", ") + c.port + "=" + (v[c.number] ? "1" : "0");
-        }
-        return also.empty() ? "" : also + " too: they share a control cell with a port named)";
     }
 
     int connect(const std::string& fromText, const std::string& toText) {
@@ -469,10 +407,10 @@ class Program {
         if (!db) return fail(kChainBadBsdl, error);
         BitVector extest = jtag::bsdlOpcode(*da, {"EXTEST"});
         if (extest.empty()) return fail(kChainBadBsdl, "device " + std::to_string(a) + " (" + da->entity + ") has no EXTEST instruction");
-        const Cell* in = inputCell(*db, pb);
+        const Cell* in = jtag::boundary::inputCell(*db, pb);
         if (!in) return fail(kChainUsage, "connect: " + pb + " of device " + std::to_string(b) + " has no input cell");
-        BitVector low = safeVector(*da), high = low;
-        if (!setPort(*da, pa, '0', &low, &error) || !setPort(*da, pa, '1', &high, &error))
+        BitVector low, high;
+        if (!jtag::boundary::plan(*da, {{pa, '0'}}, &low, &error) || !jtag::boundary::plan(*da, {{pa, '1'}}, &high, &error))
             return fail(kChainDriveRefused, "connect: " + error);
         if (!mayDrive(a, &error)) return fail(kChainDriveRefused, "connect refused: " + error);
         bool levels[2];
@@ -513,13 +451,26 @@ class Program {
     const std::set<const void*>& given_;
 };
 
-bool positionValue(const std::string& text, unsigned* position, std::string* rest) {
+// "POS=REST": digits, then '='. False for anything else.
+bool positional(const std::string& text) {
     size_t eq = text.find('=');
-    if (eq == std::string::npos || eq == 0 || text.find_first_not_of("0123456789") != eq) return false;
-    *position = static_cast<unsigned>(std::strtoul(text.c_str(), nullptr, 10));
+    return eq != std::string::npos && eq != 0 && text.find_first_not_of("0123456789") == eq;
+}
+
+// The position of "POS=REST" and REST; false when POS is not a position on
+// a chain of kMostDevices (a number too large is refused, never wrapped).
+bool positionValue(const std::string& text, unsigned* position, std::string* rest) {
+    if (!positional(text)) return false;
+    size_t eq = text.find('=');
+    if (eq > 4) return false;
+    unsigned long p = std::strtoul(text.c_str(), nullptr, 10);
+    if (p >= kMostDevices) return false;
+    *position = static_cast<unsigned>(p);
     *rest = text.substr(eq + 1);
     return true;
 }
+
+std::string positionRange() { return "a position is 0 to " + std::to_string(kMostDevices - 1); }
 
 int usage(const std::string& what) {
     std::fprintf(stderr, "kelvorn-chain: %s\n", what.c_str());
@@ -561,7 +512,7 @@ int kelvornChainMain(int argc, char** argv) {
         std::string n;
         if (!positionValue(item, &p, &n) || n.empty() || n.find_first_not_of("0123456789") != std::string::npos ||
             n.size() > 3 || std::stoul(n) < 2)
-            return usage("--irlen " + item + ": wants POS=N, N at least 2");
+            return usage("--irlen " + item + ": wants POS=N, N at least 2 (" + positionRange() + ")");
         options.irLength[p] = static_cast<unsigned>(std::stoul(n));
     }
     // The files named first, then the directories: a file given wins.
@@ -571,6 +522,7 @@ int kelvornChainMain(int argc, char** argv) {
         unsigned p;
         std::string path;
         bool at = positionValue(item, &p, &path);
+        if (!at && positional(item)) return usage("--bsdl " + item + ": " + positionRange());
         if (!at) path = item;
         auto device = std::make_shared<jtag::bsdl::Device>();
         jtag::bsdl::Error error;
@@ -605,6 +557,11 @@ int kelvornChainMain(int argc, char** argv) {
                                : jtag::describe(d.scan.fault, o.maxDevices);
         std::fprintf(stderr, "kelvorn-chain: %s\n", what.c_str());
         return kChainDead;
+    }
+    if (!d.bsdlProblem.empty()) {
+        selected.cleanup();
+        std::fprintf(stderr, "kelvorn-chain: %s\n", d.bsdlProblem.c_str());
+        return kChainBadBsdl;
     }
     for (const jtag::DeviceFacts& f : d.devices)
         if (!f.otherBsdl.empty()) {

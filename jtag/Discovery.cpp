@@ -66,6 +66,20 @@ const char* irFromName(DeviceFacts::IrFrom from) {
     return "";
 }
 
+std::string idcodePattern(const bsdl::Device& d) {
+    static const char kDigits[] = "0123456789abcdef";
+    std::string out = "0x";
+    for (size_t at = 0; at + 4 <= d.idcode.size(); at += 4) {
+        std::string nibble = d.idcode.substr(at, 4);
+        if (nibble.find_first_not_of("01") != std::string::npos) {
+            out += 'x';
+            continue;
+        }
+        out += kDigits[std::stoi(nibble, nullptr, 2)];
+    }
+    return out;
+}
+
 Discovery discover(Tap& tap, const BsdlCatalogue& catalogue, const DiscoveryOptions& options) {
     Discovery r;
     r.scan = scanChain(tap, options.maxDevices);
@@ -82,6 +96,20 @@ Discovery discover(Tap& tap, const BsdlCatalogue& catalogue, const DiscoveryOpti
         }
         auto chosen = options.bsdlAt.find(f.position);
         if (chosen != options.bsdlAt.end()) {
+            const bsdl::Device& file = *chosen->second;
+            // A file for another part would put the wrong opcodes in this
+            // device's instruction register and the wrong cells on its pins.
+            bool same = f.idcode ? !file.idcode.empty() && file.matches(*f.idcode) : file.idcode.empty();
+            if (!same) {
+                char read[16];
+                std::snprintf(read, sizeof read, "0x%08x", f.idcode.value_or(0));
+                r.bsdlProblem = "device " + std::to_string(f.position) + " has " +
+                                (f.idcode ? "IDCODE " + std::string(read) : std::string("no IDCODE (BYPASS after reset)")) +
+                                ", but " + file.file + " describes " + file.entity + ", " +
+                                (file.idcode.empty() ? std::string("which has no IDCODE") : "IDCODE " + idcodePattern(file));
+                r.devices.clear();
+                return r;
+            }
             f.bsdl = chosen->second;
         } else if (f.idcode) {
             auto found = catalogue.find(*f.idcode);

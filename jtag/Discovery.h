@@ -58,14 +58,23 @@ struct Discovery {
     unsigned irTotal = 0;
     // Set when no split of the IR capture fits the lengths known: what disagrees.
     std::string irProblem;
+    // Set when a file chosen for a position describes another device than
+    // the IDCODE read there: both named. Nothing else is filled then.
+    std::string bsdlProblem;
 };
 
 struct DiscoveryOptions {
     unsigned maxDevices = 64;
     std::map<unsigned, unsigned> irLength;  // --irlen POS=N
-    // --bsdl POS=FILE: the file for that position, whatever its IDCODE.
+    // --bsdl POS=FILE: the file for that position; its IDCODE (X bits
+    // aside) must be the one read there, or the discovery names both in
+    // bsdlProblem. A device without IDCODE takes only a file without one.
     std::map<unsigned, std::shared_ptr<const bsdl::Device>> bsdlAt;
 };
+
+// An IDCODE pattern of a BSDL file as hex, a digit with X bits as "x":
+// "0x?123402f" reads "0xx123402f".
+std::string idcodePattern(const bsdl::Device& d);
 
 // Scans the chain and puts the facts together; leaves every device in
 // Test-Logic-Reset.

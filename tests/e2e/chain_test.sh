@@ -114,19 +114,23 @@ expect_eq "$E2E_STATUS|$E2E_ERR" "6|kelvorn-chain: connect refused: device 0's B
 # ---- drive ----
 
 e2e_run "${sim[@]}" --dump-pins "$d/pins" --vcd "$d/drive.vcd" chain --bsdl "$bsdl/kv_cpld64.bsd" --bsdl-path "$bsdl" --hold 0 \
-  "${dev[@]}" drive 0 led=1 'd(2)=0' 'd(1)=z'
-expect_eq "$E2E_STATUS|$E2E_OUT" "0|0: EXTEST, led=1 d(2)=0 d(1)=z, every other output safe (d(3)=0 too: they share a control cell with a port named); holding 0 s
+  "${dev[@]}" drive 0 led=1 'd(2)=0' 'd(3)=1' 'd(1)=z'
+expect_eq "$E2E_STATUS|$E2E_OUT" "0|0: EXTEST driving led=1 d(2)=0 d(3)=1, every other output released; holding 0 s
 0: released (Test-Logic-Reset)" "drive: what it says"
-# led and d(2) as named; d(0), d(1) under their control cell at its safe (disabling) value;
-# d(3) shares d(2)'s control cell, its data cell at its safe value.
+# led, d(2) and d(3) as named; d(0) and d(1) under their control cell at its disabling value.
 expect_eq "$(cat "$d/pins")" "0.led 1
 0.d(2) 0
-0.d(3) 0" "drive: the pins the boundary register drove (--dump-pins)"
+0.d(3) 1" "drive: the pins the boundary register drove (--dump-pins)"
 expect_eq "$(grep -c 'enddefinitions' "$d/drive.vcd")" 1 "drive: the waveform written"
 e2e_run "${sim[@]}" --dump-pins "$d/pins" chain --i-know-the-board --bsdl-path "$bsdl" --hold 0 "${dev[@]}" drive 1 OUT0=1 BUS=z
 expect_eq "$E2E_STATUS|$(cat "$d/pins")" "0|1.OUT0 1" "drive: a two-state output and a released bidirectional pin"
+# A two-state output cannot be switched off: left unnamed, it is driven at its safe level, and said so.
+e2e_run "${sim[@]}" --dump-pins "$d/pins" chain --i-know-the-board --bsdl-path "$bsdl" --hold 0 "${dev[@]}" drive 1 BUS=1
+expect_eq "$E2E_STATUS|$(head -n1 <<<"$E2E_OUT")|$(cat "$d/pins")" "0|1: EXTEST driving OUT0=0 BUS=1 (OUT0: two-state, at the safe level), every other output released; holding 0 s|1.OUT0 0
+1.BUS 1" "drive: an unnamed two-state output at its safe level"
+# Refused before any pin moves: nothing in the dump of driven pins.
 while IFS='|' read -r status err args; do
-  e2e_run "${sim[@]}" --dump-pins "$d/pins" chain --bsdl-path "$bsdl" --hold 0 "${dev[@]}" $args
+  e2e_run "${sim[@]}" --dump-pins "$d/pins" chain --bsdl-path "$bsdl" --bsdl "0=$bsdl/kv_cpld64.bsd" --hold 0 "${dev[@]}" $args
   expect_eq "$E2E_STATUS|$E2E_ERR|$(cat "$d/pins")" "$status|kelvorn-chain: $err|" "drive refused: $args"
 done <<'EOF'
 6|drive refused: device 1's BSDL file was found, not given: EXTEST drives its pins and may fight the board's own drivers; give it with --bsdl 1=FILE, or --i-know-the-board|drive 1 OUT0=1
@@ -134,14 +138,40 @@ done <<'EOF'
 6|drive: OUT0 has no control cell: it cannot be left undriven|drive 1 OUT0=z
 6|drive: kv_cpld64 has no port nosuch|drive 0 nosuch=1
 2|led=2: wants PORT=0, PORT=1 or PORT=z|drive 0 led=2
+6|drive: d(0)=1 and d(1)=z share control cell 4: one cannot be released while another is driven|drive 0 d(1)=z d(0)=1
+6|drive: d(0)=1 and d(1)=z share control cell 4: one cannot be released while another is driven|drive 0 d(0)=1 d(1)=z
+6|drive: d(2) shares control cell 7 with d(3), not named: it would drive that port too|drive 0 led=1 d(2)=0
+6|drive: led is named twice|drive 0 led=1 led=0
+6|connect: d(0) shares control cell 4 with d(1), not named: it would drive that port too|connect 0.d(0) 1.BUS
 EOF
+
+# A file given for a position describes the device there, or nothing moves
+# (status 5, whatever --i-know-the-board says): a copy of kv_cpld64 with
+# another entity, another IDCODE and led on another cell.
+sed -e 's/kv_cpld64/kv_other/g' -e 's/0001001000110100000000101111/0001001000110100000000111111/' \
+  -e 's/3 (bc_1, led, output3, x, 2, 1, z)/3 (bc_1, *, internal, x)/' -e 's/10 (bc_1, \*, internal, x)/10 (bc_1, led, output3, x, 2, 1, z)/' \
+  "$bsdl/kv_cpld64.bsd" >"$d/other.bsd"
+e2e_run "${sim[@]}" --dump-pins "$d/pins" chain --bsdl "0=$d/other.bsd" --i-know-the-board --hold 0 "${dev[@]}" drive 0 led=1
+expect_eq "$E2E_STATUS|$E2E_ERR|$(cat "$d/pins")" "5|kelvorn-chain: device 0 has IDCODE 0x0123402f, but $d/other.bsd describes kv_other, IDCODE 0xx123403f|" \
+  "a BSDL file for another IDCODE at a position: refused"
+e2e_run "${sim[@]}" chain --bsdl "2=$bsdl/KV_FPGA6.BSD" "${dev[@]}"
+expect_eq "$E2E_STATUS|$E2E_OUT|$E2E_ERR" "5||kelvorn-chain: device 2 has IDCODE 0x4ba00477, but $bsdl/KV_FPGA6.BSD describes KV_FPGA6, IDCODE 0x0a5c7043" \
+  "discovery refused too"
+# Positions that do not fit are refused, never wrapped; a repeated option
+# takes one value each time and leaves the arguments after it alone.
+e2e_run "${sim[@]}" chain --bsdl "4294967296=$bsdl/kv_cpld64.bsd" "${dev[@]}" drive 0 led=1
+expect_eq "$E2E_STATUS|$E2E_ERR" "2|kelvorn-chain: --bsdl 4294967296=$bsdl/kv_cpld64.bsd: a position is 0 to 1023" "--bsdl: a position too large"
+e2e_run "${sim[@]}" chain --irlen 4294967296=8 "${dev[@]}"
+expect_eq "$E2E_STATUS|$E2E_ERR" "2|kelvorn-chain: --irlen 4294967296=8: wants POS=N, N at least 2 (a position is 0 to 1023)" "--irlen: a position too large"
+e2e_run "${sim[@]}" chain --bsdl "0=$bsdl/kv_cpld64.bsd" --bsdl "1=$bsdl/KV_FPGA6.BSD" "${dev[@]}" usercode 1
+expect_eq "$E2E_STATUS|$E2E_OUT" "0|1: USERCODE 0x12345678" "--bsdl repeated before the arguments"
 
 # A signal during the hold ends it the normal way: Test-Logic-Reset, status 0.
 e2e_start "${sim[@]}" --dump-pins "$d/pins" chain --i-know-the-board --bsdl-path "$bsdl" "${dev[@]}" drive 1 OUT0=1
 for ((i = 0; i < 50; i++)); do grep -q holding "$E2E_DIR/bg.out" && break; sleep 0.1; done
 kill -INT "$E2E_BG"
 e2e_wait
-expect_eq "$E2E_STATUS|$E2E_OUT|$(cat "$d/pins")" "0|1: EXTEST, OUT0=1, every other output safe; holding until Ctrl-C
+expect_eq "$E2E_STATUS|$E2E_OUT|$(cat "$d/pins")" "0|1: EXTEST driving OUT0=1, every other output released; holding until Ctrl-C
 1: released (Test-Logic-Reset)|1.OUT0 1" "drive until Ctrl-C"
 
 # watch: the first sample, then until a signal.
@@ -180,7 +210,7 @@ expect_run 2 "" "kelvorn-chain: 0000:03:00.0x is not a PCI address (dddd:bb:dd.f
   "${sim[@]}" chain rotanMotub 0000:03:00.0x
 e2e_run "${sim[@]}" chain nosuch 0000:03:00.0
 expect_eq "$E2E_STATUS|$E2E_ERR" "3|kelvorn-chain: no backend serves nosuch on this board" "no backend"
-expect_run 2 "" "kelvorn-chain: --irlen 1=1: wants POS=N, N at least 2" "bad --irlen" "${sim[@]}" chain --irlen 1=1 "${dev[@]}"
+expect_run 2 "" "kelvorn-chain: --irlen 1=1: wants POS=N, N at least 2 (a position is 0 to 1023)" "bad --irlen" "${sim[@]}" chain --irlen 1=1 "${dev[@]}"
 expect_run 2 "" "kelvorn-chain: not understood: frob with 1 argument (see --help)" "unknown command" \
   "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" frob 1
 
