@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 
 #include "device/PciAddress.h"
@@ -20,6 +21,7 @@
 #include "jtag/ChainAccess.h"
 #include "jtag/Discovery.h"
 #include "jtag/Jep106.h"
+#include "jtag/Json.h"
 
 namespace {
 
@@ -71,7 +73,7 @@ void describeOptions(CLI::App& app, Options* o) {
     app.add_option("command", o->words,
                    "sample DEV | watch DEV | drive DEV PORT=0|1|z... | connect DEV.PORT DEV.PORT | usercode DEV "
                    "(DEV: a position or a BSDL entity name); none: discover the chain");
-    app.add_flag("--json", o->json, "discovery, sample and connect as one JSON document");
+    app.add_flag("--json", o->json, "every command's answer, or its failure, as JSON");
     // Each occurrence takes one value: a repeated option never swallows the positional arguments after it.
     app.add_option("--bsdl", o->bsdl, "a BSDL file, or POS=FILE for the device at that position (repeatable)")
         ->type_name("FILE")
@@ -107,6 +109,18 @@ const char* kDescription =
 
 // ---- output ----
 
+// Set from the command line before anything can fail: with --json every
+// failure is also a JSON document on stdout.
+bool jsonOut = false;
+
+// One line on stderr naming what failed and why; with --json also
+// {"status":N,"error":"..."} on stdout. Returns the status.
+int fail(int status, const std::string& what) {
+    std::fprintf(stderr, "kelvorn-chain: %s\n", what.c_str());
+    if (jsonOut) std::printf("%s\n", jtag::jsonText(jtag::Json{{"status", status}, {"error", what}}).c_str());
+    return status;
+}
+
 std::string hex32(uint32_t v) {
     char text[16];
     std::snprintf(text, sizeof text, "0x%08x", v);
@@ -141,17 +155,11 @@ void printDiscovery(const jtag::Discovery& d, bool json) {
 
 // ---- the device's test logic, from its BSDL file ----
 
-// The pins of a port (or of an element "NAME(i)") in the default package.
+// The pins of a port (or of an element "NAME(i)") in the default package, as text.
 std::string pinsOf(const jtag::bsdl::Device& d, const std::string& port) {
-    const jtag::bsdl::PinMap* map = d.package("");
-    if (!map) return "";
-    for (const auto& [name, pins] : map->pins) {
-        if (!sameName(name, port)) continue;
-        std::string text;
-        for (const std::string& p : pins) text += (text.empty() ? "" : ",") + p;
-        return text;
-    }
-    return "";
+    std::string text;
+    for (const std::string& p : jtag::packagePins(d, port)) text += (text.empty() ? "" : ",") + p;
+    return text;
 }
 
 class Chain {
@@ -283,11 +291,6 @@ class Program {
     }
 
   private:
-    int fail(int status, const std::string& what) {
-        std::fprintf(stderr, "kelvorn-chain: %s\n", what.c_str());
-        return status;
-    }
-
     int sample(const std::string& dev, bool watch) {
         unsigned p;
         std::string error;
@@ -307,10 +310,18 @@ class Program {
         std::fflush(stdout);
         while (!held.wait(kWatchIntervalNs)) {
             auto now = jtag::portLevels(*d, chain_.sample(p));
-            for (size_t i = 0; i < now.size(); ++i)
-                if (now[i].second != levels[i].second)
+            for (size_t i = 0; i < now.size(); ++i) {
+                if (now[i].second == levels[i].second) continue;
+                if (o_.json)
+                    std::printf("%s\n", jtag::jsonText(jtag::Json{{"s", std::round(secondsSince(start) * 1000) / 1000},
+                                                                 {"port", now[i].first},
+                                                                 {"from", levels[i].second ? 1 : 0},
+                                                                 {"to", now[i].second ? 1 : 0}})
+                                           .c_str());
+                else
                     std::printf("%.3f s %s %d -> %d\n", secondsSince(start), now[i].first.c_str(), levels[i].second,
                                 now[i].second);
+            }
             std::fflush(stdout);
             levels = now;
         }
@@ -320,7 +331,7 @@ class Program {
 
     void printSample(unsigned p, const jtag::bsdl::Device& d, const std::vector<std::pair<std::string, bool>>& levels) {
         if (o_.json) {
-            std::printf("%s\n", jtag::sampleJson(p, levels).c_str());
+            std::printf("%s\n", jtag::sampleJson(p, d, levels).c_str());
             return;
         }
         for (const auto& [port, level] : levels) {
@@ -340,7 +351,10 @@ class Program {
         chain_.access().instructions({{p, op}});
         uint32_t code = static_cast<uint32_t>(chain_.access().data({{p, BitVector(32)}})[p].value(0, 32));
         chain_.release();
-        std::printf("%u: USERCODE %s\n", p, hex32(code).c_str());
+        if (o_.json)
+            std::printf("%s\n", jtag::jsonText(jtag::Json{{"device", p}, {"usercode", hex32(code)}}).c_str());
+        else
+            std::printf("%u: USERCODE %s\n", p, hex32(code).c_str());
         return kChainOk;
     }
 
@@ -379,21 +393,31 @@ class Program {
         chain_.access().data({{p, v}});
         // What the pins see is read back from the register shifted, not from the words asked.
         std::string driving, unnamed;
+        jtag::Json drivenJson = jtag::Json::object(), unnamedJson = jtag::Json::array();
         for (const jtag::boundary::PortDrive& port : jtag::boundary::drivenBy(*d, v)) {
             if (port.level == 'z') continue;
             driving += (driving.empty() ? "" : " ") + port.port + "=" + port.level;
+            drivenJson[port.port] = port.level - '0';
             bool named = std::any_of(requests.begin(), requests.end(), [&](const jtag::boundary::Request& r) { return sameName(r.port, port.port); });
-            if (!named) unnamed += (unnamed.empty() ? "" : ", ") + port.port;
+            if (!named) unnamed += (unnamed.empty() ? "" : ", ") + port.port, unnamedJson.push_back(port.port);
         }
         if (!unnamed.empty()) driving += " (" + unnamed + ": two-state, at the safe level)";
-        char hold[64];
-        std::snprintf(hold, sizeof hold, o_.hold < 0 ? "holding until Ctrl-C" : "holding %g s", o_.hold);
-        std::printf("%u: EXTEST driving %s, every other output released; %s\n", p,
-                    driving.empty() ? "nothing" : driving.c_str(), hold);
+        if (o_.json) {
+            std::printf("%s\n", jtag::jsonText(jtag::Json{{"device", p},
+                                                         {"driving", std::move(drivenJson)},
+                                                         {"two_state_at_safe_level", std::move(unnamedJson)},
+                                                         {"hold_s", o_.hold < 0 ? jtag::Json() : jtag::Json(o_.hold)}})
+                                   .c_str());
+        } else {
+            char hold[64];
+            std::snprintf(hold, sizeof hold, o_.hold < 0 ? "holding until Ctrl-C" : "holding %g s", o_.hold);
+            std::printf("%u: EXTEST driving %s, every other output released; %s\n", p,
+                        driving.empty() ? "nothing" : driving.c_str(), hold);
+        }
         std::fflush(stdout);
         held.wait(o_.hold < 0 ? -1 : static_cast<long long>(std::llround(o_.hold * 1e9)));
         chain_.release();
-        std::printf("%u: released (Test-Logic-Reset)\n", p);
+        if (!o_.json) std::printf("%u: released (Test-Logic-Reset)\n", p);
         return kChainOk;
     }
 
@@ -439,7 +463,7 @@ class Program {
                                                         : "inverted";
         std::string from = std::to_string(a) + "." + pa, to = std::to_string(b) + "." + pb;
         if (o_.json)
-            std::printf("{\"from\":%s,\"to\":%s,\"result\":\"%s\"}\n", jtag::jsonString(from).c_str(), jtag::jsonString(to).c_str(), result);
+            std::printf("%s\n", jtag::jsonText(jtag::Json{{"from", from}, {"to", to}, {"result", result}}).c_str());
         else
             std::printf("%s -> %s: %s\n", from.c_str(), to.c_str(), result);
         return std::string(result) == "connected" ? kChainOk : kChainNotConnected;
@@ -472,10 +496,7 @@ bool positionValue(const std::string& text, unsigned* position, std::string* res
 
 std::string positionRange() { return "a position is 0 to " + std::to_string(kMostDevices - 1); }
 
-int usage(const std::string& what) {
-    std::fprintf(stderr, "kelvorn-chain: %s\n", what.c_str());
-    return kChainUsage;
-}
+int usage(const std::string& what) { return fail(kChainUsage, what); }
 
 }  // namespace
 
@@ -496,9 +517,13 @@ int kelvornChainMain(int argc, char** argv) {
     CLI::App app{kDescription, "kelvorn-chain"};
     Options o;
     describeOptions(app, &o);
+    jsonOut = false;
+    for (int i = 1; i < argc && std::string(argv[i]) != "--"; ++i)
+        if (std::string(argv[i]) == "--json") jsonOut = true;
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
+        if (jsonOut && e.get_exit_code() != 0) return fail(kChainUsage, e.what());
         return app.exit(e) == 0 ? kChainOk : kChainUsage;
     }
     if (o.bsdlPath.empty() && !app.count("--bsdl-path")) o.bsdlPath = defaultBsdlPath();
@@ -527,8 +552,7 @@ int kelvornChainMain(int argc, char** argv) {
         auto device = std::make_shared<jtag::bsdl::Device>();
         jtag::bsdl::Error error;
         if (!jtag::bsdl::readFile(path, device.get(), &error)) {
-            std::fprintf(stderr, "kelvorn-chain: %s\n", error.text().c_str());
-            return kChainBadBsdl;
+            return fail(kChainBadBsdl, error.text());
         }
         given.insert(device.get());
         if (at)
@@ -544,9 +568,18 @@ int kelvornChainMain(int argc, char** argv) {
     }
     for (const std::string& w : catalogue.warnings()) std::fprintf(stderr, "kelvorn-chain: passed over %s\n", w.c_str());
 
+    std::optional<device::StdoutToStderr> quiet;
+    if (jsonOut) quiet.emplace();
     XilIntf* intf = device::openDevice("kelvorn-chain", o.fpga, at, o.testMode);
-    if (!intf) return kChainNoBackend;
+    if (!intf) {
+        quiet.reset();
+        // openDevice has said so on stderr.
+        if (jsonOut)
+            std::printf("%s\n", jtag::jsonText(jtag::Json{{"status", kChainNoBackend}, {"error", "no backend serves " + o.fpga + " on this board"}}).c_str());
+        return kChainNoBackend;
+    }
     device::SelectedDevice selected(intf, o.fpga);
+    quiet.reset();
     jtag::Tap tap(intf);
     if (o.frequency > 0 && o.frequency < 1e9) tap.ceilingIs(static_cast<uint32_t>(std::ceil(1e9 / o.frequency)));
     jtag::Discovery d = jtag::discover(tap, catalogue, options);
@@ -555,13 +588,11 @@ int kelvornChainMain(int argc, char** argv) {
         std::string what = d.scan.fault == jtag::ChainScan::Fault::inconsistent
                                ? "the chain answers inconsistently: " + d.scan.detail
                                : jtag::describe(d.scan.fault, o.maxDevices);
-        std::fprintf(stderr, "kelvorn-chain: %s\n", what.c_str());
-        return kChainDead;
+        return fail(kChainDead, what);
     }
     if (!d.bsdlProblem.empty()) {
         selected.cleanup();
-        std::fprintf(stderr, "kelvorn-chain: %s\n", d.bsdlProblem.c_str());
-        return kChainBadBsdl;
+        return fail(kChainBadBsdl, d.bsdlProblem);
     }
     for (const jtag::DeviceFacts& f : d.devices)
         if (!f.otherBsdl.empty()) {
@@ -574,8 +605,7 @@ int kelvornChainMain(int argc, char** argv) {
         if (p >= d.devices.size()) return usage("--bsdl " + std::to_string(p) + "=" + file->file + ": the chain has " + std::to_string(d.devices.size()) + " devices");
     if (!d.irProblem.empty()) {
         selected.cleanup();
-        std::fprintf(stderr, "kelvorn-chain: %s\n", d.irProblem.c_str());
-        return kChainDead;
+        return fail(kChainDead, d.irProblem);
     }
     int status = kChainOk;
     if (o.words.empty())

@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include "jtag/Jep106.h"
+#include "jtag/Json.h"
 
 namespace jtag {
 
@@ -141,42 +142,31 @@ Discovery discover(Tap& tap, const BsdlCatalogue& catalogue, const DiscoveryOpti
     return r;
 }
 
-std::string jsonString(const std::string& s) {
-    std::string out = "\"";
-    for (unsigned char c : s) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c < 0x20) {
-            char esc[8];
-            std::snprintf(esc, sizeof esc, "\\u%04x", c);
-            out += esc;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out + "\"";
-}
+std::string jsonString(const std::string& s) { return jsonText(Json(s)); }
 
-std::string discoveryJson(const Discovery& d) {
+Json discoveryValue(const Discovery& d) {
     auto hex32 = [](uint32_t v) {
         char text[16];
         std::snprintf(text, sizeof text, "0x%08x", v);
         return std::string(text);
     };
-    std::string out = "{\"devices\":[";
+    Json devices = Json::array();
     for (const DeviceFacts& f : d.devices) {
-        if (f.position) out += ",";
-        out += "{\"position\":" + std::to_string(f.position);
-        out += ",\"idcode\":" + (f.idcode ? jsonString(hex32(*f.idcode)) : "null");
-        out += ",\"ir_length\":" + std::to_string(f.irLength);
-        out += std::string(",\"ir_length_from\":\"") + irFromName(f.irFrom) + "\"";
-        out += ",\"manufacturer\":" + (f.manufacturer ? jsonString(*f.manufacturer) : "null");
-        out += ",\"part\":" + (f.bsdl ? jsonString(f.bsdl->entity) : "null");
-        out += ",\"version\":" + (f.idcode ? std::to_string(*f.idcode >> kIdcodeVersionShift) : "null");
-        out += ",\"bsdl\":" + (f.bsdl ? jsonString(f.bsdl->file) : "null") + "}";
+        Json device;
+        device["position"] = f.position;
+        device["idcode"] = f.idcode ? Json(hex32(*f.idcode)) : Json();
+        device["ir_length"] = f.irLength;
+        device["ir_length_from"] = irFromName(f.irFrom);
+        device["manufacturer"] = f.manufacturer ? Json(*f.manufacturer) : Json();
+        device["part"] = f.bsdl ? Json(f.bsdl->entity) : Json();
+        device["version"] = f.idcode ? Json(*f.idcode >> kIdcodeVersionShift) : Json();
+        device["bsdl"] = f.bsdl ? Json(f.bsdl->file) : Json();
+        device["jep106"] = f.idcode ? Json{{"bank", jep106Bank(*f.idcode)}, {"code", jep106Code(*f.idcode)}} : Json();
+        devices.push_back(std::move(device));
     }
-    return out + "],\"ir_total\":" + std::to_string(d.irTotal) + "}";
+    return Json{{"devices", std::move(devices)}, {"ir_total", d.irTotal}};
 }
+
+std::string discoveryJson(const Discovery& d) { return jsonText(discoveryValue(d)); }
 
 }  // namespace jtag

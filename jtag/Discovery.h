@@ -83,10 +83,12 @@ Discovery discover(Tap& tap, const BsdlCatalogue& catalogue, const DiscoveryOpti
 // The facts as one JSON document (what kelvorn-chain --json prints):
 // {"devices":[{"position":0,"idcode":"0x0a5c7035","ir_length":8,
 // "ir_length_from":"detected","manufacturer":"...","part":null,"version":0,
-// "bsdl":null},...],"ir_total":14}; idcode, manufacturer, part, version and
-// bsdl are null where unknown.
+// "bsdl":null,"jep106":{"bank":1,"code":26}},...],"ir_total":14}; idcode,
+// manufacturer, part, version, bsdl and jep106 are null where unknown (a
+// maker the JEP106 list does not name: manufacturer null, jep106 its bank
+// and code).
 std::string discoveryJson(const Discovery& d);
-// s as a JSON string, quoted, with quotes, backslashes and control characters escaped.
+// s as a JSON string, quoted and escaped.
 std::string jsonString(const std::string& s);
 
 }  // namespace jtag

@@ -487,7 +487,7 @@ int kv_sample(kv_device* device, unsigned position, const char** json) {
         device->access->instructions({{position, sample}});
         auto captured = device->access->data({{position, jtag::BitVector(f.bsdl->boundaryLength)}});
         device->tap->reset();  // back to the device's own function
-        device->answer = jtag::sampleJson(position, jtag::portLevels(*f.bsdl, captured[position]));
+        device->answer = jtag::sampleJson(position, *f.bsdl, jtag::portLevels(*f.bsdl, captured[position]));
         if (json) *json = device->answer.c_str();
         return device->ok();
     });

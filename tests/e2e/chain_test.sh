@@ -20,7 +20,7 @@ found="0: IDCODE 0x0123402f, IR 8 bits (bsdl), Texas Instruments, kv_cpld64, ver
 1: IDCODE 0x0a5c7043, IR 6 bits (bsdl), Lattice Semi., KV_FPGA6, version 0
 2: IDCODE 0x4ba00477, IR 4 bits (bsdl), ARM Ltd., KV_DAP4, version 4
 3 devices, IR 18 bits in all"
-json='{"devices":[{"position":0,"idcode":"0x0123402f","ir_length":8,"ir_length_from":"bsdl","manufacturer":"Texas Instruments","part":"kv_cpld64","version":0,"bsdl":"BSDL/kv_cpld64.bsd"},{"position":1,"idcode":"0x0a5c7043","ir_length":6,"ir_length_from":"bsdl","manufacturer":"Lattice Semi.","part":"KV_FPGA6","version":0,"bsdl":"BSDL/KV_FPGA6.BSD"},{"position":2,"idcode":"0x4ba00477","ir_length":4,"ir_length_from":"bsdl","manufacturer":"ARM Ltd.","part":"KV_DAP4","version":4,"bsdl":"BSDL/kv_dap4.bsd"}],"ir_total":18}'
+json='{"devices":[{"position":0,"idcode":"0x0123402f","ir_length":8,"ir_length_from":"bsdl","manufacturer":"Texas Instruments","part":"kv_cpld64","version":0,"bsdl":"BSDL/kv_cpld64.bsd","jep106":{"bank":1,"code":23}},{"position":1,"idcode":"0x0a5c7043","ir_length":6,"ir_length_from":"bsdl","manufacturer":"Lattice Semi.","part":"KV_FPGA6","version":0,"bsdl":"BSDL/KV_FPGA6.BSD","jep106":{"bank":1,"code":33}},{"position":2,"idcode":"0x4ba00477","ir_length":4,"ir_length_from":"bsdl","manufacturer":"ARM Ltd.","part":"KV_DAP4","version":4,"bsdl":"BSDL/kv_dap4.bsd","jep106":{"bank":5,"code":59}}],"ir_total":18}'
 while read -r what board fpga address; do
   board=(${board//,/ } --chain "$chain")
   e2e_run kelvorn-sim "${board[@]}" chain --bsdl-path "$bsdl" "$fpga" "$address"
@@ -34,7 +34,7 @@ while read -r what board fpga address; do
 3 devices, IR 18 bits in all" "$what: without BSDL files, the IR lengths detected"
   # A pin set on the board read back, a wired net, the pins a drive left.
   e2e_run kelvorn-sim "${board[@]}" --pin '1.SW(2)=0' chain --json --bsdl-path "$bsdl" "$fpga" "$address" sample 1
-  expect_eq "$E2E_STATUS|$E2E_OUT" '0|{"device":1,"pins":{"SW(0)":1,"SW(1)":1,"SW(2)":0,"SW(3)":1,"BUS":1}}' "$what: sample"
+  expect_eq "$E2E_STATUS|$E2E_OUT" '0|{"device":1,"pins":{"SW(0)":1,"SW(1)":1,"SW(2)":0,"SW(3)":1,"BUS":1},"package":"FG256","package_pins":{"SW(0)":["A1"],"SW(1)":["A2"],"SW(2)":["A3"],"SW(3)":["A4"],"BUS":["B2"]}}' "$what: sample"
   e2e_run kelvorn-sim "${board[@]}" --net '0.led=1.SW(1)' chain --i-know-the-board --bsdl-path "$bsdl" "$fpga" "$address" \
     connect 0.led '1.SW(1)'
   expect_eq "$E2E_STATUS|$E2E_OUT" "0|0.led -> 1.SW(1): connected" "$what: connect over a wired net"
@@ -51,7 +51,7 @@ sim=(kelvorn-sim --chain "$chain")
 
 # A device without IDCODE, an unassigned maker, an ambiguous capture pinned by --irlen.
 e2e_run kelvorn-sim --chain 0x00000cfd:5,none:3 chain --json --bsdl-path "" "${dev[@]}"
-expect_eq "$E2E_OUT" '{"devices":[{"position":0,"idcode":"0x00000cfd","ir_length":5,"ir_length_from":"detected","manufacturer":null,"part":null,"version":0,"bsdl":null},{"position":1,"idcode":null,"ir_length":3,"ir_length_from":"detected","manufacturer":null,"part":null,"version":null,"bsdl":null}],"ir_total":8}' \
+expect_eq "$E2E_OUT" '{"devices":[{"position":0,"idcode":"0x00000cfd","ir_length":5,"ir_length_from":"detected","manufacturer":null,"part":null,"version":0,"bsdl":null,"jep106":{"bank":13,"code":126}},{"position":1,"idcode":null,"ir_length":3,"ir_length_from":"detected","manufacturer":null,"part":null,"version":null,"bsdl":null,"jep106":null}],"ir_total":8}' \
   "no IDCODE, an unknown maker: JSON nulls"
 e2e_run kelvorn-sim --chain 0x00000cfd:5,none:3 chain --bsdl-path "" --irlen 1=3 "${dev[@]}"
 expect_eq "$E2E_OUT" "0: IDCODE 0x00000cfd, IR 5 bits (detected), bank 13 code 0x7e, version 0
@@ -80,7 +80,7 @@ d(1) 1 (pin 5)
 d(2) 1 (pin 6)
 d(3) 0 (pin 7)" "sample: the pins set, the others pulled up, with their package pins"
 e2e_run "${sim[@]}" --pin '1.SW(2)=0' --pin 1.BUS=0 chain --json --bsdl-path "$bsdl" "${dev[@]}" sample KV_FPGA6
-expect_eq "$E2E_STATUS|$E2E_OUT" '0|{"device":1,"pins":{"SW(0)":1,"SW(1)":1,"SW(2)":0,"SW(3)":1,"BUS":0}}' \
+expect_eq "$E2E_STATUS|$E2E_OUT" '0|{"device":1,"pins":{"SW(0)":1,"SW(1)":1,"SW(2)":0,"SW(3)":1,"BUS":0},"package":"FG256","package_pins":{"SW(0)":["A1"],"SW(1)":["A2"],"SW(2)":["A3"],"SW(3)":["A4"],"BUS":["B2"]}}' \
   "sample by entity name, as JSON"
 e2e_run "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" usercode 1
 expect_eq "$E2E_STATUS|$E2E_OUT" "0|1: USERCODE 0x12345678" "usercode"
@@ -180,6 +180,44 @@ for ((i = 0; i < 50; i++)); do grep -q BUS "$E2E_DIR/bg.out" && break; sleep 0.1
 kill -TERM "$E2E_BG"
 e2e_wait
 expect_eq "$E2E_STATUS|$(head -n1 <<<"$E2E_OUT")" "0|SW(0) 0 (pin A1)" "watch: until a signal"
+
+# ---- --json: one valid JSON document a line, whatever happens ----
+
+# A BSDL file whose name is not UTF-8, given and found.
+cp "$bsdl/kv_cpld64.bsd" "$d/"$'\xff'"cpld.bsd"
+valid_json() {  # every line of stdin parses as JSON: prints the count, or the line that does not
+  python3 -c '
+import json, sys
+n = 0
+for line in sys.stdin.buffer.read().split(b"\n"):
+    if not line: continue
+    try: json.loads(line.decode("utf-8"))
+    except Exception as e: print("invalid:", line[:80], e); sys.exit(0)
+    n += 1
+print(n)'
+}
+while IFS='|' read -r status want args; do
+  e2e_run "${sim[@]}" chain --json --bsdl "0=$d/"$'\xff'"cpld.bsd" --bsdl-path "$bsdl" --hold 0 "${dev[@]}" $args
+  expect_eq "$E2E_STATUS|$(valid_json <<<"$E2E_OUT")|$(grep -o -F "$want" <<<"$E2E_OUT" | head -n1)" "$status|1|$want" "--json: ${args:-discovery}"
+done <<'EOF'
+0|�cpld.bsd","jep106"|
+0|"package_pins":{"SW(0)":["A1"]|sample 1
+0|"usercode":"0x12345678"|usercode 1
+0|"driving":{"led":1}|drive 0 led=1
+6|"status":6|drive 0 d(0)=1
+7|"result":"stuck-1"|connect 0.led 1.SW(1)
+2|"status":2|sample 7
+2|"status":2|frobnicate
+5|"status":5|usercode 2
+EOF
+e2e_run "${sim[@]}" chain --json --bsdl "$d/"$'\xfe'"none.bsd" "${dev[@]}"
+expect_eq "$E2E_STATUS|$(valid_json <<<"$E2E_OUT")" "5|1" "--json: a file that cannot be read, its name not UTF-8"
+e2e_run "${sim[@]}" chain --json --frobnicate "${dev[@]}"
+expect_eq "$E2E_STATUS|$E2E_OUT" '2|{"status":2,"error":"The following argument was not expected: --frobnicate"}' "--json: an option not understood"
+e2e_run "${sim[@]}" chain --json nosuch 0000:03:00.0
+expect_eq "$E2E_STATUS|$E2E_OUT" '3|{"status":3,"error":"no backend serves nosuch on this board"}' "--json: no backend, nothing else on stdout"
+e2e_run kelvorn-sim --tdo stuck-1 chain --json "${dev[@]}"
+expect_eq "$E2E_STATUS|$(valid_json <<<"$E2E_OUT")" "4|1" "--json: a dead chain"
 
 # ---- dead chains, bad files, usage ----
 
