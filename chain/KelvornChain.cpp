@@ -17,6 +17,7 @@
 
 #include "device/PciAddress.h"
 #include "device/Session.h"
+#include "os/SignalGate.h"
 #include "jtag/Boundary.h"
 #include "jtag/ChainAccess.h"
 #include "jtag/Discovery.h"
@@ -32,8 +33,6 @@ using jtag::boundary::sameName;
 constexpr unsigned kDefaultMaxDevices = 64;
 constexpr unsigned kMostDevices = 1024;
 constexpr long kWatchIntervalNs = 100000000;  // watch samples ten times a second
-// Signals that end a hold or a watch, and that wait while the chain is in EXTEST.
-constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
 struct Options {
     std::string fpga, address;
@@ -238,7 +237,7 @@ class SignalsHeld {
   public:
     SignalsHeld() {
         sigemptyset(&set_);
-        for (int s : kEndingSignals) sigaddset(&set_, s);
+        for (int s : Os::kEndingSignals) sigaddset(&set_, s);  // they end a hold or a watch, and wait while in EXTEST
         sigprocmask(SIG_BLOCK, &set_, &old_);
     }
     ~SignalsHeld() { sigprocmask(SIG_SETMASK, &old_, nullptr); }

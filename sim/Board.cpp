@@ -39,8 +39,8 @@ void finishInstalled() {
 // of a run (VCD, memory, stats) are written when one of them ends it too:
 // after the tool's own clean-up of the pins, which hands the signal on to
 // this handler, so the clean-up is in the VCD.
-constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
-constexpr size_t kEndingCount = sizeof kEndingSignals / sizeof kEndingSignals[0];
+using Os::kEndingSignals;
+constexpr size_t kEndingCount = Os::kEndingSignalCount;
 struct sigaction beforeBoard[kEndingCount];
 bool handledByBoard[kEndingCount];
 
