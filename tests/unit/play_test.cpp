@@ -226,8 +226,9 @@ TEST_P(PlayChangedDuring, StopsBeforeTheFirstBlockThatDiffers) {
     Os::hooks().waitUntilNs = wait;
     ASSERT_TRUE(changed);
     EXPECT_EQ(r.status, kUnreadable);
-    std::string what = GetParam() == Change::truncate ? "it ends at byte 65636 now, not at byte " + std::to_string(size)
-                       : GetParam() == Change::append ? "it goes on past byte " + std::to_string(size) + " now, where it ended"
+    std::string end = std::to_string(size);
+    std::string what = GetParam() == Change::truncate ? "it ends at byte 65636 now, not at byte " + end
+                       : GetParam() == Change::append ? "it goes on past byte " + end + " now, where it ended"
                                                       : "its bytes 65536 to " + std::to_string(size - 1) + " differ";
     EXPECT_EQ(r.err, "kelvorn-play: " + path + ": byte 65536: changed since it was checked (" + what +
                          "); nothing from here on was played\n");
