@@ -236,6 +236,19 @@ printf 'entity BAD is\n  attribute INSTRUCTION_LENGTH of BAD : entity is 4;\n  a
 e2e_run "${sim[@]}" chain --bsdl "$d/bad.bsd" "${dev[@]}"
 expect_eq "$E2E_STATUS|$E2E_ERR" "5|kelvorn-chain: $d/bad.bsd:3: INSTRUCTION_OPCODE: BYPASS 111 has 3 bits; INSTRUCTION_LENGTH is 4" \
   "a BSDL file given that cannot be read: file:line"
+# Files that describe test logic which cannot be: refused with file:line before
+# any pin moves (a SAMPLE overlapping EXTEST would put the device in EXTEST).
+sed 's/sample (00000001)/sample (0000100X)/' "$bsdl/kv_cpld64.bsd" >"$d/overlap.bsd"
+sed 's/^    led           : out bit;/&\n    led           : out bit;\n    led           : out bit;/' "$bsdl/kv_cpld64.bsd" >"$d/thrice.bsd"
+sed 's/led:3,/led:(3, 14),/' "$bsdl/kv_cpld64.bsd" >"$d/twopins.bsd"
+while IFS='|' read -r file message; do
+  e2e_run "${sim[@]}" --dump-pins "$d/pins" chain --bsdl "$d/$file" "${dev[@]}" sample 0
+  expect_eq "$E2E_STATUS|$E2E_ERR|$(cat "$d/pins")" "5|kelvorn-chain: $d/$file:$message|" "refused: $file"
+done <<'EOF'
+overlap.bsd|25: INSTRUCTION_OPCODE: sample 0000100X overlaps extest 00001000
+thrice.bsd|12: port led declared twice
+twopins.bsd|18: pin map TQ44: led is a scalar port, mapped to 2 pins (a port on several pins is a bit_vector)
+EOF
 e2e_run "${sim[@]}" chain --bsdl "$d/none.bsd" "${dev[@]}"
 expect_eq "$E2E_STATUS|$E2E_ERR" "5|kelvorn-chain: $d/none.bsd:0: cannot read: No such file or directory" "a BSDL file given that does not exist"
 cp "$d/bad.bsd" "$d/two/"
