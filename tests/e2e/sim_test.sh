@@ -88,7 +88,7 @@ mknod "$E2E_DIR/dev/full" c 1 7
 mkdir -p "$E2E_DIR/files"
 cp "$(dirname "$0")/../data/bsdl/kv_cpld64.bsd" "$E2E_DIR/files/"
 full="kelvorn-sim: cannot write /dev/full: No space left on device"
-expect_run 105 "0: EXTEST, led=1, every other output safe; holding 0 s
+expect_run 105 "0: EXTEST driving led=1, every other output released; holding 0 s
 0: released (Test-Logic-Reset)" "$full" "pin dump to a full disk" \
   kelvorn-sim --chain "bsdl=$E2E_DIR/files/kv_cpld64.bsd" --dump-pins /dev/full \
   chain --bsdl "$E2E_DIR/files/kv_cpld64.bsd" --hold 0 rotanMotub 0000:03:00.0 drive 0 led=1

@@ -166,7 +166,7 @@ const Row kRows[] = {
      "  1) ;  // trailing\n"
      "Sdr 12\n TDI (A\n BC) tDo(abc)\n;!\n",
      "@2 SIR 8 tdi=41 smask=ff end=IDLE\n@5 SDR 12 tdi=abc smask=fff tdo=abc mask=fff end=IDLE\n(2 statements)"},
-    {false, "", "(0 statements)"},
+    {false, "", "syntax@1 the file holds no statement (it is empty, or only white space and comments)"},
     // Lengths that are no multiple of four: leading digits must not set bits past the length.
     {false, "SDR 13 TDI(1FFF);\nSDR 4 TDI(00F);\n",
      "@1 SDR 13 tdi=1fff smask=1fff end=IDLE\n@2 SDR 4 tdi=f smask=f end=IDLE\n(2 statements)"},
@@ -200,7 +200,7 @@ const Row kRows[] = {
      "@24 XSDR 12 tdi=001 tdo=123 mask=ff0 end=IDLE retries=2\n"
      "@32 XSDR 12 tdi=002 tdo=123 mask=ff0 end=IDLE retries=2 wait=100\n"
      "@35 XSIR 2 tdi=1 end=IDLE wait=100\n"
-     "(13 statements)"},
+     "syntax@38 XCOMPLETE: the file goes on after it, at byte 39"},
     // A new XSDRSIZE forgets the expected TDO; long scans in segments; XWAIT, XSIR2, XCOMMENT.
     {true,
      bytes({0x08, 0x00, 0x00, 0x00, 0x08, 0x03, 0x5a, 0x16, 'h',  'i',  0x00, 0x14, 0x01, 0x0c, 0x01, 0x0d, 0x02,
