@@ -123,6 +123,12 @@ def test_shift_ir_and_dr_through_bypass():
         assert dev.shift_dr(2, pattern, 4096) == 0
         assert dev.shift_dr(2, pattern >> 1, 4096) == pattern
         assert dev.shift_dr(2, 0, 4096) == pattern >> 1
+        # A scan longer than the slices the library cuts a shift into (2**18
+        # cycles, for its look-ins): the register's 4096 zeros and the two
+        # BYPASS bits the scan put before its bits, then every bit that went
+        # in, in order across the cuts.
+        long = int.from_bytes(bytes((i * 151 + 7) % 256 for i in range(75000)), "little")
+        assert dev.shift_dr(2, long, 600000) == (long << 4098) & ((1 << 600000) - 1)
         with pytest.raises(kelvorn.Error) as caught:
             dev.shift_ir(1, 1, 5)
         assert caught.value.status == kelvorn.E_ARGUMENT
