@@ -150,6 +150,11 @@ static void testLongScan(void) {
     char pins[256] = "";
     kv_device* dev = openDevice("0000:03:00.0");
 
+    /* Counts past what fits are refused before anything is allocated or shifted. */
+    checkStatus(kv_shift_dr(dev, 1, KV_MAX_BITS + 1, NULL, NULL), KV_E_ARGUMENT, dev, "a register past KV_MAX_BITS");
+    check(strcmp(kv_message(dev), "a data register of 1073741825 bits (1 to 1073741824)") == 0, "its message",
+          kv_message(dev));
+    checkStatus(kv_irlen_is(dev, 0xffffffffu, 8), KV_E_ARGUMENT, dev, "an IR length at position 2^32 - 1");
     /* 2^22 cycles in one statement: called at least every million. */
     checkStatus(play(dev, "SDR 4194304 TDI(0);", watch, &w, &r), KV_OK, dev, "a 2^22-bit scan");
     check(w.calls >= 5 && r.tck_cycles > 4194304, "progress inside the scan, at least every million cycles", NULL);
