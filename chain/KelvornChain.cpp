@@ -5,31 +5,34 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 
 #include "device/PciAddress.h"
 #include "device/Session.h"
+#include "os/SignalGate.h"
+#include "jtag/Boundary.h"
 #include "jtag/ChainAccess.h"
 #include "jtag/Discovery.h"
 #include "jtag/Jep106.h"
+#include "jtag/Json.h"
 
 namespace {
 
 using jtag::BitVector;
 using jtag::bsdl::Cell;
-using Function = jtag::bsdl::Cell::Function;
+using jtag::boundary::sameName;
 
 constexpr unsigned kDefaultMaxDevices = 64;
 constexpr unsigned kMostDevices = 1024;
 constexpr long kWatchIntervalNs = 100000000;  // watch samples ten times a second
-// Signals that end a hold or a watch, and that wait while the chain is in EXTEST.
-constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
 struct Options {
     std::string fpga, address;
@@ -69,14 +72,17 @@ void describeOptions(CLI::App& app, Options* o) {
     app.add_option("command", o->words,
                    "sample DEV | watch DEV | drive DEV PORT=0|1|z... | connect DEV.PORT DEV.PORT | usercode DEV "
                    "(DEV: a position or a BSDL entity name); none: discover the chain");
-    app.add_flag("--json", o->json, "discovery, sample and connect as one JSON document");
+    app.add_flag("--json", o->json, "every command's answer, or its failure, as JSON");
+    // Each occurrence takes one value: a repeated option never swallows the positional arguments after it.
     app.add_option("--bsdl", o->bsdl, "a BSDL file, or POS=FILE for the device at that position (repeatable)")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->allow_extra_args(false);
     app.add_option("--bsdl-path", o->bsdlPath, "directories of BSDL files, found by IDCODE")
         ->type_name("DIR[:DIR...]")
         ->default_str(defaultBsdlPath());
     app.add_option("--irlen", o->irlen, "the instruction register length of the device at POS (repeatable)")
-        ->type_name("POS=N");
+        ->type_name("POS=N")
+        ->allow_extra_args(false);
     app.add_option("--max-devices", o->maxDevices, "the most devices looked for")
         ->capture_default_str()
         ->check(CLI::Range(1u, kMostDevices));
@@ -101,6 +107,18 @@ const char* kDescription =
     "  kelvorn-chain [options] <fpga> <pci address> [command]\n";
 
 // ---- output ----
+
+// Set from the command line before anything can fail: with --json every
+// failure is also a JSON document on stdout.
+bool jsonOut = false;
+
+// One line on stderr naming what failed and why; with --json also
+// {"status":N,"error":"..."} on stdout. Returns the status.
+int fail(int status, const std::string& what) {
+    std::fprintf(stderr, "kelvorn-chain: %s\n", what.c_str());
+    if (jsonOut) std::printf("%s\n", jtag::jsonText(jtag::Json{{"status", status}, {"error", what}}).c_str());
+    return status;
+}
 
 std::string hex32(uint32_t v) {
     char text[16];
@@ -136,42 +154,11 @@ void printDiscovery(const jtag::Discovery& d, bool json) {
 
 // ---- the device's test logic, from its BSDL file ----
 
-bool sameName(const std::string& a, const std::string& b) {
-    if (a.size() != b.size()) return false;
-    for (size_t i = 0; i < a.size(); ++i)
-        if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i])))
-            return false;
-    return true;
-}
-
-bool drives(Function f) { return f == Function::output2 || f == Function::output3 || f == Function::bidir; }
-
-// The pins of a port (or of an element "NAME(i)") in the default package.
+// The pins of a port (or of an element "NAME(i)") in the default package, as text.
 std::string pinsOf(const jtag::bsdl::Device& d, const std::string& port) {
-    const jtag::bsdl::PinMap* map = d.package("");
-    if (!map) return "";
-    for (const auto& [name, pins] : map->pins) {
-        if (!sameName(name, port)) continue;
-        std::string text;
-        for (const std::string& p : pins) text += (text.empty() ? "" : ",") + p;
-        return text;
-    }
-    return "";
-}
-
-// Every cell at its safe value: a control cell whose safe value is X at the
-// value that disables the outputs it controls, any other X at 0.
-BitVector safeVector(const jtag::bsdl::Device& d) {
-    BitVector v(d.boundaryLength);
-    std::map<int, char> disable;
-    for (const Cell& c : d.boundary)
-        if (c.controlCell >= 0 && c.disableValue != 'X') disable[c.controlCell] = c.disableValue;
-    for (const Cell& c : d.boundary) {
-        char level = c.safe;
-        if (level == 'X' && disable.count(static_cast<int>(c.number))) level = disable[static_cast<int>(c.number)];
-        v.set(c.number, level == '1');
-    }
-    return v;
+    std::string text;
+    for (const std::string& p : jtag::packagePins(d, port)) text += (text.empty() ? "" : ",") + p;
+    return text;
 }
 
 class Chain {
@@ -250,7 +237,7 @@ class SignalsHeld {
   public:
     SignalsHeld() {
         sigemptyset(&set_);
-        for (int s : kEndingSignals) sigaddset(&set_, s);
+        for (int s : Os::kEndingSignals) sigaddset(&set_, s);  // they end a hold or a watch, and wait while in EXTEST
         sigprocmask(SIG_BLOCK, &set_, &old_);
     }
     ~SignalsHeld() { sigprocmask(SIG_SETMASK, &old_, nullptr); }
@@ -286,38 +273,6 @@ bool devicePort(const Chain& chain, const std::string& text, unsigned* position,
     return chain.device(text.substr(0, dot), position, error);
 }
 
-const Cell* outputCell(const jtag::bsdl::Device& d, const std::string& port) {
-    for (const Cell& c : d.boundary)
-        if (drives(c.function) && sameName(c.port, port)) return &c;
-    return nullptr;
-}
-const Cell* inputCell(const jtag::bsdl::Device& d, const std::string& port) {
-    for (const Cell& c : d.boundary)
-        if (jtag::takesInput(c.function) && sameName(c.port, port)) return &c;
-    return nullptr;
-}
-
-// Sets a port's output cell (and its control cell) in v: '0', '1' or 'z'.
-bool setPort(const jtag::bsdl::Device& d, const std::string& port, char level, BitVector* v, std::string* error) {
-    const Cell* out = outputCell(d, port);
-    if (!out) {
-        *error = d.port(port) || inputCell(d, port) ? port + " has no output cell" : d.entity + " has no port " + port;
-        return false;
-    }
-    bool disabled = level == 'z';
-    if (out->controlCell < 0 || out->disableValue == 'X') {
-        if (disabled) {
-            *error = port + " has no control cell: it cannot be left undriven";
-            return false;
-        }
-    } else {
-        bool off = out->disableValue == '1';
-        v->set(static_cast<size_t>(out->controlCell), disabled ? off : !off);
-    }
-    if (!disabled) v->set(out->number, level == '1');
-    return true;
-}
-
 class Program {
   public:
     Program(const Options& o, jtag::Tap& tap, const jtag::Discovery& d, const std::set<const void*>& given)
@@ -335,11 +290,6 @@ class Program {
     }
 
   private:
-    int fail(int status, const std::string& what) {
-        std::fprintf(stderr, "kelvorn-chain: %s\n", what.c_str());
-        return status;
-    }
-
     int sample(const std::string& dev, bool watch) {
         unsigned p;
         std::string error;
@@ -359,10 +309,18 @@ class Program {
         std::fflush(stdout);
         while (!held.wait(kWatchIntervalNs)) {
             auto now = jtag::portLevels(*d, chain_.sample(p));
-            for (size_t i = 0; i < now.size(); ++i)
-                if (now[i].second != levels[i].second)
+            for (size_t i = 0; i < now.size(); ++i) {
+                if (now[i].second == levels[i].second) continue;
+                if (o_.json)
+                    std::printf("%s\n", jtag::jsonText(jtag::Json{{"s", std::round(secondsSince(start) * 1000) / 1000},
+                                                                 {"port", now[i].first},
+                                                                 {"from", levels[i].second ? 1 : 0},
+                                                                 {"to", now[i].second ? 1 : 0}})
+                                           .c_str());
+                else
                     std::printf("%.3f s %s %d -> %d\n", secondsSince(start), now[i].first.c_str(), levels[i].second,
                                 now[i].second);
+            }
             std::fflush(stdout);
             levels = now;
         }
@@ -372,7 +330,7 @@ class Program {
 
     void printSample(unsigned p, const jtag::bsdl::Device& d, const std::vector<std::pair<std::string, bool>>& levels) {
         if (o_.json) {
-            std::printf("%s\n", jtag::sampleJson(p, levels).c_str());
+            std::printf("%s\n", jtag::sampleJson(p, d, levels).c_str());
             return;
         }
         for (const auto& [port, level] : levels) {
@@ -392,7 +350,10 @@ class Program {
         chain_.access().instructions({{p, op}});
         uint32_t code = static_cast<uint32_t>(chain_.access().data({{p, BitVector(32)}})[p].value(0, 32));
         chain_.release();
-        std::printf("%u: USERCODE %s\n", p, hex32(code).c_str());
+        if (o_.json)
+            std::printf("%s\n", jtag::jsonText(jtag::Json{{"device", p}, {"usercode", hex32(code)}}).c_str());
+        else
+            std::printf("%u: USERCODE %s\n", p, hex32(code).c_str());
         return kChainOk;
     }
 
@@ -413,50 +374,50 @@ class Program {
         if (!d) return fail(kChainBadBsdl, error);
         BitVector extest = jtag::bsdlOpcode(*d, {"EXTEST"});
         if (extest.empty()) return fail(kChainBadBsdl, "device " + std::to_string(p) + " (" + d->entity + ") has no EXTEST instruction");
-        BitVector v = safeVector(*d);
-        std::string what;
+        std::vector<jtag::boundary::Request> requests;
         for (size_t i = 2; i < o_.words.size(); ++i) {
             const std::string& w = o_.words[i];
             size_t eq = w.rfind('=');
             char level = eq != std::string::npos && eq + 2 == w.size() ? static_cast<char>(std::tolower(w[eq + 1])) : 0;
             if (level != '0' && level != '1' && level != 'z') return fail(kChainUsage, w + ": wants PORT=0, PORT=1 or PORT=z");
-            if (!setPort(*d, w.substr(0, eq), level, &v, &error)) return fail(kChainDriveRefused, "drive: " + error);
-            what += " " + w.substr(0, eq) + "=" + level;
+            requests.push_back({w.substr(0, eq), level});
         }
+        BitVector v;
+        if (!jtag::boundary::plan(*d, requests, &v, &error)) return fail(kChainDriveRefused, "drive: " + error);
         if (!mayDrive(p, &error)) return fail(kChainDriveRefused, "drive refused: " + error);
         SignalsHeld held;
         chain_.access().instructions({{p, jtag::bsdlOpcode(*d, {"PRELOAD", "SAMPLE"})}});
         chain_.access().data({{p, v}});
         chain_.access().instructions({{p, extest}});
         chain_.access().data({{p, v}});
-        char hold[64];
-        std::snprintf(hold, sizeof hold, o_.hold < 0 ? "holding until Ctrl-C" : "holding %g s", o_.hold);
-        std::printf("%u: EXTEST,%s, every other output safe%s; %s\n", p, what.c_str(), alsoDriven(*d, v).c_str(), hold);
+        // What the pins see is read back from the register shifted, not from the words asked.
+        std::string driving, unnamed;
+        jtag::Json drivenJson = jtag::Json::object(), unnamedJson = jtag::Json::array();
+        for (const jtag::boundary::PortDrive& port : jtag::boundary::drivenBy(*d, v)) {
+            if (port.level == 'z') continue;
+            driving += (driving.empty() ? "" : " ") + port.port + "=" + port.level;
+            drivenJson[port.port] = port.level - '0';
+            bool named = std::any_of(requests.begin(), requests.end(), [&](const jtag::boundary::Request& r) { return sameName(r.port, port.port); });
+            if (!named) unnamed += (unnamed.empty() ? "" : ", ") + port.port, unnamedJson.push_back(port.port);
+        }
+        if (!unnamed.empty()) driving += " (" + unnamed + ": two-state, at the safe level)";
+        if (o_.json) {
+            std::printf("%s\n", jtag::jsonText(jtag::Json{{"device", p},
+                                                         {"driving", std::move(drivenJson)},
+                                                         {"two_state_at_safe_level", std::move(unnamedJson)},
+                                                         {"hold_s", o_.hold < 0 ? jtag::Json() : jtag::Json(o_.hold)}})
+                                   .c_str());
+        } else {
+            char hold[64];
+            std::snprintf(hold, sizeof hold, o_.hold < 0 ? "holding until Ctrl-C" : "holding %g s", o_.hold);
+            std::printf("%u: EXTEST driving %s, every other output released; %s\n", p,
+                        driving.empty() ? "nothing" : driving.c_str(), hold);
+        }
         std::fflush(stdout);
         held.wait(o_.hold < 0 ? -1 : static_cast<long long>(std::llround(o_.hold * 1e9)));
         chain_.release();
-        std::printf("%u: released (Test-Logic-Reset)\n", p);
+        if (!o_.json) std::printf("%u: released (Test-Logic-Reset)\n", p);
         return kChainOk;
-    }
-
-    // Outputs not named that a named port's control cell enables too: they
-    // drive their safe level.
-    std::string alsoDriven(const jtag::bsdl::Device& d, const BitVector& v) const {
-        std::set<std::string> named;
-        for (size_t i = 2; i < o_.words.size(); ++i) {
-            std::string port = o_.words[i].substr(0, o_.words[i].rfind('='));
-            for (char& c : port) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-            named.insert(port);
-        }
-        std::string also;
-        for (const Cell& c : d.boundary) {
-            std::string port = c.port;
-            for (char& ch : port) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
-            if (!drives(c.function) || named.count(port) || c.controlCell < 0 || c.disableValue == 'X') continue;
-            if (v[static_cast<size_t>(c.controlCell)] == (c.disableValue == '1')) continue;
-            also += std::string(also.empty() ? " (" : ", ") + c.port + "=" + (v[c.number] ? "1" : "0");
-        }
-        return also.empty() ? "" : also + " too: they share a control cell with a port named)";
     }
 
     int connect(const std::string& fromText, const std::string& toText) {
@@ -469,10 +430,10 @@ class Program {
         if (!db) return fail(kChainBadBsdl, error);
         BitVector extest = jtag::bsdlOpcode(*da, {"EXTEST"});
         if (extest.empty()) return fail(kChainBadBsdl, "device " + std::to_string(a) + " (" + da->entity + ") has no EXTEST instruction");
-        const Cell* in = inputCell(*db, pb);
+        const Cell* in = jtag::boundary::inputCell(*db, pb);
         if (!in) return fail(kChainUsage, "connect: " + pb + " of device " + std::to_string(b) + " has no input cell");
-        BitVector low = safeVector(*da), high = low;
-        if (!setPort(*da, pa, '0', &low, &error) || !setPort(*da, pa, '1', &high, &error))
+        BitVector low, high;
+        if (!jtag::boundary::plan(*da, {{pa, '0'}}, &low, &error) || !jtag::boundary::plan(*da, {{pa, '1'}}, &high, &error))
             return fail(kChainDriveRefused, "connect: " + error);
         if (!mayDrive(a, &error)) return fail(kChainDriveRefused, "connect refused: " + error);
         bool levels[2];
@@ -501,7 +462,7 @@ class Program {
                                                         : "inverted";
         std::string from = std::to_string(a) + "." + pa, to = std::to_string(b) + "." + pb;
         if (o_.json)
-            std::printf("{\"from\":%s,\"to\":%s,\"result\":\"%s\"}\n", jtag::jsonString(from).c_str(), jtag::jsonString(to).c_str(), result);
+            std::printf("%s\n", jtag::jsonText(jtag::Json{{"from", from}, {"to", to}, {"result", result}}).c_str());
         else
             std::printf("%s -> %s: %s\n", from.c_str(), to.c_str(), result);
         return std::string(result) == "connected" ? kChainOk : kChainNotConnected;
@@ -513,18 +474,28 @@ class Program {
     const std::set<const void*>& given_;
 };
 
-bool positionValue(const std::string& text, unsigned* position, std::string* rest) {
+// "POS=REST": digits, then '='. False for anything else.
+bool positional(const std::string& text) {
     size_t eq = text.find('=');
-    if (eq == std::string::npos || eq == 0 || text.find_first_not_of("0123456789") != eq) return false;
-    *position = static_cast<unsigned>(std::strtoul(text.c_str(), nullptr, 10));
+    return eq != std::string::npos && eq != 0 && text.find_first_not_of("0123456789") == eq;
+}
+
+// The position of "POS=REST" and REST; false when POS is not a position on
+// a chain of kMostDevices (a number too large is refused, never wrapped).
+bool positionValue(const std::string& text, unsigned* position, std::string* rest) {
+    if (!positional(text)) return false;
+    size_t eq = text.find('=');
+    if (eq > 4) return false;
+    unsigned long p = std::strtoul(text.c_str(), nullptr, 10);
+    if (p >= kMostDevices) return false;
+    *position = static_cast<unsigned>(p);
     *rest = text.substr(eq + 1);
     return true;
 }
 
-int usage(const std::string& what) {
-    std::fprintf(stderr, "kelvorn-chain: %s\n", what.c_str());
-    return kChainUsage;
-}
+std::string positionRange() { return "a position is 0 to " + std::to_string(kMostDevices - 1); }
+
+int usage(const std::string& what) { return fail(kChainUsage, what); }
 
 }  // namespace
 
@@ -545,9 +516,13 @@ int kelvornChainMain(int argc, char** argv) {
     CLI::App app{kDescription, "kelvorn-chain"};
     Options o;
     describeOptions(app, &o);
+    jsonOut = false;
+    for (int i = 1; i < argc && std::string(argv[i]) != "--"; ++i)
+        if (std::string(argv[i]) == "--json") jsonOut = true;
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
+        if (jsonOut && e.get_exit_code() != 0) return fail(kChainUsage, e.what());
         return app.exit(e) == 0 ? kChainOk : kChainUsage;
     }
     if (o.bsdlPath.empty() && !app.count("--bsdl-path")) o.bsdlPath = defaultBsdlPath();
@@ -561,7 +536,7 @@ int kelvornChainMain(int argc, char** argv) {
         std::string n;
         if (!positionValue(item, &p, &n) || n.empty() || n.find_first_not_of("0123456789") != std::string::npos ||
             n.size() > 3 || std::stoul(n) < 2)
-            return usage("--irlen " + item + ": wants POS=N, N at least 2");
+            return usage("--irlen " + item + ": wants POS=N, N at least 2 (" + positionRange() + ")");
         options.irLength[p] = static_cast<unsigned>(std::stoul(n));
     }
     // The files named first, then the directories: a file given wins.
@@ -571,12 +546,12 @@ int kelvornChainMain(int argc, char** argv) {
         unsigned p;
         std::string path;
         bool at = positionValue(item, &p, &path);
+        if (!at && positional(item)) return usage("--bsdl " + item + ": " + positionRange());
         if (!at) path = item;
         auto device = std::make_shared<jtag::bsdl::Device>();
         jtag::bsdl::Error error;
         if (!jtag::bsdl::readFile(path, device.get(), &error)) {
-            std::fprintf(stderr, "kelvorn-chain: %s\n", error.text().c_str());
-            return kChainBadBsdl;
+            return fail(kChainBadBsdl, error.text());
         }
         given.insert(device.get());
         if (at)
@@ -592,9 +567,18 @@ int kelvornChainMain(int argc, char** argv) {
     }
     for (const std::string& w : catalogue.warnings()) std::fprintf(stderr, "kelvorn-chain: passed over %s\n", w.c_str());
 
+    std::optional<device::StdoutToStderr> quiet;
+    if (jsonOut) quiet.emplace();
     XilIntf* intf = device::openDevice("kelvorn-chain", o.fpga, at, o.testMode);
-    if (!intf) return kChainNoBackend;
+    if (!intf) {
+        quiet.reset();
+        // openDevice has said so on stderr.
+        if (jsonOut)
+            std::printf("%s\n", jtag::jsonText(jtag::Json{{"status", kChainNoBackend}, {"error", "no backend serves " + o.fpga + " on this board"}}).c_str());
+        return kChainNoBackend;
+    }
     device::SelectedDevice selected(intf, o.fpga);
+    quiet.reset();
     jtag::Tap tap(intf);
     if (o.frequency > 0 && o.frequency < 1e9) tap.ceilingIs(static_cast<uint32_t>(std::ceil(1e9 / o.frequency)));
     jtag::Discovery d = jtag::discover(tap, catalogue, options);
@@ -603,8 +587,11 @@ int kelvornChainMain(int argc, char** argv) {
         std::string what = d.scan.fault == jtag::ChainScan::Fault::inconsistent
                                ? "the chain answers inconsistently: " + d.scan.detail
                                : jtag::describe(d.scan.fault, o.maxDevices);
-        std::fprintf(stderr, "kelvorn-chain: %s\n", what.c_str());
-        return kChainDead;
+        return fail(kChainDead, what);
+    }
+    if (!d.bsdlProblem.empty()) {
+        selected.cleanup();
+        return fail(kChainBadBsdl, d.bsdlProblem);
     }
     for (const jtag::DeviceFacts& f : d.devices)
         if (!f.otherBsdl.empty()) {
@@ -617,8 +604,7 @@ int kelvornChainMain(int argc, char** argv) {
         if (p >= d.devices.size()) return usage("--bsdl " + std::to_string(p) + "=" + file->file + ": the chain has " + std::to_string(d.devices.size()) + " devices");
     if (!d.irProblem.empty()) {
         selected.cleanup();
-        std::fprintf(stderr, "kelvorn-chain: %s\n", d.irProblem.c_str());
-        return kChainDead;
+        return fail(kChainDead, d.irProblem);
     }
     int status = kChainOk;
     if (o.words.empty())

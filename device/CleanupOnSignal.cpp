@@ -8,8 +8,8 @@
 
 namespace {
 
-constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
-constexpr size_t kCount = sizeof kSignals / sizeof kSignals[0];
+constexpr const auto& kSignals = Os::kEndingSignals;
+constexpr size_t kCount = Os::kEndingSignalCount;
 
 XilIntf* guardedIntf;
 const char* guardedDevice;

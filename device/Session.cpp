@@ -1,5 +1,7 @@
 #include "device/Session.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 
 namespace device {
@@ -11,6 +13,18 @@ XilIntf* openDevice(const char* program, const std::string& fpga, const PciAddre
     std::fflush(stdout);
     if (!intf) std::fprintf(stderr, "%s: no backend serves %s on this board\n", program, fpga.c_str());
     return intf;
+}
+
+StdoutToStderr::StdoutToStderr() : saved_(::dup(STDOUT_FILENO)) {
+    std::fflush(stdout);
+    if (saved_ >= 0) ::dup2(STDERR_FILENO, STDOUT_FILENO);
+}
+
+StdoutToStderr::~StdoutToStderr() {
+    std::fflush(stdout);
+    if (saved_ < 0) return;
+    ::dup2(saved_, STDOUT_FILENO);
+    ::close(saved_);
 }
 
 SelectedDevice::Select::Select(XilIntf* intf, const char* fpga) {

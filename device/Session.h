@@ -19,6 +19,20 @@ namespace device {
 // lock held by another process) ends the process itself, status 1.
 XilIntf* openDevice(const char* program, const std::string& fpga, const PciAddress& at, bool testMode);
 
+// While it lives, what is written to stdout goes to stderr: a tool whose
+// stdout is a JSON document keeps the lines some backends print while a
+// device is found and selected out of it.
+class StdoutToStderr {
+  public:
+    StdoutToStderr();
+    ~StdoutToStderr();
+    StdoutToStderr(const StdoutToStderr&) = delete;
+    StdoutToStderr& operator=(const StdoutToStderr&) = delete;
+
+  private:
+    int saved_;
+};
+
 // A device selected for a tool's work: XilIntf_select at construction,
 // XilIntf_cleanup once, at cleanup(), at destruction or on a signal.
 class SelectedDevice {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace jtag {
 
@@ -26,12 +27,29 @@ bool isStable(TapState s) {
            s == TapState::PauseIr;
 }
 
+namespace {
+
+std::string& readFailure() {
+    static thread_local std::string why;
+    return why;
+}
+
+}  // namespace
+
+void readFailureIs(std::string why) { readFailure() = std::move(why); }
+
 bool Input::fill() {
     base_ += end_;
     pos_ = end_ = 0;
+    errno = 0;
+    readFailure().clear();
     end_ = std::fread(buffer_.data(), 1, buffer_.size(), file_);
-    if (end_ == 0 && std::ferror(file_))
-        throw FormatError(FormatError::unreadable, Place{true, base_}, std::strerror(errno ? errno : EIO));
+    if (end_ == 0 && std::ferror(file_)) {
+        int error = errno ? errno : EIO;
+        std::string why = readFailure().empty() ? std::strerror(error) : std::move(readFailure());
+        readFailure().clear();
+        throw FormatError(FormatError::unreadable, Place{true, base_}, why);
+    }
     return end_ > 0;
 }
 

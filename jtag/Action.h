@@ -90,6 +90,12 @@ class Reader {
     uint64_t statements_ = 0;
 };
 
+// A stream's own reason for a read that fails, where errno says too little
+// (PlayInput's stream, for a block other than the one it checked): its read
+// function sets it just before it fails, and the Input whose read failed
+// takes it for its FormatError. One per thread, as the reads are.
+void readFailureIs(std::string why);
+
 // A file read in blocks, a byte at a time.
 class Input {
   public:

@@ -1,29 +1,88 @@
 #include "jtag/Bsdl.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <map>
-#include <set>
-#include <sstream>
+#include <numeric>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
 
 namespace jtag::bsdl {
 
 namespace {
 
-constexpr size_t kMaxFileBytes = 16u << 20;     // a BSDL file larger than this is not one
-constexpr unsigned kMaxIrLength = 1024;         // bits of an instruction register
+constexpr size_t kMaxFileBytes = 16u << 20;        // a BSDL file larger than this is not one
+constexpr unsigned kMaxIrLength = 1024;            // bits of an instruction register
 constexpr unsigned kMaxBoundaryLength = 1u << 20;  // cells of a boundary register
-constexpr long kMaxVectorElements = 1L << 20;   // elements of a bit_vector port
+constexpr unsigned long kMaxVectorIndex = 1ul << 20;  // a bit_vector port's bounds
 constexpr unsigned kIdcodeBits = 32;
+// Opcodes are checked against each other per pair of layouts of their X
+// bits (which bits are X): time grows with the opcodes times the layouts.
+// Makers' files have a few; more than this is refused.
+constexpr size_t kMaxOpcodeLayouts = 64;
+constexpr uint32_t kNone = UINT32_MAX;
+constexpr const char* kSample = "SAMPLE";
+constexpr const char* kPreload = "PRELOAD";
 
-std::string upper(std::string s) {
-    for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    return s;
+char up(char c) { return static_cast<char>(std::toupper(static_cast<unsigned char>(c))); }
+
+std::string upper(std::string_view s) {
+    std::string u(s);
+    for (char& c : u) c = up(c);
+    return u;
 }
-bool same(const std::string& a, const std::string& b) { return upper(a) == upper(b); }
+
+// VHDL's names compare without case.
+bool same(std::string_view a, std::string_view b) {
+    if (a.size() != b.size()) return false;
+    for (size_t i = 0; i < a.size(); ++i)
+        if (up(a[i]) != up(b[i])) return false;
+    return true;
+}
+
+bool before(std::string_view a, std::string_view b) {
+    size_t n = std::min(a.size(), b.size());
+    for (size_t i = 0; i < n; ++i)
+        if (up(a[i]) != up(b[i])) return up(a[i]) < up(b[i]);
+    return a.size() < b.size();
+}
+
+// Positions of items in the order of their names without case; equal names
+// in the order of the items.
+template <class T>
+std::vector<uint32_t> nameIndex(const std::vector<T>& items) {
+    std::vector<uint32_t> order(items.size());
+    std::iota(order.begin(), order.end(), 0u);
+    std::stable_sort(order.begin(), order.end(),
+                     [&](uint32_t a, uint32_t b) { return before(items[a].name, items[b].name); });
+    return order;
+}
+
+// The first item (in the items' order) whose name an earlier item has; kNone when none.
+template <class T>
+uint32_t firstRepeat(const std::vector<T>& items, const std::vector<uint32_t>& order) {
+    uint32_t first = kNone;
+    for (size_t k = 1; k < order.size(); ++k)
+        if (same(items[order[k]].name, items[order[k - 1]].name)) first = std::min(first, order[k]);
+    return first;
+}
+
+template <class T>
+const T* byName(const std::vector<T>& items, const std::vector<uint32_t>& index, std::string_view name) {
+    if (index.size() != items.size()) {
+        for (const T& item : items)
+            if (same(item.name, name)) return &item;
+        return nullptr;
+    }
+    auto at = std::lower_bound(index.begin(), index.end(), name,
+                               [&](uint32_t i, std::string_view n) { return before(items[i].name, n); });
+    return at != index.end() && same(items[*at].name, name) ? &items[*at] : nullptr;
+}
 
 // A fault found while reading: the line and what is wrong.
 struct Fault {
@@ -35,53 +94,85 @@ struct Fault {
 
 struct Token {
     enum Kind { word, string, symbol, end } kind = end;
-    std::string text;  // a string's contents without the quotes
+    std::string_view text;  // in the file's text; a string's contents without the quotes
     unsigned line = 0;
 };
 
-std::vector<Token> tokenize(const std::string& text) {
-    std::vector<Token> tokens;
-    unsigned line = 1;
-    size_t i = 0, n = text.size();
-    while (i < n) {
-        char c = text[i];
-        if (c == '\n') {
-            ++line;
-            ++i;
-        } else if (std::isspace(static_cast<unsigned char>(c))) {
-            ++i;
-        } else if (c == '-' && i + 1 < n && text[i + 1] == '-') {
-            while (i < n && text[i] != '\n') ++i;
-        } else if (c == '"') {
-            size_t close = i + 1;
-            while (close < n && text[close] != '"' && text[close] != '\n') ++close;
-            if (close >= n || text[close] != '"') throw Fault{line, "a string that does not end on its line"};
-            tokens.push_back({Token::string, text.substr(i + 1, close - i - 1), line});
-            i = close + 1;
-        } else if (std::isalnum(static_cast<unsigned char>(c)) || c == '_') {
-            size_t start = i;
-            while (i < n && (std::isalnum(static_cast<unsigned char>(text[i])) || text[i] == '_' || text[i] == '.'))
-                ++i;
-            tokens.push_back({Token::word, text.substr(start, i - start), line});
-        } else if (c == ':' && i + 1 < n && text[i + 1] == '=') {
-            tokens.push_back({Token::symbol, ":=", line});
-            i += 2;
-        } else {
-            tokens.push_back({Token::symbol, std::string(1, c), line});
-            ++i;
+// The tokens one at a time, as the reader asks for them: none is kept but
+// the next, so a file of punctuation costs no more than its text.
+class Lexer {
+  public:
+    explicit Lexer(std::string_view text) : s_(text) {}
+
+    const Token& peek() {
+        if (!ahead_) {
+            next_ = scan();
+            ahead_ = true;
         }
+        return next_;
     }
-    tokens.push_back({Token::end, "", line});
-    return tokens;
-}
+    Token get() {
+        Token t = peek();
+        if (t.kind != Token::end) ahead_ = false;
+        last_ = t.line;
+        return t;
+    }
+    unsigned lastLine() const { return last_; }  // the line of the token taken last
+
+  private:
+    Token scan() {
+        size_t n = s_.size();
+        while (i_ < n) {
+            char c = s_[i_];
+            if (c == '\n') {
+                ++line_;
+                ++i_;
+            } else if (std::isspace(static_cast<unsigned char>(c))) {
+                ++i_;
+            } else if (c == '-' && i_ + 1 < n && s_[i_ + 1] == '-') {
+                while (i_ < n && s_[i_] != '\n') ++i_;
+            } else if (c == '"') {
+                size_t close = i_ + 1;
+                while (close < n && s_[close] != '"' && s_[close] != '\n') ++close;
+                if (close >= n || s_[close] != '"') throw Fault{line_, "a string that does not end on its line"};
+                Token t{Token::string, s_.substr(i_ + 1, close - i_ - 1), line_};
+                i_ = close + 1;
+                return t;
+            } else if (std::isalnum(static_cast<unsigned char>(c)) || c == '_') {
+                size_t start = i_;
+                while (i_ < n && (std::isalnum(static_cast<unsigned char>(s_[i_])) || s_[i_] == '_' || s_[i_] == '.')) ++i_;
+                return {Token::word, s_.substr(start, i_ - start), line_};
+            } else if (c == ':' && i_ + 1 < n && s_[i_ + 1] == '=') {
+                i_ += 2;
+                return {Token::symbol, s_.substr(i_ - 2, 2), line_};
+            } else {
+                return {Token::symbol, s_.substr(i_++, 1), line_};
+            }
+        }
+        return {Token::end, {}, line_};
+    }
+
+    std::string_view s_;
+    size_t i_ = 0;
+    unsigned line_ = 1, last_ = 1;
+    Token next_;
+    bool ahead_ = false;
+};
 
 // ---- the contents of a string attribute, joined from its pieces ----
 
-// The text of "a" & "b" & ..., with the line of each character's piece.
+// The text of "a" & "b" & ..., with where each piece begins and its line.
 struct Joined {
     std::string text;
-    std::vector<unsigned> lines;
-    unsigned lineAt(size_t i) const { return lines.empty() ? 0 : lines[std::min(i, lines.size() - 1)]; }
+    std::vector<std::pair<uint32_t, unsigned>> pieces;  // offset in text, line; empty pieces left out
+
+    // The line of the character at i (past the end: of the last character).
+    unsigned lineAt(size_t i) const {
+        if (pieces.empty()) return 0;
+        auto at = std::upper_bound(pieces.begin(), pieces.end(), i,
+                                   [](size_t v, const std::pair<uint32_t, unsigned>& p) { return v < p.first; });
+        return at == pieces.begin() ? pieces.front().second : std::prev(at)->second;
+    }
 };
 
 // Words and punctuation inside an attribute's string.
@@ -137,19 +228,39 @@ class Inner {
     size_t i_ = 0;
 };
 
-bool number(const std::string& w, unsigned long max, unsigned long* out) {
-    if (w.empty() || w.size() > 10 || w.find_first_not_of("0123456789") != std::string::npos) return false;
-    unsigned long v = std::stoul(w);
-    if (v > max) return false;
+// A decimal number up to max. Digits that make a larger number (however
+// many) are refused, never wrapped.
+enum class Number { ok, notNumber, tooLarge };
+Number number(std::string_view w, unsigned long max, unsigned long* out) {
+    if (w.empty() || w.find_first_not_of("0123456789") != std::string_view::npos) return Number::notNumber;
+    unsigned long v = 0;
+    for (char c : w) {
+        v = v * 10 + static_cast<unsigned long>(c - '0');
+        if (v > max) return Number::tooLarge;
+    }
     *out = v;
-    return true;
+    return Number::ok;
+}
+
+// A number where the file must give one: what is wrong named with `what`.
+unsigned long numberOr(std::string_view w, unsigned long max, unsigned line, const std::string& what) {
+    unsigned long v = 0;
+    switch (number(w, max, &v)) {
+        case Number::ok:
+            return v;
+        case Number::tooLarge:
+            throw Fault{line, what + " " + std::string(w) + " is larger than " + std::to_string(max)};
+        case Number::notNumber:
+            break;
+    }
+    throw Fault{line, what + " wants a number, found '" + std::string(w) + "'"};
 }
 
 // Bits as BSDL writes them: 0, 1 and X, white space ignored.
 std::string bits(const Joined& j, const char* what) {
     std::string b;
     for (size_t i = 0; i < j.text.size(); ++i) {
-        char c = static_cast<char>(std::toupper(static_cast<unsigned char>(j.text[i])));
+        char c = up(j.text[i]);
         if (std::isspace(static_cast<unsigned char>(c))) continue;
         if (c != '0' && c != '1' && c != 'X')
             throw Fault{j.lineAt(i), std::string(what) + ": '" + j.text[i] + "' is not 0, 1 or X"};
@@ -169,35 +280,177 @@ const std::map<std::string, Cell::Function>& functions() {
     return f;
 }
 
+// ---- instructions whose opcodes overlap ----
+
+// Two opcodes overlap when an IR value matches both: no bit where one has 0
+// and the other 1. The opcodes are bit sets (value, and a layout: the bits
+// that are not X); those of one layout overlap only when equal, found by a
+// hash of their values; two layouts are compared on the bits fixed in both,
+// by a hash of each opcode's value on those bits. Per pair of layouts the
+// work is the opcodes of the two, so the whole is the opcodes times the
+// layouts, which makers' files keep to a few.
+class OpcodeCheck {
+  public:
+    OpcodeCheck(const Device& d, const std::vector<unsigned>& lines) : d_(d), lines_(lines) {
+        words_ = (d.irLength + 63) / 64;
+        std::unordered_map<std::string, uint32_t> layouts;
+        std::string layout(d.irLength, '.');
+        for (uint32_t i = 0; i < d.instructions.size(); ++i) {
+            const Instruction& in = d.instructions[i];
+            for (uint32_t k = 0; k < in.opcodes.size(); ++k) {
+                const std::string& op = in.opcodes[k];
+                uint32_t at = static_cast<uint32_t>(ops_.size());
+                values_.resize(values_.size() + words_, 0);
+                for (size_t b = 0; b < op.size(); ++b) {
+                    layout[b] = op[b] == 'X' ? 'X' : '.';
+                    if (op[b] == '1') values_[at * words_ + b / 64] |= uint64_t{1} << b % 64;
+                }
+                auto [it, added] = layouts.try_emplace(layout, static_cast<uint32_t>(members_.size()));
+                if (added) {
+                    if (members_.size() == kMaxOpcodeLayouts)
+                        throw Fault{lines_[at], "INSTRUCTION_OPCODE: opcodes with X bits in more than " +
+                                                    std::to_string(kMaxOpcodeLayouts) + " layouts"};
+                    members_.emplace_back();
+                    masks_.resize(masks_.size() + words_, 0);
+                    for (size_t b = 0; b < layout.size(); ++b)
+                        if (layout[b] != 'X') masks_[it->second * words_ + b / 64] |= uint64_t{1} << b % 64;
+                }
+                ops_.push_back({i, k});
+                members_[it->second].push_back(at);
+            }
+        }
+    }
+
+    void run() {
+        for (size_t g = 0; g < members_.size(); ++g) within(g);
+        std::vector<uint64_t> common(words_);
+        for (size_t g = 0; g < members_.size(); ++g)
+            for (size_t h = g + 1; h < members_.size(); ++h) {
+                for (size_t w = 0; w < words_; ++w) common[w] = masks_[g * words_ + w] & masks_[h * words_ + w];
+                between(g, h, common.data());
+            }
+    }
+
+  private:
+    struct Op {
+        uint32_t instruction, index;  // in d_.instructions, in its opcodes
+    };
+    // Opcodes (by position) compared on the bits of a mask.
+    struct OnBits {
+        const std::vector<uint64_t>* values;
+        const uint64_t* mask;
+        size_t words;
+        size_t operator()(uint32_t a) const {
+            uint64_t h = 0x9e3779b97f4a7c15u;
+            for (size_t w = 0; w < words; ++w) {
+                h ^= (*values)[a * words + w] & mask[w];
+                h *= 0xff51afd7ed558ccdu;
+                h ^= h >> 32;
+            }
+            return static_cast<size_t>(h);
+        }
+        bool operator()(uint32_t a, uint32_t b) const {
+            for (size_t w = 0; w < words; ++w)
+                if (((*values)[a * words + w] ^ (*values)[b * words + w]) & mask[w]) return false;
+            return true;
+        }
+    };
+    // Each value met: the first opcode with it, and one of another instruction (or kNone).
+    using Table = std::unordered_map<uint32_t, uint32_t, OnBits, OnBits>;
+
+    uint32_t instruction(uint32_t op) const { return ops_[op].instruction; }
+    const std::string& name(uint32_t op) const { return d_.instructions[instruction(op)].name; }
+    const std::string& text(uint32_t op) const { return d_.instructions[instruction(op)].opcodes[ops_[op].index]; }
+
+    // Aliases: SAMPLE and PRELOAD, the same register in the same mode.
+    bool aliases(uint32_t a, uint32_t b) const {
+        return (same(name(a), kSample) && same(name(b), kPreload)) || (same(name(a), kPreload) && same(name(b), kSample));
+    }
+
+    [[noreturn]] void overlap(uint32_t a, uint32_t b) const {
+        if (a < b) std::swap(a, b);  // the later in the file where it is found
+        throw Fault{lines_[a], "INSTRUCTION_OPCODE: " + name(a) + " " + text(a) + " overlaps " + name(b) + " " + text(b)};
+    }
+
+    // The opcodes of one layout: equal values of two instructions overlap,
+    // unless they are SAMPLE's and PRELOAD's. What is left for the layouts'
+    // pairs: each value once per instruction, twice at most.
+    void within(size_t g) {
+        OnBits on{&values_, &masks_[g * words_], words_};
+        Table seen(members_[g].size(), on, on);
+        std::vector<uint32_t> kept;
+        for (uint32_t op : members_[g]) {
+            auto [it, added] = seen.try_emplace(op, kNone);
+            if (added) {
+                kept.push_back(op);
+                continue;
+            }
+            uint32_t first = it->first, other = it->second;
+            if (instruction(first) != instruction(op) && !aliases(first, op)) overlap(first, op);
+            if (other != kNone && instruction(other) != instruction(op) && !aliases(other, op)) overlap(other, op);
+            if (other == kNone && instruction(first) != instruction(op)) {
+                it->second = op;
+                kept.push_back(op);
+            }
+        }
+        members_[g] = std::move(kept);
+    }
+
+    // Two layouts: opcodes whose values agree on the bits both fix overlap.
+    // No two of different layouts are equal: no aliases here.
+    void between(size_t g, size_t h, const uint64_t* common) {
+        OnBits on{&values_, common, words_};
+        Table seen(members_[g].size(), on, on);
+        for (uint32_t op : members_[g]) {
+            auto [it, added] = seen.try_emplace(op, kNone);
+            if (!added && it->second == kNone && instruction(it->first) != instruction(op)) it->second = op;
+        }
+        for (uint32_t op : members_[h]) {
+            auto it = seen.find(op);
+            if (it == seen.end()) continue;
+            if (instruction(it->first) != instruction(op)) overlap(it->first, op);
+            if (it->second != kNone) overlap(it->second, op);
+        }
+    }
+
+    const Device& d_;
+    const std::vector<unsigned>& lines_;  // of each opcode
+    size_t words_;
+    std::vector<Op> ops_;                        // every opcode, in the file's order
+    std::vector<uint64_t> values_;               // words_ per opcode: bit b is the opcode's character b
+    std::vector<uint64_t> masks_;                // words_ per layout: 1 where the bit is 0 or 1
+    std::vector<std::vector<uint32_t>> members_;  // per layout, its opcodes
+};
+
 // ---- the file ----
 
 class Reader {
   public:
-    Reader(const std::string& text, Device* d) : t_(tokenize(text)), d_(d) {}
+    Reader(const std::string& text, Device* d) : lex_(text), d_(d) {}
 
     void read() {
         while (peek().kind != Token::end) {
-            const Token& t = get();
-            std::string w = upper(t.text);
-            if (t.kind == Token::word && w == "ENTITY") {
-                d_->entity = need("the entity's name").text;
+            Token t = get();
+            if (t.kind == Token::word && same(t.text, "ENTITY")) {
+                d_->entity = need("the entity's name");
                 skipTo("IS");
-            } else if (t.kind == Token::word && w == "GENERIC") {
+            } else if (t.kind == Token::word && same(t.text, "GENERIC")) {
                 generic();
-            } else if (t.kind == Token::word && w == "PORT") {
+            } else if (t.kind == Token::word && same(t.text, "PORT")) {
                 ports();
-            } else if (t.kind == Token::word && w == "ATTRIBUTE") {
+                if (portsRead_) throw Fault{t.line, "a second port list"};
+                portsRead_ = true;
+            } else if (t.kind == Token::word && same(t.text, "ATTRIBUTE")) {
                 attribute();
-            } else if (t.kind == Token::word && w == "CONSTANT") {
+            } else if (t.kind == Token::word && same(t.text, "CONSTANT")) {
                 constant();
-            } else if (t.kind == Token::word && w == "END") {
+            } else if (t.kind == Token::word && same(t.text, "END")) {
                 endLine_ = t.line;
                 statementEnd();
                 ended_ = true;
                 break;
             } else {
-                --at_;
-                statementEnd();  // use clauses and what this reader has no need of
+                statementEndFrom(t);  // use clauses and what this reader has no need of
             }
         }
         if (d_->entity.empty()) throw Fault{peek().line, "no entity"};
@@ -206,183 +459,208 @@ class Reader {
     }
 
   private:
-    const Token& peek() const { return t_[at_]; }
-    const Token& get() {
-        const Token& t = t_[at_];
-        if (t.kind != Token::end) ++at_;
-        return t;
-    }
-    const Token& need(const char* what) {
-        const Token& t = get();
+    const Token& peek() { return lex_.peek(); }
+    Token get() { return lex_.get(); }
+    std::string need(const char* what) {
+        Token t = get();
         if (t.kind != Token::word) throw Fault{t.line, std::string("expected ") + what + ", found " + shown(t)};
-        return t;
+        return std::string(t.text);
     }
     void expect(const char* symbol) {
-        const Token& t = get();
+        Token t = get();
         if (t.kind != Token::symbol || t.text != symbol)
             throw Fault{t.line, std::string("expected '") + symbol + "', found " + shown(t)};
     }
     static std::string shown(const Token& t) {
         if (t.kind == Token::end) return "the end of the file";
         if (t.kind == Token::string) return "a string";
-        return "'" + t.text + "'";
+        return "'" + std::string(t.text) + "'";
     }
     void skipTo(const char* word) {
         while (peek().kind != Token::end && !(peek().kind == Token::word && same(peek().text, word))) get();
         if (peek().kind == Token::end) throw Fault{peek().line, std::string("unexpected end of the file; expected ") + word};
         get();
     }
-    // Past the ';' that ends the statement, parentheses balanced on the way.
-    void statementEnd() {
-        int depth = 0;
+    // Past the ';' that ends the statement, parentheses balanced on the way;
+    // each token before it shown to `each`. `first`: a token of the
+    // statement already taken.
+    template <class Each>
+    void statementEndEach(Each each, const Token* first = nullptr) {
+        long depth = 0;
         unsigned opened = 0;
-        for (;;) {
-            const Token& t = get();
+        for (bool taken = first != nullptr;; taken = false) {
+            Token t = taken ? *first : get();
             if (t.kind == Token::end)
                 throw Fault{depth ? opened : t.line,
                             depth ? "unbalanced parenthesis: '(' at line " + std::to_string(opened) + " is not closed"
                                   : "unexpected end of the file in a statement"};
-            if (t.kind != Token::symbol) continue;
-            if (t.text == "(") {
-                if (!depth++) opened = t.line;
-            } else if (t.text == ")") {
-                if (--depth < 0) throw Fault{t.line, "unbalanced parenthesis: ')' without '('"};
-            } else if (t.text == ";" && depth == 0) {
-                return;
+            if (t.kind == Token::symbol) {
+                if (t.text == "(") {
+                    if (!depth++) opened = t.line;
+                } else if (t.text == ")") {
+                    if (--depth < 0) throw Fault{t.line, "unbalanced parenthesis: ')' without '('"};
+                } else if (t.text == ";" && depth == 0) {
+                    return;
+                }
             }
+            each(t);
         }
+    }
+    void statementEnd() {
+        statementEndEach([](const Token&) {});
+    }
+    void statementEndFrom(const Token& first) {
+        statementEndEach([](const Token&) {}, &first);
     }
     // "a" & "b" & ... up to the statement's end.
     Joined strings(const char* what) {
         Joined j;
         for (;;) {
-            const Token& t = get();
+            Token t = get();
             if (t.kind != Token::string) throw Fault{t.line, std::string(what) + ": expected a string, found " + shown(t)};
-            j.text += t.text;
-            j.lines.insert(j.lines.end(), t.text.size(), t.line);
+            if (!t.text.empty()) {
+                j.pieces.emplace_back(static_cast<uint32_t>(j.text.size()), t.line);
+                j.text += t.text;
+            }
             if (peek().kind == Token::symbol && peek().text == "&") {
                 get();
                 continue;
             }
             break;
         }
-        if (j.lines.empty()) j.lines.push_back(t_[at_ ? at_ - 1 : 0].line);
+        if (j.pieces.empty()) j.pieces.emplace_back(0, lex_.lastLine());
         expect(";");
         return j;
     }
 
     void generic() {
-        size_t start = at_;
-        statementEnd();
         // generic (PHYSICAL_PIN_MAP : string := "NAME");
-        for (size_t i = start; i + 1 < at_; ++i)
-            if (t_[i].kind == Token::word && same(t_[i].text, "PHYSICAL_PIN_MAP")) {
-                for (size_t k = i; k < at_; ++k)
-                    if (t_[k].kind == Token::string) {
-                        d_->defaultPackage = t_[k].text;
-                        return;
-                    }
+        bool pinMap = false;
+        statementEndEach([&](const Token& t) {
+            if (t.kind == Token::word && same(t.text, "PHYSICAL_PIN_MAP")) pinMap = true;
+            if (t.kind == Token::string && pinMap) {
+                d_->defaultPackage = t.text;
+                pinMap = false;
             }
+        });
     }
 
     void ports() {
         expect("(");
         for (;;) {
-            std::vector<std::string> names{need("a port's name").text};
-            while (peek().kind == Token::symbol && peek().text == ",") {
-                get();
-                names.push_back(need("a port's name").text);
-            }
+            // NAME, NAME, ... : the ports go in now, their mode and type once read.
+            const size_t first = d_->ports.size();
+            do {
+                portLines_.push_back(peek().line);
+                d_->ports.emplace_back();
+                d_->ports.back().name = need("a port's name");
+            } while (peek().kind == Token::symbol && peek().text == "," && (get(), true));
             expect(":");
-            const Token& modeToken = need("a port's mode");
-            std::string m = upper(modeToken.text);
+            Token modeToken = get();
+            if (modeToken.kind != Token::word) throw Fault{modeToken.line, "expected a port's mode, found " + shown(modeToken)};
             Port p;
-            if (m == "IN")
+            if (same(modeToken.text, "IN"))
                 p.mode = Port::Mode::in;
-            else if (m == "OUT")
+            else if (same(modeToken.text, "OUT"))
                 p.mode = Port::Mode::out;
-            else if (m == "INOUT")
+            else if (same(modeToken.text, "INOUT"))
                 p.mode = Port::Mode::inout;
-            else if (m == "BUFFER")
+            else if (same(modeToken.text, "BUFFER"))
                 p.mode = Port::Mode::buffer;
-            else if (m == "LINKAGE")
+            else if (same(modeToken.text, "LINKAGE"))
                 p.mode = Port::Mode::linkage;
             else
-                throw Fault{modeToken.line, "unknown port mode '" + modeToken.text + "'"};
-            const Token& type = need("a port's type");
+                throw Fault{modeToken.line, "unknown port mode '" + std::string(modeToken.text) + "'"};
+            Token type = get();
+            if (type.kind != Token::word) throw Fault{type.line, "expected a port's type, found " + shown(type)};
             if (same(type.text, "BIT_VECTOR")) {
                 expect("(");
-                const Token& a = need("a range");
-                const Token& dir = need("to or downto");
-                const Token& b = need("a range");
+                unsigned line = peek().line;
+                std::string a = need("a range");
+                std::string dir = need("to or downto");
+                std::string b = need("a range");
                 expect(")");
-                unsigned long first, last;
-                if (!number(a.text, kMaxVectorElements, &first) || !number(b.text, kMaxVectorElements, &last) ||
-                    (!same(dir.text, "TO") && !same(dir.text, "DOWNTO")))
-                    throw Fault{a.line, "a bit_vector range wants (A to B) or (A downto B) of numbers up to " +
-                                            std::to_string(kMaxVectorElements)};
-                p.first = static_cast<int>(first);
-                p.last = static_cast<int>(last);
+                if (!same(dir, "TO") && !same(dir, "DOWNTO"))
+                    throw Fault{line, "a bit_vector range wants (A to B) or (A downto B), found " + dir};
+                p.first = static_cast<int>(numberOr(a, kMaxVectorIndex, line, "a bit_vector bound"));
+                p.last = static_cast<int>(numberOr(b, kMaxVectorIndex, line, "a bit_vector bound"));
             } else if (!same(type.text, "BIT")) {
-                throw Fault{type.line, "unknown port type '" + type.text + "' (bit or bit_vector)"};
+                throw Fault{type.line, "unknown port type '" + std::string(type.text) + "' (bit or bit_vector)"};
             }
-            for (const std::string& name : names) {
-                p.name = name;
-                d_->ports.push_back(p);
+            for (size_t k = first; k < d_->ports.size(); ++k) {
+                d_->ports[k].mode = p.mode;
+                d_->ports[k].first = p.first;
+                d_->ports[k].last = p.last;
             }
-            const Token& t = get();
+            Token t = get();
             if (t.kind == Token::symbol && t.text == ";") continue;
             if (t.kind == Token::symbol && t.text == ")") break;
             throw Fault{t.line, "expected ';' or ')' in the port list, found " + shown(t)};
         }
         expect(";");
+        d_->portsByName = nameIndex(d_->ports);
+        uint32_t again = firstRepeat(d_->ports, d_->portsByName);
+        if (again != kNone) throw Fault{portLines_[again], "port " + d_->ports[again].name + " declared twice"};
     }
 
     void constant() {
-        const Token& name = need("the constant's name");
+        std::string name = need("the constant's name");
         expect(":");
-        const Token& type = need("the constant's type");
-        if (!same(type.text, "PIN_MAP_STRING")) {
+        std::string type = need("the constant's type");
+        if (!same(type, "PIN_MAP_STRING")) {
             statementEnd();
             return;
         }
         expect(":=");
         Joined j = strings("PIN_MAP_STRING");
+        const std::string what = "pin map " + name;
+        if (!packageNames_.insert(upper(name)).second) throw Fault{j.lineAt(0), what + " given twice"};
         PinMap map;
-        map.name = name.text;
+        map.name = name;
+        // The package each port was last mapped in: 1 + its place in packages.
+        mappedIn_.resize(d_->ports.size(), 0);
+        const uint32_t stamp = static_cast<uint32_t>(d_->packages.size() + 1);
         Inner in(j);
         while (!in.atEnd()) {
             unsigned line = in.line();
             std::string port = in.need("a port's name");
             in.expect(':', "pin map");
             std::vector<std::string> pins;
-            if (in.take('(')) {
+            bool list = in.take('(');
+            if (list) {
                 do pins.push_back(in.need("a pin")); while (in.take(','));
                 in.expect(')', "pin map");
             } else {
                 pins.push_back(in.need("a pin"));
             }
             const Port* p = d_->port(port);
-            if (!p) throw Fault{line, "pin map " + map.name + ": no port " + port};
+            if (!p) throw Fault{line, what + ": no port " + port};
+            uint32_t& mapped = mappedIn_[static_cast<size_t>(p - d_->ports.data())];
+            if (mapped == stamp) throw Fault{line, what + ": port " + port + " mapped twice"};
+            mapped = stamp;
             if (p->isVector()) {
                 long count = std::labs(static_cast<long>(p->last) - p->first) + 1;
                 if (static_cast<long>(pins.size()) != count)
-                    throw Fault{line, "pin map " + map.name + ": " + port + " has " + std::to_string(count) +
-                                          " elements, " + std::to_string(pins.size()) + " pins"};
+                    throw Fault{line, what + ": " + port + " has " + std::to_string(count) + " elements, " +
+                                          std::to_string(pins.size()) + (pins.size() == 1 ? " pin" : " pins")};
                 int step = p->last >= p->first ? 1 : -1;
                 for (size_t k = 0; k < pins.size(); ++k)
-                    map.pins.push_back({p->name + "(" + std::to_string(p->first + step * static_cast<int>(k)) + ")", {pins[k]}});
+                    map.pins.push_back({p->name + "(" + std::to_string(p->first + step * static_cast<int>(k)) + ")",
+                                        {std::move(pins[k])}});
             } else {
-                map.pins.push_back({p->name, pins});
+                if (pins.size() != 1)
+                    throw Fault{line, what + ": " + port + " is a scalar port, mapped to " + std::to_string(pins.size()) +
+                                          " pins (a port on several pins is a bit_vector)"};
+                map.pins.push_back({p->name, std::move(pins)});
             }
             if (!in.take(',')) break;
         }
-        if (!in.atEnd()) throw Fault{in.line(), "pin map " + map.name + ": expected ',', found " + in.next()};
+        if (!in.atEnd()) throw Fault{in.line(), what + ": expected ',', found " + in.next()};
         d_->packages.push_back(std::move(map));
     }
 
     void attribute() {
-        const Token& name = need("the attribute's name");
+        std::string name = need("the attribute's name");
         if (!(peek().kind == Token::word && same(peek().text, "OF"))) {
             statementEnd();  // a declaration: attribute NAME : type;
             return;
@@ -393,18 +671,18 @@ class Reader {
         need("entity or signal");
         if (!(peek().kind == Token::word && same(peek().text, "IS"))) throw Fault{peek().line, "expected 'is', found " + shown(peek())};
         get();
-        std::string a = upper(name.text);
+        std::string a = upper(name);
         if (a == "INSTRUCTION_LENGTH") {
-            const Token& v = get();
-            unsigned long n;
-            if (v.kind != Token::word || !number(v.text, kMaxIrLength, &n) || n < 2)
+            Token v = get();
+            unsigned long n = 0;
+            if (v.kind != Token::word || number(v.text, kMaxIrLength, &n) != Number::ok || n < 2)
                 throw Fault{v.line, "INSTRUCTION_LENGTH: 2 to " + std::to_string(kMaxIrLength) + ", found " + shown(v)};
             d_->irLength = static_cast<unsigned>(n);
             expect(";");
         } else if (a == "BOUNDARY_LENGTH") {
-            const Token& v = get();
-            unsigned long n;
-            if (v.kind != Token::word || !number(v.text, kMaxBoundaryLength, &n))
+            Token v = get();
+            unsigned long n = 0;
+            if (v.kind != Token::word || number(v.text, kMaxBoundaryLength, &n) != Number::ok)
                 throw Fault{v.line, "BOUNDARY_LENGTH: 0 to " + std::to_string(kMaxBoundaryLength) + ", found " + shown(v)};
             d_->boundaryLength = static_cast<unsigned>(n);
             expect(";");
@@ -433,19 +711,18 @@ class Reader {
         Inner in(j);
         while (!in.atEnd()) {
             Instruction i;
-            unsigned line = in.line();
+            instructionLines_.push_back(in.line());
             i.name = in.need("an instruction's name");
             in.expect('(', "INSTRUCTION_OPCODE");
             do {
                 unsigned at = in.line();
                 Joined code;
                 code.text = in.need("an opcode");
-                code.lines.assign(code.text.size(), at);
+                code.pieces.emplace_back(0, at);
                 i.opcodes.push_back(bits(code, "INSTRUCTION_OPCODE"));
                 opcodeLines_.push_back(at);
             } while (in.take(','));
             in.expect(')', "INSTRUCTION_OPCODE");
-            if (d_->instruction(i.name)) throw Fault{line, "instruction " + i.name + " given twice"};
             d_->instructions.push_back(std::move(i));
             if (!in.take(',')) break;
         }
@@ -459,9 +736,8 @@ class Reader {
             r.reg = in.need("a register's name");
             if (in.take('[')) {
                 unsigned at = in.line();
-                unsigned long n;
-                if (!number(in.need("a length"), kMaxBoundaryLength, &n)) throw Fault{at, "REGISTER_ACCESS: a length wants a number"};
-                r.length = static_cast<unsigned>(n);
+                r.length = static_cast<unsigned>(numberOr(in.need("a length"), kMaxBoundaryLength, at,
+                                                          "REGISTER_ACCESS: " + r.reg + ": a length"));
                 in.expect(']', "REGISTER_ACCESS");
             }
             in.expect('(', "REGISTER_ACCESS");
@@ -483,9 +759,9 @@ class Reader {
         while (!in.atEnd()) {
             Cell c;
             unsigned line = in.line();
-            unsigned long n;
-            if (!number(in.need("a cell number"), kMaxBoundaryLength, &n)) throw Fault{line, "BOUNDARY_REGISTER: a cell number wants a number"};
-            c.number = static_cast<unsigned>(n);
+            c.number = static_cast<unsigned>(
+                numberOr(in.need("a cell number"), kMaxBoundaryLength - 1, line, "BOUNDARY_REGISTER: a cell number"));
+            const std::string what = "BOUNDARY_REGISTER: cell " + std::to_string(c.number);
             in.expect('(', "BOUNDARY_REGISTER");
             c.cellType = in.need("a cell type");
             in.expect(',', "BOUNDARY_REGISTER");
@@ -501,30 +777,29 @@ class Reader {
             in.expect(',', "BOUNDARY_REGISTER");
             std::string f = upper(in.need("a cell function"));
             auto fn = functions().find(f);
-            if (fn == functions().end()) throw Fault{line, "BOUNDARY_REGISTER: cell " + std::to_string(c.number) + ": unknown function " + f};
+            if (fn == functions().end()) throw Fault{line, what + ": unknown function " + f};
             c.function = fn->second;
             in.expect(',', "BOUNDARY_REGISTER");
             std::string safe = upper(in.need("a safe value"));
             if (safe != "0" && safe != "1" && safe != "X")
-                throw Fault{line, "BOUNDARY_REGISTER: cell " + std::to_string(c.number) + ": safe value " + safe + " is not 0, 1 or X"};
+                throw Fault{line, what + ": safe value " + safe + " is not 0, 1 or X"};
             c.safe = safe[0];
             if (in.take(',')) {
-                unsigned long ccell;
-                if (!number(in.need("a control cell"), kMaxBoundaryLength, &ccell))
-                    throw Fault{line, "BOUNDARY_REGISTER: cell " + std::to_string(c.number) + ": a control cell wants a number"};
-                c.controlCell = static_cast<int>(ccell);
+                c.controlCell = static_cast<int>(
+                    numberOr(in.need("a control cell"), kMaxBoundaryLength - 1, line, what + ": a control cell"));
                 in.expect(',', "BOUNDARY_REGISTER");
                 std::string dis = in.need("a disable value");
-                if (dis != "0" && dis != "1")
-                    throw Fault{line, "BOUNDARY_REGISTER: cell " + std::to_string(c.number) + ": disable value " + dis + " is not 0 or 1"};
+                if (dis != "0" && dis != "1") throw Fault{line, what + ": disable value " + dis + " is not 0 or 1"};
                 c.disableValue = dis[0];
                 in.expect(',', "BOUNDARY_REGISTER");
                 c.disableResult = upper(in.need("a disable result"));
             }
             in.expect(')', "BOUNDARY_REGISTER");
-            cellLines_[c.number] = line;
-            if (cells_.count(c.number)) throw Fault{line, "BOUNDARY_REGISTER: cell " + std::to_string(c.number) + " listed twice"};
-            cells_[c.number] = c;
+            if (listed_.size() <= c.number) listed_.resize(c.number + 1, false);
+            if (listed_[c.number]) throw Fault{line, what + " listed twice"};
+            listed_[c.number] = true;
+            cells_.push_back(std::move(c));
+            cellLines_.push_back(line);
             if (!in.take(',')) break;
         }
         if (!in.atEnd()) throw Fault{in.line(), "BOUNDARY_REGISTER: expected ',', found " + in.next()};
@@ -535,8 +810,9 @@ class Reader {
         const Port* p = d_->port(port.substr(0, paren));
         if (!p) return false;
         if (paren == std::string::npos) return !p->isVector();
-        unsigned long i;
-        if (!p->isVector() || !number(port.substr(paren + 1, port.size() - paren - 2), kMaxVectorElements, &i)) return false;
+        unsigned long i = 0;
+        if (!p->isVector() || number(std::string_view(port).substr(paren + 1, port.size() - paren - 2), kMaxVectorIndex, &i) != Number::ok)
+            return false;
         long lo = std::min(p->first, p->last), hi = std::max(p->first, p->last);
         return static_cast<long>(i) >= lo && static_cast<long>(i) <= hi;
     }
@@ -555,61 +831,76 @@ class Reader {
         if (!d_->irCapture.empty() && d_->irCapture.size() != d_->irLength)
             throw Fault{captureLine_, "INSTRUCTION_CAPTURE has " + std::to_string(d_->irCapture.size()) +
                                           " bits; INSTRUCTION_LENGTH is " + std::to_string(d_->irLength)};
+        d_->instructionsByName = nameIndex(d_->instructions);
+        uint32_t again = firstRepeat(d_->instructions, d_->instructionsByName);
+        if (again != kNone)
+            throw Fault{instructionLines_[again], "instruction " + d_->instructions[again].name + " given twice"};
+        OpcodeCheck(*d_, opcodeLines_).run();
         k = 0;
         for (const RegisterAccess& r : d_->registerAccess)
             for (const std::string& i : r.instructions) {
                 unsigned line = accessLines_[k++];
                 if (!d_->instruction(i)) throw Fault{line, "REGISTER_ACCESS: no instruction " + i};
             }
-        for (const auto& [number, cell] : cells_) {
-            unsigned line = cellLines_[number];
-            std::string what = "BOUNDARY_REGISTER: cell " + std::to_string(number);
-            if (number >= d_->boundaryLength)
-                throw Fault{line, what + " is past BOUNDARY_LENGTH " + std::to_string(d_->boundaryLength)};
-            if (cell.port != "*" && !portDeclared(cell.port)) throw Fault{line, what + ": no port " + cell.port};
-            if (cell.controlCell >= 0) {
-                auto control = cells_.find(static_cast<unsigned>(cell.controlCell));
-                if (control == cells_.end())
-                    throw Fault{line, what + ": control cell " + std::to_string(cell.controlCell) + " does not exist"};
-                if (control->second.function != Cell::Function::control &&
-                    control->second.function != Cell::Function::controlr)
-                    throw Fault{line, what + ": cell " + std::to_string(cell.controlCell) + " is not a control cell"};
-            }
-        }
-        if (cells_.size() != d_->boundaryLength) {
-            for (unsigned i = 0; i < d_->boundaryLength; ++i)
-                if (!cells_.count(i))
-                    throw Fault{boundaryLine_ ? boundaryLine_ : endLine,
-                                "BOUNDARY_REGISTER: cell " + std::to_string(i) + " of " + std::to_string(d_->boundaryLength) + " is missing"};
-        }
-        d_->boundary.reserve(cells_.size());
-        for (auto& [number, cell] : cells_) d_->boundary.push_back(std::move(cell));
+        cells();
         if (!d_->defaultPackage.empty() && !d_->packages.empty() && !d_->package(d_->defaultPackage))
             throw Fault{endLine, "PHYSICAL_PIN_MAP names " + d_->defaultPackage + ", which no PIN_MAP_STRING constant is"};
     }
 
-    std::vector<Token> t_;
-    size_t at_ = 0;
+    // The cells, each listed once (the reader saw to that), all below
+    // BOUNDARY_LENGTH and none missing, are put in the order of their
+    // numbers; then each one's port and control cell are looked up.
+    void cells() {
+        const unsigned length = d_->boundaryLength;
+        for (size_t k = 0; k < cells_.size(); ++k)
+            if (cells_[k].number >= length)
+                throw Fault{cellLines_[k], "BOUNDARY_REGISTER: cell " + std::to_string(cells_[k].number) +
+                                               " is past BOUNDARY_LENGTH " + std::to_string(length)};
+        if (cells_.size() != length) {
+            unsigned missing = 0;
+            while (missing < listed_.size() && listed_[missing]) ++missing;
+            throw Fault{boundaryLine_ ? boundaryLine_ : endLine_,
+                        "BOUNDARY_REGISTER: cell " + std::to_string(missing) + " of " + std::to_string(length) + " is missing"};
+        }
+        // The numbers are 0 to length - 1, each once: a swap puts each in place.
+        for (size_t k = 0; k < cells_.size(); ++k)
+            while (cells_[k].number != k) {
+                size_t to = cells_[k].number;
+                std::swap(cells_[k], cells_[to]);
+                std::swap(cellLines_[k], cellLines_[to]);
+            }
+        for (const Cell& cell : cells_) {
+            unsigned line = cellLines_[cell.number];
+            std::string what = "BOUNDARY_REGISTER: cell " + std::to_string(cell.number);
+            if (cell.port != "*" && !portDeclared(cell.port)) throw Fault{line, what + ": no port " + cell.port};
+            if (cell.controlCell >= 0) {
+                if (static_cast<unsigned>(cell.controlCell) >= length)
+                    throw Fault{line, what + ": control cell " + std::to_string(cell.controlCell) + " does not exist"};
+                Cell::Function f = cells_[static_cast<size_t>(cell.controlCell)].function;
+                if (f != Cell::Function::control && f != Cell::Function::controlr)
+                    throw Fault{line, what + ": cell " + std::to_string(cell.controlCell) + " is not a control cell"};
+            }
+        }
+        d_->boundary = std::move(cells_);
+    }
+
+    Lexer lex_;
     Device* d_;
-    bool ended_ = false;
+    bool ended_ = false, portsRead_ = false;
     unsigned captureLine_ = 0, boundaryLine_ = 0, endLine_ = 0;
-    std::vector<unsigned> opcodeLines_, accessLines_;
-    std::map<unsigned, Cell> cells_;
-    std::map<unsigned, unsigned> cellLines_;
+    std::vector<unsigned> portLines_, instructionLines_, opcodeLines_, accessLines_, cellLines_;
+    std::unordered_set<std::string> packageNames_;  // upper case
+    std::vector<uint32_t> mappedIn_;                // per port
+    std::vector<Cell> cells_;                       // as listed
+    std::vector<bool> listed_;                      // by number
 };
 
 }  // namespace
 
-const Port* Device::port(const std::string& name) const {
-    for (const Port& p : ports)
-        if (same(p.name, name)) return &p;
-    return nullptr;
-}
+const Port* Device::port(const std::string& name) const { return byName(ports, portsByName, name); }
 
 const Instruction* Device::instruction(const std::string& name) const {
-    for (const Instruction& i : instructions)
-        if (same(i.name, name)) return &i;
-    return nullptr;
+    return byName(instructions, instructionsByName, name);
 }
 
 const PinMap* Device::package(const std::string& name) const {
@@ -638,6 +929,10 @@ bool Device::matches(uint32_t code) const {
 std::string Error::text() const { return file + ":" + std::to_string(line) + ": " + message; }
 
 bool read(const std::string& text, const std::string& fileName, Device* device, Error* error) {
+    if (text.size() > kMaxFileBytes) {
+        *error = {fileName, 0, "larger than " + std::to_string(kMaxFileBytes >> 20) + " MiB: not a BSDL file"};
+        return false;
+    }
     Device d;
     d.file = fileName;
     try {

@@ -32,11 +32,14 @@ struct Port {
     bool isVector() const { return first >= 0; }
 };
 
-// One package's pin map: each port, or each element of a vector port as
-// "NAME(i)", and its package pins (several for a port bonded to more than one).
+// One package's pin map: each scalar port, or each element of a vector port
+// as "NAME(i)", and its package pin. A scalar port takes one pin; a vector
+// port's parenthesised list gives one pin per element in the order of its
+// range (SW (3 downto 0) : (A4, A3, A2, A1) puts SW(3) on A4), so a port
+// bonded to several pins, a supply for one, is declared a bit_vector.
 struct PinMap {
     std::string name;  // the constant's name, the package
-    std::vector<std::pair<std::string, std::vector<std::string>>> pins;
+    std::vector<std::pair<std::string, std::vector<std::string>>> pins;  // one pin each
 };
 
 // One cell of the boundary register, as BOUNDARY_REGISTER lists it:
@@ -78,6 +81,11 @@ struct Device {
     std::vector<RegisterAccess> registerAccess;
     unsigned boundaryLength = 0;  // 0: no boundary register
     std::vector<Cell> boundary;   // indexed by cell number: boundary[i].number == i
+    // The reader's indices for port() and instruction(): positions in ports
+    // and instructions in the order of their names without case, looked up
+    // by binary search. A Device put together otherwise may leave them
+    // empty (or stale: of another size than their vector); lookups then scan.
+    std::vector<uint32_t> portsByName, instructionsByName;
 
     const Port* port(const std::string& name) const;                 // by name, without case
     const Instruction* instruction(const std::string& name) const;  // by name, without case
@@ -96,10 +104,17 @@ struct Error {
 };
 
 // Reads the text of a BSDL file; fileName names it in messages. Checks what
-// the reader uses: every opcode and the capture irLength long, cell numbers
-// below BOUNDARY_LENGTH and each listed once, control cells that exist and
-// are control cells, ports of cells declared, parentheses balanced,
-// instructions named in REGISTER_ACCESS declared. False with *error set.
+// the reader uses: every opcode and the capture irLength long; no two
+// instructions whose opcodes an IR value matches both (SAMPLE and PRELOAD
+// may share an identical one; one instruction's opcodes may overlap each
+// other); each port and instruction declared once; in a pin map, ports
+// declared and mapped once, a scalar port to one pin, a vector port to one
+// per element; cell numbers below BOUNDARY_LENGTH and each listed once,
+// control cells that exist and are control cells, ports of cells declared;
+// numbers that fit what they count; parentheses balanced; instructions
+// named in REGISTER_ACCESS declared. False with *error set. Time and memory
+// grow with the text's length, not faster (the opcodes' check: with the
+// number of layouts of X bits, of which it takes at most 64).
 bool read(const std::string& text, const std::string& fileName, Device* device, Error* error);
 // The same for a file on disk (a file that cannot be read is an error at line 0).
 bool readFile(const std::string& path, Device* device, Error* error);

@@ -2,7 +2,9 @@
 
 #include <set>
 
+#include "jtag/Boundary.h"
 #include "jtag/Discovery.h"
+#include "jtag/Json.h"
 
 namespace jtag {
 
@@ -33,11 +35,25 @@ std::vector<std::pair<std::string, bool>> portLevels(const bsdl::Device& d, cons
     return levels;
 }
 
-std::string sampleJson(unsigned position, const std::vector<std::pair<std::string, bool>>& levels) {
-    std::string out = "{\"device\":" + std::to_string(position) + ",\"pins\":{";
-    for (size_t i = 0; i < levels.size(); ++i)
-        out += (i ? "," : "") + jsonString(levels[i].first) + ":" + (levels[i].second ? "1" : "0");
-    return out + "}}";
+std::vector<std::string> packagePins(const bsdl::Device& d, const std::string& port) {
+    const bsdl::PinMap* map = d.package("");
+    if (map)
+        for (const auto& [name, pins] : map->pins)
+            if (boundary::sameName(name, port)) return pins;
+    return {};
+}
+
+std::string sampleJson(unsigned position, const bsdl::Device& d, const std::vector<std::pair<std::string, bool>>& levels) {
+    Json pins = Json::object(), packagePinsOf = Json::object();
+    for (const auto& [port, level] : levels) {
+        pins[port] = level ? 1 : 0;
+        packagePinsOf[port] = packagePins(d, port);
+    }
+    const bsdl::PinMap* map = d.package("");
+    return jsonText(Json{{"device", position},
+                         {"pins", std::move(pins)},
+                         {"package", map ? Json(map->name) : Json()},
+                         {"package_pins", std::move(packagePinsOf)}});
 }
 
 std::map<unsigned, BitVector> ChainAccess::instructions(const std::map<unsigned, BitVector>& opcodes, bool capture) {

@@ -26,8 +26,12 @@ bool takesInput(bsdl::Cell::Function f);
 // The ports with an input cell and their levels in a capture of the
 // boundary register, in cell order, each port once.
 std::vector<std::pair<std::string, bool>> portLevels(const bsdl::Device& d, const BitVector& captured);
-// A sample as one JSON document: {"device":P,"pins":{"PORT":0|1,...}}.
-std::string sampleJson(unsigned position, const std::vector<std::pair<std::string, bool>>& levels);
+// A port's package pins in the file's default package; none when unmapped.
+std::vector<std::string> packagePins(const bsdl::Device& d, const std::string& port);
+// A sample as one JSON document: {"device":P,"pins":{"PORT":0|1,...},
+// "package":"NAME","package_pins":{"PORT":["PIN",...],...}} (package null
+// when the file has no pin map).
+std::string sampleJson(unsigned position, const bsdl::Device& d, const std::vector<std::pair<std::string, bool>>& levels);
 
 class ChainAccess {
   public:

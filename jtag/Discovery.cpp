@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include "jtag/Jep106.h"
+#include "jtag/Json.h"
 
 namespace jtag {
 
@@ -66,6 +67,20 @@ const char* irFromName(DeviceFacts::IrFrom from) {
     return "";
 }
 
+std::string idcodePattern(const bsdl::Device& d) {
+    static const char kDigits[] = "0123456789abcdef";
+    std::string out = "0x";
+    for (size_t at = 0; at + 4 <= d.idcode.size(); at += 4) {
+        std::string nibble = d.idcode.substr(at, 4);
+        if (nibble.find_first_not_of("01") != std::string::npos) {
+            out += 'x';
+            continue;
+        }
+        out += kDigits[std::stoi(nibble, nullptr, 2)];
+    }
+    return out;
+}
+
 Discovery discover(Tap& tap, const BsdlCatalogue& catalogue, const DiscoveryOptions& options) {
     Discovery r;
     r.scan = scanChain(tap, options.maxDevices);
@@ -82,6 +97,20 @@ Discovery discover(Tap& tap, const BsdlCatalogue& catalogue, const DiscoveryOpti
         }
         auto chosen = options.bsdlAt.find(f.position);
         if (chosen != options.bsdlAt.end()) {
+            const bsdl::Device& file = *chosen->second;
+            // A file for another part would put the wrong opcodes in this
+            // device's instruction register and the wrong cells on its pins.
+            bool same = f.idcode ? !file.idcode.empty() && file.matches(*f.idcode) : file.idcode.empty();
+            if (!same) {
+                char read[16];
+                std::snprintf(read, sizeof read, "0x%08x", f.idcode.value_or(0));
+                r.bsdlProblem = "device " + std::to_string(f.position) + " has " +
+                                (f.idcode ? "IDCODE " + std::string(read) : std::string("no IDCODE (BYPASS after reset)")) +
+                                ", but " + file.file + " describes " + file.entity + ", " +
+                                (file.idcode.empty() ? std::string("which has no IDCODE") : "IDCODE " + idcodePattern(file));
+                r.devices.clear();
+                return r;
+            }
             f.bsdl = chosen->second;
         } else if (f.idcode) {
             auto found = catalogue.find(*f.idcode);
@@ -113,42 +142,31 @@ Discovery discover(Tap& tap, const BsdlCatalogue& catalogue, const DiscoveryOpti
     return r;
 }
 
-std::string jsonString(const std::string& s) {
-    std::string out = "\"";
-    for (unsigned char c : s) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c < 0x20) {
-            char esc[8];
-            std::snprintf(esc, sizeof esc, "\\u%04x", c);
-            out += esc;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out + "\"";
-}
+std::string jsonString(const std::string& s) { return jsonText(Json(s)); }
 
-std::string discoveryJson(const Discovery& d) {
+Json discoveryValue(const Discovery& d) {
     auto hex32 = [](uint32_t v) {
         char text[16];
         std::snprintf(text, sizeof text, "0x%08x", v);
         return std::string(text);
     };
-    std::string out = "{\"devices\":[";
+    Json devices = Json::array();
     for (const DeviceFacts& f : d.devices) {
-        if (f.position) out += ",";
-        out += "{\"position\":" + std::to_string(f.position);
-        out += ",\"idcode\":" + (f.idcode ? jsonString(hex32(*f.idcode)) : "null");
-        out += ",\"ir_length\":" + std::to_string(f.irLength);
-        out += std::string(",\"ir_length_from\":\"") + irFromName(f.irFrom) + "\"";
-        out += ",\"manufacturer\":" + (f.manufacturer ? jsonString(*f.manufacturer) : "null");
-        out += ",\"part\":" + (f.bsdl ? jsonString(f.bsdl->entity) : "null");
-        out += ",\"version\":" + (f.idcode ? std::to_string(*f.idcode >> kIdcodeVersionShift) : "null");
-        out += ",\"bsdl\":" + (f.bsdl ? jsonString(f.bsdl->file) : "null") + "}";
+        Json device;
+        device["position"] = f.position;
+        device["idcode"] = f.idcode ? Json(hex32(*f.idcode)) : Json();
+        device["ir_length"] = f.irLength;
+        device["ir_length_from"] = irFromName(f.irFrom);
+        device["manufacturer"] = f.manufacturer ? Json(*f.manufacturer) : Json();
+        device["part"] = f.bsdl ? Json(f.bsdl->entity) : Json();
+        device["version"] = f.idcode ? Json(*f.idcode >> kIdcodeVersionShift) : Json();
+        device["bsdl"] = f.bsdl ? Json(f.bsdl->file) : Json();
+        device["jep106"] = f.idcode ? Json{{"bank", jep106Bank(*f.idcode)}, {"code", jep106Code(*f.idcode)}} : Json();
+        devices.push_back(std::move(device));
     }
-    return out + "],\"ir_total\":" + std::to_string(d.irTotal) + "}";
+    return Json{{"devices", std::move(devices)}, {"ir_total", d.irTotal}};
 }
+
+std::string discoveryJson(const Discovery& d) { return jsonText(discoveryValue(d)); }
 
 }  // namespace jtag

@@ -58,14 +58,23 @@ struct Discovery {
     unsigned irTotal = 0;
     // Set when no split of the IR capture fits the lengths known: what disagrees.
     std::string irProblem;
+    // Set when a file chosen for a position describes another device than
+    // the IDCODE read there: both named. Nothing else is filled then.
+    std::string bsdlProblem;
 };
 
 struct DiscoveryOptions {
     unsigned maxDevices = 64;
     std::map<unsigned, unsigned> irLength;  // --irlen POS=N
-    // --bsdl POS=FILE: the file for that position, whatever its IDCODE.
+    // --bsdl POS=FILE: the file for that position; its IDCODE (X bits
+    // aside) must be the one read there, or the discovery names both in
+    // bsdlProblem. A device without IDCODE takes only a file without one.
     std::map<unsigned, std::shared_ptr<const bsdl::Device>> bsdlAt;
 };
+
+// An IDCODE pattern of a BSDL file as hex, a digit with X bits as "x":
+// "0x?123402f" reads "0xx123402f".
+std::string idcodePattern(const bsdl::Device& d);
 
 // Scans the chain and puts the facts together; leaves every device in
 // Test-Logic-Reset.
@@ -74,10 +83,12 @@ Discovery discover(Tap& tap, const BsdlCatalogue& catalogue, const DiscoveryOpti
 // The facts as one JSON document (what kelvorn-chain --json prints):
 // {"devices":[{"position":0,"idcode":"0x0a5c7035","ir_length":8,
 // "ir_length_from":"detected","manufacturer":"...","part":null,"version":0,
-// "bsdl":null},...],"ir_total":14}; idcode, manufacturer, part, version and
-// bsdl are null where unknown.
+// "bsdl":null,"jep106":{"bank":1,"code":26}},...],"ir_total":14}; idcode,
+// manufacturer, part, version, bsdl and jep106 are null where unknown (a
+// maker the JEP106 list does not name: manufacturer null, jep106 its bank
+// and code).
 std::string discoveryJson(const Discovery& d);
-// s as a JSON string, quoted, with quotes, backslashes and control characters escaped.
+// s as a JSON string, quoted and escaped.
 std::string jsonString(const std::string& s);
 
 }  // namespace jtag

@@ -41,16 +41,22 @@ bool stateNamed(const std::string& word, TapState* out) {
 
 }  // namespace
 
+int SvfReader::get() {
+    int c = in_.get();
+    if (in_.offset() > bound_) {
+        syntax(startLine_, "no ';' within the " + std::to_string(maxStatementBytes_) +
+                               " bytes a statement may take from its start");
+    }
+    return c;
+}
+
 SvfReader::Token SvfReader::token() {
     for (;;) {
-        int c = in_.get();
+        int c = get();
         tokenLine_ = line_;
         switch (c) {
             case -1: return Token::end;
             case '\n': ++line_; continue;
-            case '(': return Token::open;
-            case ')': return Token::close;
-            case ';': return Token::semicolon;
             case '!': skipLine(); continue;
             case '/':
                 if (in_.peek() == '/') {
@@ -61,16 +67,24 @@ SvfReader::Token SvfReader::token() {
             default: break;
         }
         if (isBlank(c)) continue;
+        if (starting_ && c != -1) {
+            starting_ = false;
+            bound_ = in_.offset() - 1 + maxStatementBytes_;
+            startLine_ = tokenLine_;
+        }
+        if (c == '(') return Token::open;
+        if (c == ')') return Token::close;
+        if (c == ';') return Token::semicolon;
         if (!isWordChar(c)) syntax(tokenLine_, "unexpected character " + describe(c));
         word_.assign(1, static_cast<char>(std::toupper(c)));
-        while (isWordChar(in_.peek())) word_ += static_cast<char>(std::toupper(in_.get()));
+        while (isWordChar(in_.peek())) word_ += static_cast<char>(std::toupper(get()));
         return Token::word;
     }
 }
 
 void SvfReader::skipLine() {
     int c;
-    while ((c = in_.get()) != -1 && c != '\n') {
+    while ((c = get()) != -1 && c != '\n') {
     }
     if (c == '\n') ++line_;
 }
@@ -123,7 +137,7 @@ void SvfReader::hex(size_t bits, BitVector* out, const char* name) {
     uint64_t open = tokenLine_;
     digits_.clear();
     for (;;) {
-        int c = in_.get();
+        int c = get();
         if (c == ')') break;
         if (isHexDigit(c)) {
             digits_ += static_cast<char>(c);
@@ -328,8 +342,14 @@ void SvfReader::runTest(Action* a) {
 bool SvfReader::next(Action* a) {
     for (;;) {
         keyword_.clear();
+        starting_ = true;
+        bound_ = kNoBound;
         Token t = token();
-        if (t == Token::end) return false;
+        if (t == Token::end) {
+            if (statements_ == 0)
+                syntax(tokenLine_, "the file holds no statement (it is empty, or only white space and comments)");
+            return false;
+        }
         if (t != Token::word) unexpected(t, "a statement");
         statementLine_ = tokenLine_;
         keyword_ = word_;

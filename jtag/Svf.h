@@ -37,9 +37,21 @@ namespace jtag {
 // 128 MiB per bit vector.
 constexpr size_t kMaxScanBits = size_t{1} << 30;
 
+// The most bytes one SVF statement may take, from the first byte of its
+// keyword to its ';', for a reader of scans of up to maxBits: room for
+// TDI, TDO, MASK and SMASK of maxBits bits each, in hex with a blank or a
+// line break after every digit, and 64 KiB more for the rest. A statement
+// that has not ended by then is a syntax error at its line, as input that
+// never ends would otherwise be read (and held) without end.
+constexpr uint64_t maxStatementBytes(size_t maxBits) { return 2 * uint64_t{maxBits} + (uint64_t{1} << 16); }
+
+// A file that holds no statement at all (empty, or only white space and
+// comments) is a syntax error too: it is more likely the wrong file, or
+// one cut off, than a play of nothing.
 class SvfReader : public Reader {
   public:
-    explicit SvfReader(FILE* in, size_t maxBits = kMaxScanBits) : in_(in), maxBits_(maxBits) {}
+    explicit SvfReader(FILE* in, size_t maxBits = kMaxScanBits)
+        : in_(in), maxBits_(maxBits), maxStatementBytes_(maxStatementBytes(maxBits)) {}
 
     bool next(Action* a) override;
     uint64_t bytesRead() const override { return in_.offset(); }
@@ -53,6 +65,8 @@ class SvfReader : public Reader {
         bool hasTdo = false;
     };
 
+    // The next byte, within the statement's bound.
+    int get();
     Token token();
     void skipLine();
     [[noreturn]] void syntax(uint64_t line, const std::string& what) const;
@@ -71,6 +85,11 @@ class SvfReader : public Reader {
 
     Input in_;
     size_t maxBits_;
+    uint64_t maxStatementBytes_;
+    static constexpr uint64_t kNoBound = ~uint64_t{0};
+    bool starting_ = true;         // the next token starts a statement
+    uint64_t bound_ = kNoBound;    // the offset the statement must end by
+    uint64_t startLine_ = 1;       // where it started
     uint64_t line_ = 1;       // where reading is
     uint64_t tokenLine_ = 1;  // where the last token started
     uint64_t statementLine_ = 1;

@@ -115,7 +115,7 @@ bool XsvfReader::next(Action* a) {
         command_ = in_.offset();
         name_ = "";
         int c = in_.get();
-        if (c < 0) fail("the file ends without XCOMPLETE");
+        if (c < 0) fail(command_ == 0 ? "the file is empty" : "the file ends without XCOMPLETE");
         if (c >= kCommands || !kNames[c]) {
             char s[48];
             std::snprintf(s, sizeof s, "0x%02x is not an XSVF command", c);
@@ -124,7 +124,11 @@ bool XsvfReader::next(Action* a) {
         name_ = kNames[c];
         ++statements_;
         switch (c) {
-            case kXcomplete: done_ = true; return false;
+            case kXcomplete:
+                // The end of the file: anything after it would be a play cut off, or another file.
+                if (in_.peek() >= 0) fail("the file goes on after it, at byte " + std::to_string(in_.offset()));
+                done_ = true;
+                return false;
             case kXtdomask: value(sdrSize_, &tdoMask_); continue;
             case kXsir:
             case kXsir2: {

@@ -23,8 +23,9 @@
 // expected value. XSTATE moves to a state (to Test-Logic-Reset by five TMS
 // high cycles); XWAIT stays in its stable wait state for the time and at
 // least as many TCK cycles as microseconds, then moves to its end state.
-// XCOMPLETE ends the file; a file that ends before it, or inside a
-// command, is truncated.
+// XCOMPLETE ends the file, and is its last byte; a file that ends before
+// it, or inside a command, is truncated, and one with more after it is
+// refused too (a syntax error at the XCOMPLETE), as is an empty file.
 #pragma once
 #include "jtag/Action.h"
 #include "jtag/Svf.h"

@@ -675,7 +675,7 @@ int kv_sample(kv_device* device, unsigned position, const char** json) {
             d->access->instructions({{position, sample}});
             auto captured = d->access->data({{position, jtag::BitVector(f.bsdl->boundaryLength)}});
             d->tap->reset();  // back to the device's own function
-            r.answer = jtag::sampleJson(position, jtag::portLevels(*f.bsdl, captured[position]));
+            r.answer = jtag::sampleJson(position, *f.bsdl, jtag::portLevels(*f.bsdl, captured[position]));
             r.hasAnswer = true;
             return r.ok();
         },

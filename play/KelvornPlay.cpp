@@ -72,7 +72,8 @@ struct Options {
 };
 
 // Plays every action of reader; one line on stderr for each failure.
-int playAll(jtag::Reader& reader, jtag::Player& player, const Options& o, Progress& progress) {
+int playAll(jtag::Reader& reader, jtag::Player& player, const Options& o, Progress& progress,
+            const PlayInput& input) {
     const char* file = o.path.c_str();
     uint64_t overruns = 0;
     jtag::Action a;
@@ -95,8 +96,10 @@ int playAll(jtag::Reader& reader, jtag::Player& player, const Options& o, Progre
         }
     } catch (const jtag::FormatError& e) {
         progress.clear();
-        std::fprintf(stderr, "kelvorn-play: %s: %s%s\n", e.place.in(file).c_str(),
-                     e.kind == jtag::FormatError::unreadable ? "cannot read: " : "", e.what());
+        // A file that changed under the play was read; its reason says what it found.
+        bool cannotRead = e.kind == jtag::FormatError::unreadable && !input.changed();
+        std::fprintf(stderr, "kelvorn-play: %s: %s%s\n", e.place.in(file).c_str(), cannotRead ? "cannot read: " : "",
+                     e.what());
         return e.kind == jtag::FormatError::unreadable ? kUnreadable
                : e.kind == jtag::FormatError::syntax   ? kSyntax
                                                        : kUnsupported;
@@ -208,7 +211,7 @@ int kelvornPlayMain(int argc, char** argv) {
     int status;
     {
         Progress progress(terminal, size);
-        status = playAll(*check, counter, o, progress);
+        status = playAll(*check, counter, o, progress, input);
     }
     if (status != kPlayed || dryRun) {
         if (status == kPlayed && !o.quiet)
@@ -238,7 +241,7 @@ int kelvornPlayMain(int argc, char** argv) {
     {
         Progress progress(terminal, size);
         player.start(counter.stats().lowestHz);
-        status = playAll(*reader, player, o, progress);
+        status = playAll(*reader, player, o, progress, input);
     }
     guard.cleanup();
     double took = (jtag::systemClock().now() - start) * 1e-9;

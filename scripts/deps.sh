@@ -7,12 +7,13 @@ set -euo pipefail
 # (CPack's look at the binaries): the install and package test; openocd and
 # openfpgaloader: clients of the servers in the tests; go-md2man: the manual
 # pages; man-db and bash-completion: the tests of the pages and the completion;
-# libsystemd-dev: socket activation; systemd (systemd-socket-activate,
-# systemd-analyze) and lintian: the tests of the units and the packages;
+# libsystemd-dev: socket activation; nlohmann-json3-dev: every JSON
+# document; systemd (systemd-socket-activate, systemd-analyze) and lintian:
+# the tests of the units and the packages;
 # python3, python3-pytest and mypy: the Python package, its tests and its types.
 pkgs=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev util-linux
       pkg-config dpkg-dev file openocd openfpgaloader go-md2man man-db bash-completion
-      libsystemd-dev systemd lintian python3 python3-pytest mypy)
+      libsystemd-dev nlohmann-json3-dev systemd lintian python3 python3-pytest mypy)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "device/Session.h"
+#include "os/SignalGate.h"
 #include "serve/RemoteBitbang.h"
 #include "serve/Xvc.h"
 #include "xilinx/XilIntfC.h"
@@ -39,10 +40,10 @@ constexpr size_t kAnswersToSend = 65536;  // answers pending that stop further r
 constexpr int kReceiveRoom = 32 << 20;          // bytes a client may send ahead of the pins
 constexpr unsigned kMaxStallSeconds = 3600;
 
-const struct {
-    int number;
-    const char* name;
-} kStopSignals[] = {{SIGINT, "SIGINT"}, {SIGTERM, "SIGTERM"}, {SIGHUP, "SIGHUP"}};
+// The ending signals stop the server the normal way: the pin work in
+// progress finishes, the pins are released, status 0.
+constexpr const auto& kStopSignals = Os::kEndingSignals;
+constexpr size_t kStopSignalCount = Os::kEndingSignalCount;
 
 volatile std::sig_atomic_t stopSignal = 0;
 int wakeWriteFd = -1;
@@ -75,14 +76,14 @@ class StopSignals {
         act.sa_handler = onStopSignal;
         act.sa_flags = SA_RESTART;  // the backends' own system calls go on
         sigemptyset(&act.sa_mask);
-        for (size_t i = 0; i < std::size(kStopSignals); ++i) {
-            ::sigaction(kStopSignals[i].number, nullptr, &previous_[i]);
+        for (size_t i = 0; i < kStopSignalCount; ++i) {
+            ::sigaction(kStopSignals[i], nullptr, &previous_[i]);
             // A signal the process was started to ignore (nohup) stays ignored.
-            if (previous_[i].sa_handler != SIG_IGN) ::sigaction(kStopSignals[i].number, &act, nullptr);
+            if (previous_[i].sa_handler != SIG_IGN) ::sigaction(kStopSignals[i], &act, nullptr);
         }
     }
     ~StopSignals() {
-        for (size_t i = 0; i < std::size(kStopSignals); ++i) ::sigaction(kStopSignals[i].number, &previous_[i], nullptr);
+        for (size_t i = 0; i < kStopSignalCount; ++i) ::sigaction(kStopSignals[i], &previous_[i], nullptr);
         ::close(wakeFd);
         ::close(wakeWriteFd);
         wakeWriteFd = -1;
@@ -93,13 +94,12 @@ class StopSignals {
     int wakeFd;
 
   private:
-    struct sigaction previous_[std::size(kStopSignals)];
+    struct sigaction previous_[kStopSignalCount];
 };
 
-const char* signalName(int sig) {
-    for (const auto& s : kStopSignals)
-        if (s.number == sig) return s.name;
-    return "a signal";
+std::string signalName(int sig) {
+    const char* abbrev = ::sigabbrev_np(sig);
+    return abbrev ? std::string("SIG") + abbrev : "a signal";
 }
 
 std::string addressText(const sockaddr* sa, socklen_t length) {
@@ -217,7 +217,7 @@ class Server {
             session(fd, addressText(reinterpret_cast<sockaddr*>(&peer), length));
             if (o_.once) break;
         }
-        if (stopSignal) std::fprintf(stderr, "kelvorn-serve: stopped by %s\n", signalName(stopSignal));
+        if (stopSignal) std::fprintf(stderr, "kelvorn-serve: stopped by %s\n", signalName(stopSignal).c_str());
         return kServeStopped;
     }
 
@@ -355,7 +355,7 @@ bool parseOptions(int argc, char** argv, Options* o, int* status) {
         "Serves the JTAG pins of a logic device on this board to one network client at a time, over the\n"
         "remote_bitbang protocol (OpenOCD's remote_bitbang driver) or XVC 1.0 (Xilinx Virtual Cable).\n"
         "The device's lock is held while the server runs; its pins are driven only while a client is\n"
-        "connected. SIGINT, SIGTERM and SIGHUP stop the server (status 0).\n\n"
+        "connected. SIGINT, SIGTERM, SIGHUP and SIGQUIT stop the server (status 0).\n\n"
         "  kelvorn-serve [options] <fpga> <pci address>\n",
         "kelvorn-serve"};
     app.set_version_flag("--version", "kelvorn-serve " KELVORN_VERSION);

@@ -39,8 +39,8 @@ void finishInstalled() {
 // of a run (VCD, memory, stats) are written when one of them ends it too:
 // after the tool's own clean-up of the pins, which hands the signal on to
 // this handler, so the clean-up is in the VCD.
-constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
-constexpr size_t kEndingCount = sizeof kEndingSignals / sizeof kEndingSignals[0];
+using Os::kEndingSignals;
+constexpr size_t kEndingCount = Os::kEndingSignalCount;
 struct sigaction beforeBoard[kEndingCount];
 bool handledByBoard[kEndingCount];
 
@@ -158,10 +158,12 @@ void Board::install() {
     if (!registered) registered = std::atexit(finishInstalled) == 0;
     handleEndingSignals();
     if (!config_.vcd.empty()) {
-        if (FILE* f = std::fopen(config_.vcd.c_str(), "w"))
+        if (FILE* f = std::fopen(config_.vcd.c_str(), "w")) {
             vcd_ = std::make_unique<VcdWriter>(f, config_.vcdRealTime ? "1 ns" : "1 us");
-        else
+        } else {
+            written_ = false;
             std::fprintf(stderr, "kelvorn-sim: cannot write %s: %s\n", config_.vcd.c_str(), std::strerror(errno));
+        }
     }
 
     Os::Hooks& h = Os::hooks();
@@ -361,34 +363,40 @@ void Board::accessed(ChipModel& model, const ChipModel::Access& a) {
     std::fprintf(stderr, "%s\n", line.c_str());
 }
 
-void Board::finish() {
-    if (finished_) return;
+bool Board::finish() {
+    if (finished_) return written_;
     finished_ = true;
+    if (vcd_ && !vcd_->close()) {
+        written_ = false;
+        std::fprintf(stderr, "kelvorn-sim: cannot write %s: %s\n", config_.vcd.c_str(), std::strerror(errno));
+    }
     vcd_.reset();
-    if (!config_.dumpMemory.empty()) writeMemoryDump();
-    if (!config_.dumpPins.empty()) writePinDump();
+    if (!config_.dumpMemory.empty() && !writeMemoryDump()) written_ = false;
+    if (!config_.dumpPins.empty() && !writePinDump()) written_ = false;
     if (config_.stats)
         std::fprintf(stderr, "sim stats: reads %llu writes %llu tck-cycles %llu\n", static_cast<unsigned long long>(reads_),
                      static_cast<unsigned long long>(writes_), static_cast<unsigned long long>(chain_.tckCycles()));
+    return written_;
 }
 
 // The memory as its bits are numbered: bit i of the dump (bit i % 8 of byte
 // i / 8) is bit i % rowBits of row i / rowBits.
-void Board::writeMemoryDump() const {
+bool Board::writeMemoryDump() const {
     const char* path = config_.dumpMemory.c_str();
     const ProgDevice* device = chain_.firstProgrammable();
     if (!device) {
         std::fprintf(stderr, "kelvorn-sim: no device on the chain has memory to write to %s\n", path);
-        return;
+        return false;
     }
     const jtag::BitVector& m = device->memory();
     FILE* f = std::fopen(path, "wb");
     bool written = f && std::fwrite(m.data(), 1, m.byteCount(), f) == m.byteCount();
     if (f) written = std::fclose(f) == 0 && written;
     if (!written) std::fprintf(stderr, "kelvorn-sim: cannot write %s: %s\n", path, std::strerror(errno));
+    return written;
 }
 
-void Board::writePinDump() const {
+bool Board::writePinDump() const {
     const char* path = config_.dumpPins.c_str();
     FILE* f = std::fopen(path, "w");
     bool written = f != nullptr;
@@ -398,6 +406,7 @@ void Board::writePinDump() const {
                 written = std::fprintf(f, "%zu.%s %d\n", i, port.c_str(), level) > 0;
     if (f) written = std::fclose(f) == 0 && written;
     if (!written) std::fprintf(stderr, "kelvorn-sim: cannot write %s: %s\n", path, std::strerror(errno));
+    return written;
 }
 
 }  // namespace sim

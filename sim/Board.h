@@ -68,8 +68,10 @@ class Board {
     // SIGINT, SIGTERM, SIGHUP and SIGQUIT while the board is installed (the
     // signals after any clean-up of the tool's own, between two register
     // accesses), so a run that the module or a signal ends leaves the same
-    // records as one that returns.
-    void finish();
+    // records as one that returns. False when a record could not be
+    // written (after one line on stderr naming the file and why), also when
+    // the VCD file could not be opened; a later call says the same.
+    bool finish();
 
     const BoardConfig& config() const { return config_; }
     std::string cmdline() const;
@@ -102,8 +104,8 @@ class Board {
     void settle();
     void accessed(ChipModel& model, const ChipModel::Access& a);
     void recordVcd();
-    void writeMemoryDump() const;
-    void writePinDump() const;
+    bool writeMemoryDump() const;
+    bool writePinDump() const;
     std::vector<const Signal*> signals() const;
     Snapshot snapshot() const;
     FILE* openConfig(const char* path, const char* mode);
@@ -119,6 +121,7 @@ class Board {
     std::unique_ptr<VcdWriter> vcd_;
     uint64_t vcdStartNs_ = 0;  // real time: the monotonic clock at the first sample
     bool finished_ = false;
+    bool written_ = true;  // every record written (finish)
     std::map<std::string, int> locks_;  // lock name -> its nameless file
     unsigned char configSpace_[256] = {};  // every PCI function's configuration space
 };

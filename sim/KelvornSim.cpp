@@ -17,6 +17,13 @@
 #include "sim/Scan.h"
 #include "tool/Kelvorn.h"
 
+namespace {
+
+// A file an option names cannot be written: as when the option is parsed.
+constexpr int kRecordUnwritten = static_cast<int>(CLI::ExitCodes::ValidationError);
+
+}  // namespace
+
 int main(int argc, char** argv) {
     sim::BoardOptions board;
     sim::BoardConfig& config = board.config;
@@ -92,23 +99,30 @@ int main(int argc, char** argv) {
                                              : kelvornArgs.front();
     sim::Board simulated(config);
     simulated.install();
-    if (scan->parsed()) return sim::scan(scanDevice.c_str(), scanAddress.c_str(), stdout);
-    if (serveCommand->parsed()) return serve::run(serveOptions);
-    if (chainCommand->parsed()) {
-        std::vector<char*> args;
-        for (std::string& a : chainArgs) args.push_back(&a[0]);
+    int status = [&] {
+        if (scan->parsed()) return sim::scan(scanDevice.c_str(), scanAddress.c_str(), stdout);
+        if (serveCommand->parsed()) return serve::run(serveOptions);
+        if (chainCommand->parsed()) {
+            std::vector<char*> args;
+            for (std::string& a : chainArgs) args.push_back(&a[0]);
+            args.push_back(nullptr);
+            return kelvornChainMain(static_cast<int>(args.size() - 1), args.data());
+        }
+        if (playCommand->parsed()) {
+            std::vector<char*> args;
+            for (std::string& a : playArgs) args.push_back(&a[0]);
+            args.push_back(nullptr);
+            return kelvornPlayMain(static_cast<int>(args.size() - 1), args.data());
+        }
+        std::vector<char*> args{const_cast<char*>("kelvorn")};
+        for (std::string& a : kelvornArgs) args.push_back(&a[0]);
         args.push_back(nullptr);
-        return kelvornChainMain(static_cast<int>(args.size() - 1), args.data());
-    }
-    if (playCommand->parsed()) {
-        std::vector<char*> args;
-        for (std::string& a : playArgs) args.push_back(&a[0]);
-        args.push_back(nullptr);
-        return kelvornPlayMain(static_cast<int>(args.size() - 1), args.data());
-    }
-
-    std::vector<char*> args{const_cast<char*>("kelvorn")};
-    for (std::string& a : kelvornArgs) args.push_back(&a[0]);
-    args.push_back(nullptr);
-    return kelvornMain(static_cast<int>(args.size() - 1), args.data());
+        return kelvornMain(static_cast<int>(args.size() - 1), args.data());
+    }();
+    // The records the options asked for (--vcd, --dump-memory, --dump-pins):
+    // one that cannot be written (a full disk fails only when the file is
+    // closed) fails a run that would have succeeded, with the status of a
+    // file an option cannot write; a run that failed keeps its own status.
+    if (!simulated.finish() && status == 0) status = kRecordUnwritten;
+    return status;
 }

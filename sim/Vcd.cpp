@@ -1,6 +1,7 @@
 #include "sim/Vcd.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <iterator>
 
@@ -33,7 +34,22 @@ VcdWriter::VcdWriter(FILE* out, const char* timescale) : out_(out) {
     std::fputs("$upscope $end\n$enddefinitions $end\n", out_);
 }
 
-VcdWriter::~VcdWriter() { std::fclose(out_); }
+VcdWriter::~VcdWriter() { close(); }
+
+bool VcdWriter::close() {
+    if (!out_) return !failed_;
+    if (std::ferror(out_) && !failed_) {
+        failed_ = true;
+        error_ = errno;
+    }
+    if (std::fclose(out_) != 0 && !failed_) {
+        failed_ = true;
+        error_ = errno;
+    }
+    out_ = nullptr;
+    if (failed_) errno = error_ ? error_ : EIO;
+    return !failed_;
+}
 
 void VcdWriter::sample(uint64_t time, const Sample& s) {
     static_assert(std::size(kVariables) == kVariableCount);
@@ -57,7 +73,10 @@ void VcdWriter::sample(uint64_t time, const Sample& s) {
         *p++ = '\n';
     }
     if (all) p = std::copy_n("$end\n", 5, p);
-    std::fwrite(buf, 1, static_cast<size_t>(p - buf), out_);
+    if (std::fwrite(buf, 1, static_cast<size_t>(p - buf), out_) != static_cast<size_t>(p - buf) && !failed_) {
+        failed_ = true;
+        error_ = errno;
+    }
     std::memcpy(last_, now, sizeof now);
 }
 

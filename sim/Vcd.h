@@ -26,7 +26,10 @@ class VcdWriter {
     // Writes the header to out, which it owns from now on; timescale as
     // VCD writes it ("1 us", "1 ns").
     explicit VcdWriter(FILE* out, const char* timescale = "1 us");
-    ~VcdWriter();  // closes the file
+    ~VcdWriter();  // closes the file, when close() has not
+    // Closes the file: false when it, or any write before it, failed (the
+    // last buffered bytes of a full disk fail only here), errno then set.
+    bool close();
     VcdWriter(const VcdWriter&) = delete;
     VcdWriter& operator=(const VcdWriter&) = delete;
 
@@ -37,6 +40,8 @@ class VcdWriter {
   private:
     static constexpr size_t kVariableCount = 8;
     FILE* out_;
+    bool failed_ = false;
+    int error_ = 0;  // errno of the first write that failed
     char last_[kVariableCount] = {};  // one character per variable, in declaration order; 0: none yet
 };
 

@@ -10,7 +10,15 @@
 #pragma once
 #include <signal.h>
 
+#include <cstddef>
+
 namespace Os {
+
+// The signals that end a process from a terminal or a supervisor: Ctrl-C,
+// Ctrl-\, kill, a hang-up. Every tool that drives pins, and the simulator
+// that records them, handles all four alike.
+inline constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+inline constexpr size_t kEndingSignalCount = sizeof kEndingSignals / sizeof kEndingSignals[0];
 
 struct SignalGate {
     volatile sig_atomic_t held = 0;     // accesses under way

@@ -20,7 +20,7 @@ found="0: IDCODE 0x0123402f, IR 8 bits (bsdl), Texas Instruments, kv_cpld64, ver
 1: IDCODE 0x0a5c7043, IR 6 bits (bsdl), Lattice Semi., KV_FPGA6, version 0
 2: IDCODE 0x4ba00477, IR 4 bits (bsdl), ARM Ltd., KV_DAP4, version 4
 3 devices, IR 18 bits in all"
-json='{"devices":[{"position":0,"idcode":"0x0123402f","ir_length":8,"ir_length_from":"bsdl","manufacturer":"Texas Instruments","part":"kv_cpld64","version":0,"bsdl":"BSDL/kv_cpld64.bsd"},{"position":1,"idcode":"0x0a5c7043","ir_length":6,"ir_length_from":"bsdl","manufacturer":"Lattice Semi.","part":"KV_FPGA6","version":0,"bsdl":"BSDL/KV_FPGA6.BSD"},{"position":2,"idcode":"0x4ba00477","ir_length":4,"ir_length_from":"bsdl","manufacturer":"ARM Ltd.","part":"KV_DAP4","version":4,"bsdl":"BSDL/kv_dap4.bsd"}],"ir_total":18}'
+json='{"devices":[{"position":0,"idcode":"0x0123402f","ir_length":8,"ir_length_from":"bsdl","manufacturer":"Texas Instruments","part":"kv_cpld64","version":0,"bsdl":"BSDL/kv_cpld64.bsd","jep106":{"bank":1,"code":23}},{"position":1,"idcode":"0x0a5c7043","ir_length":6,"ir_length_from":"bsdl","manufacturer":"Lattice Semi.","part":"KV_FPGA6","version":0,"bsdl":"BSDL/KV_FPGA6.BSD","jep106":{"bank":1,"code":33}},{"position":2,"idcode":"0x4ba00477","ir_length":4,"ir_length_from":"bsdl","manufacturer":"ARM Ltd.","part":"KV_DAP4","version":4,"bsdl":"BSDL/kv_dap4.bsd","jep106":{"bank":5,"code":59}}],"ir_total":18}'
 while read -r what board fpga address; do
   board=(${board//,/ } --chain "$chain")
   e2e_run kelvorn-sim "${board[@]}" chain --bsdl-path "$bsdl" "$fpga" "$address"
@@ -34,7 +34,7 @@ while read -r what board fpga address; do
 3 devices, IR 18 bits in all" "$what: without BSDL files, the IR lengths detected"
   # A pin set on the board read back, a wired net, the pins a drive left.
   e2e_run kelvorn-sim "${board[@]}" --pin '1.SW(2)=0' chain --json --bsdl-path "$bsdl" "$fpga" "$address" sample 1
-  expect_eq "$E2E_STATUS|$E2E_OUT" '0|{"device":1,"pins":{"SW(0)":1,"SW(1)":1,"SW(2)":0,"SW(3)":1,"BUS":1}}' "$what: sample"
+  expect_eq "$E2E_STATUS|$E2E_OUT" '0|{"device":1,"pins":{"SW(0)":1,"SW(1)":1,"SW(2)":0,"SW(3)":1,"BUS":1},"package":"FG256","package_pins":{"SW(0)":["A1"],"SW(1)":["A2"],"SW(2)":["A3"],"SW(3)":["A4"],"BUS":["B2"]}}' "$what: sample"
   e2e_run kelvorn-sim "${board[@]}" --net '0.led=1.SW(1)' chain --i-know-the-board --bsdl-path "$bsdl" "$fpga" "$address" \
     connect 0.led '1.SW(1)'
   expect_eq "$E2E_STATUS|$E2E_OUT" "0|0.led -> 1.SW(1): connected" "$what: connect over a wired net"
@@ -51,7 +51,7 @@ sim=(kelvorn-sim --chain "$chain")
 
 # A device without IDCODE, an unassigned maker, an ambiguous capture pinned by --irlen.
 e2e_run kelvorn-sim --chain 0x00000cfd:5,none:3 chain --json --bsdl-path "" "${dev[@]}"
-expect_eq "$E2E_OUT" '{"devices":[{"position":0,"idcode":"0x00000cfd","ir_length":5,"ir_length_from":"detected","manufacturer":null,"part":null,"version":0,"bsdl":null},{"position":1,"idcode":null,"ir_length":3,"ir_length_from":"detected","manufacturer":null,"part":null,"version":null,"bsdl":null}],"ir_total":8}' \
+expect_eq "$E2E_OUT" '{"devices":[{"position":0,"idcode":"0x00000cfd","ir_length":5,"ir_length_from":"detected","manufacturer":null,"part":null,"version":0,"bsdl":null,"jep106":{"bank":13,"code":126}},{"position":1,"idcode":null,"ir_length":3,"ir_length_from":"detected","manufacturer":null,"part":null,"version":null,"bsdl":null,"jep106":null}],"ir_total":8}' \
   "no IDCODE, an unknown maker: JSON nulls"
 e2e_run kelvorn-sim --chain 0x00000cfd:5,none:3 chain --bsdl-path "" --irlen 1=3 "${dev[@]}"
 expect_eq "$E2E_OUT" "0: IDCODE 0x00000cfd, IR 5 bits (detected), bank 13 code 0x7e, version 0
@@ -80,7 +80,7 @@ d(1) 1 (pin 5)
 d(2) 1 (pin 6)
 d(3) 0 (pin 7)" "sample: the pins set, the others pulled up, with their package pins"
 e2e_run "${sim[@]}" --pin '1.SW(2)=0' --pin 1.BUS=0 chain --json --bsdl-path "$bsdl" "${dev[@]}" sample KV_FPGA6
-expect_eq "$E2E_STATUS|$E2E_OUT" '0|{"device":1,"pins":{"SW(0)":1,"SW(1)":1,"SW(2)":0,"SW(3)":1,"BUS":0}}' \
+expect_eq "$E2E_STATUS|$E2E_OUT" '0|{"device":1,"pins":{"SW(0)":1,"SW(1)":1,"SW(2)":0,"SW(3)":1,"BUS":0},"package":"FG256","package_pins":{"SW(0)":["A1"],"SW(1)":["A2"],"SW(2)":["A3"],"SW(3)":["A4"],"BUS":["B2"]}}' \
   "sample by entity name, as JSON"
 e2e_run "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" usercode 1
 expect_eq "$E2E_STATUS|$E2E_OUT" "0|1: USERCODE 0x12345678" "usercode"
@@ -114,19 +114,23 @@ expect_eq "$E2E_STATUS|$E2E_ERR" "6|kelvorn-chain: connect refused: device 0's B
 # ---- drive ----
 
 e2e_run "${sim[@]}" --dump-pins "$d/pins" --vcd "$d/drive.vcd" chain --bsdl "$bsdl/kv_cpld64.bsd" --bsdl-path "$bsdl" --hold 0 \
-  "${dev[@]}" drive 0 led=1 'd(2)=0' 'd(1)=z'
-expect_eq "$E2E_STATUS|$E2E_OUT" "0|0: EXTEST, led=1 d(2)=0 d(1)=z, every other output safe (d(3)=0 too: they share a control cell with a port named); holding 0 s
+  "${dev[@]}" drive 0 led=1 'd(2)=0' 'd(3)=1' 'd(1)=z'
+expect_eq "$E2E_STATUS|$E2E_OUT" "0|0: EXTEST driving led=1 d(2)=0 d(3)=1, every other output released; holding 0 s
 0: released (Test-Logic-Reset)" "drive: what it says"
-# led and d(2) as named; d(0), d(1) under their control cell at its safe (disabling) value;
-# d(3) shares d(2)'s control cell, its data cell at its safe value.
+# led, d(2) and d(3) as named; d(0) and d(1) under their control cell at its disabling value.
 expect_eq "$(cat "$d/pins")" "0.led 1
 0.d(2) 0
-0.d(3) 0" "drive: the pins the boundary register drove (--dump-pins)"
+0.d(3) 1" "drive: the pins the boundary register drove (--dump-pins)"
 expect_eq "$(grep -c 'enddefinitions' "$d/drive.vcd")" 1 "drive: the waveform written"
 e2e_run "${sim[@]}" --dump-pins "$d/pins" chain --i-know-the-board --bsdl-path "$bsdl" --hold 0 "${dev[@]}" drive 1 OUT0=1 BUS=z
 expect_eq "$E2E_STATUS|$(cat "$d/pins")" "0|1.OUT0 1" "drive: a two-state output and a released bidirectional pin"
+# A two-state output cannot be switched off: left unnamed, it is driven at its safe level, and said so.
+e2e_run "${sim[@]}" --dump-pins "$d/pins" chain --i-know-the-board --bsdl-path "$bsdl" --hold 0 "${dev[@]}" drive 1 BUS=1
+expect_eq "$E2E_STATUS|$(head -n1 <<<"$E2E_OUT")|$(cat "$d/pins")" "0|1: EXTEST driving OUT0=0 BUS=1 (OUT0: two-state, at the safe level), every other output released; holding 0 s|1.OUT0 0
+1.BUS 1" "drive: an unnamed two-state output at its safe level"
+# Refused before any pin moves: nothing in the dump of driven pins.
 while IFS='|' read -r status err args; do
-  e2e_run "${sim[@]}" --dump-pins "$d/pins" chain --bsdl-path "$bsdl" --hold 0 "${dev[@]}" $args
+  e2e_run "${sim[@]}" --dump-pins "$d/pins" chain --bsdl-path "$bsdl" --bsdl "0=$bsdl/kv_cpld64.bsd" --hold 0 "${dev[@]}" $args
   expect_eq "$E2E_STATUS|$E2E_ERR|$(cat "$d/pins")" "$status|kelvorn-chain: $err|" "drive refused: $args"
 done <<'EOF'
 6|drive refused: device 1's BSDL file was found, not given: EXTEST drives its pins and may fight the board's own drivers; give it with --bsdl 1=FILE, or --i-know-the-board|drive 1 OUT0=1
@@ -134,14 +138,40 @@ done <<'EOF'
 6|drive: OUT0 has no control cell: it cannot be left undriven|drive 1 OUT0=z
 6|drive: kv_cpld64 has no port nosuch|drive 0 nosuch=1
 2|led=2: wants PORT=0, PORT=1 or PORT=z|drive 0 led=2
+6|drive: d(0)=1 and d(1)=z share control cell 4: one cannot be released while another is driven|drive 0 d(1)=z d(0)=1
+6|drive: d(0)=1 and d(1)=z share control cell 4: one cannot be released while another is driven|drive 0 d(0)=1 d(1)=z
+6|drive: d(2) shares control cell 7 with d(3), not named: it would drive that port too|drive 0 led=1 d(2)=0
+6|drive: led is named twice|drive 0 led=1 led=0
+6|connect: d(0) shares control cell 4 with d(1), not named: it would drive that port too|connect 0.d(0) 1.BUS
 EOF
+
+# A file given for a position describes the device there, or nothing moves
+# (status 5, whatever --i-know-the-board says): a copy of kv_cpld64 with
+# another entity, another IDCODE and led on another cell.
+sed -e 's/kv_cpld64/kv_other/g' -e 's/0001001000110100000000101111/0001001000110100000000111111/' \
+  -e 's/3 (bc_1, led, output3, x, 2, 1, z)/3 (bc_1, *, internal, x)/' -e 's/10 (bc_1, \*, internal, x)/10 (bc_1, led, output3, x, 2, 1, z)/' \
+  "$bsdl/kv_cpld64.bsd" >"$d/other.bsd"
+e2e_run "${sim[@]}" --dump-pins "$d/pins" chain --bsdl "0=$d/other.bsd" --i-know-the-board --hold 0 "${dev[@]}" drive 0 led=1
+expect_eq "$E2E_STATUS|$E2E_ERR|$(cat "$d/pins")" "5|kelvorn-chain: device 0 has IDCODE 0x0123402f, but $d/other.bsd describes kv_other, IDCODE 0xx123403f|" \
+  "a BSDL file for another IDCODE at a position: refused"
+e2e_run "${sim[@]}" chain --bsdl "2=$bsdl/KV_FPGA6.BSD" "${dev[@]}"
+expect_eq "$E2E_STATUS|$E2E_OUT|$E2E_ERR" "5||kelvorn-chain: device 2 has IDCODE 0x4ba00477, but $bsdl/KV_FPGA6.BSD describes KV_FPGA6, IDCODE 0x0a5c7043" \
+  "discovery refused too"
+# Positions that do not fit are refused, never wrapped; a repeated option
+# takes one value each time and leaves the arguments after it alone.
+e2e_run "${sim[@]}" chain --bsdl "4294967296=$bsdl/kv_cpld64.bsd" "${dev[@]}" drive 0 led=1
+expect_eq "$E2E_STATUS|$E2E_ERR" "2|kelvorn-chain: --bsdl 4294967296=$bsdl/kv_cpld64.bsd: a position is 0 to 1023" "--bsdl: a position too large"
+e2e_run "${sim[@]}" chain --irlen 4294967296=8 "${dev[@]}"
+expect_eq "$E2E_STATUS|$E2E_ERR" "2|kelvorn-chain: --irlen 4294967296=8: wants POS=N, N at least 2 (a position is 0 to 1023)" "--irlen: a position too large"
+e2e_run "${sim[@]}" chain --bsdl "0=$bsdl/kv_cpld64.bsd" --bsdl "1=$bsdl/KV_FPGA6.BSD" "${dev[@]}" usercode 1
+expect_eq "$E2E_STATUS|$E2E_OUT" "0|1: USERCODE 0x12345678" "--bsdl repeated before the arguments"
 
 # A signal during the hold ends it the normal way: Test-Logic-Reset, status 0.
 e2e_start "${sim[@]}" --dump-pins "$d/pins" chain --i-know-the-board --bsdl-path "$bsdl" "${dev[@]}" drive 1 OUT0=1
 for ((i = 0; i < 50; i++)); do grep -q holding "$E2E_DIR/bg.out" && break; sleep 0.1; done
 kill -INT "$E2E_BG"
 e2e_wait
-expect_eq "$E2E_STATUS|$E2E_OUT|$(cat "$d/pins")" "0|1: EXTEST, OUT0=1, every other output safe; holding until Ctrl-C
+expect_eq "$E2E_STATUS|$E2E_OUT|$(cat "$d/pins")" "0|1: EXTEST driving OUT0=1, every other output released; holding until Ctrl-C
 1: released (Test-Logic-Reset)|1.OUT0 1" "drive until Ctrl-C"
 
 # watch: the first sample, then until a signal.
@@ -150,6 +180,44 @@ for ((i = 0; i < 50; i++)); do grep -q BUS "$E2E_DIR/bg.out" && break; sleep 0.1
 kill -TERM "$E2E_BG"
 e2e_wait
 expect_eq "$E2E_STATUS|$(head -n1 <<<"$E2E_OUT")" "0|SW(0) 0 (pin A1)" "watch: until a signal"
+
+# ---- --json: one valid JSON document a line, whatever happens ----
+
+# A BSDL file whose name is not UTF-8, given and found.
+cp "$bsdl/kv_cpld64.bsd" "$d/"$'\xff'"cpld.bsd"
+valid_json() {  # every line of stdin parses as JSON: prints the count, or the line that does not
+  python3 -c '
+import json, sys
+n = 0
+for line in sys.stdin.buffer.read().split(b"\n"):
+    if not line: continue
+    try: json.loads(line.decode("utf-8"))
+    except Exception as e: print("invalid:", line[:80], e); sys.exit(0)
+    n += 1
+print(n)'
+}
+while IFS='|' read -r status want args; do
+  e2e_run "${sim[@]}" chain --json --bsdl "0=$d/"$'\xff'"cpld.bsd" --bsdl-path "$bsdl" --hold 0 "${dev[@]}" $args
+  expect_eq "$E2E_STATUS|$(valid_json <<<"$E2E_OUT")|$(grep -o -F "$want" <<<"$E2E_OUT" | head -n1)" "$status|1|$want" "--json: ${args:-discovery}"
+done <<'EOF'
+0|�cpld.bsd","jep106"|
+0|"package_pins":{"SW(0)":["A1"]|sample 1
+0|"usercode":"0x12345678"|usercode 1
+0|"driving":{"led":1}|drive 0 led=1
+6|"status":6|drive 0 d(0)=1
+7|"result":"stuck-1"|connect 0.led 1.SW(1)
+2|"status":2|sample 7
+2|"status":2|frobnicate
+5|"status":5|usercode 2
+EOF
+e2e_run "${sim[@]}" chain --json --bsdl "$d/"$'\xfe'"none.bsd" "${dev[@]}"
+expect_eq "$E2E_STATUS|$(valid_json <<<"$E2E_OUT")" "5|1" "--json: a file that cannot be read, its name not UTF-8"
+e2e_run "${sim[@]}" chain --json --frobnicate "${dev[@]}"
+expect_eq "$E2E_STATUS|$E2E_OUT" '2|{"status":2,"error":"The following argument was not expected: --frobnicate"}' "--json: an option not understood"
+e2e_run "${sim[@]}" chain --json nosuch 0000:03:00.0
+expect_eq "$E2E_STATUS|$E2E_OUT" '3|{"status":3,"error":"no backend serves nosuch on this board"}' "--json: no backend, nothing else on stdout"
+e2e_run kelvorn-sim --tdo stuck-1 chain --json "${dev[@]}"
+expect_eq "$E2E_STATUS|$(valid_json <<<"$E2E_OUT")" "4|1" "--json: a dead chain"
 
 # ---- dead chains, bad files, usage ----
 
@@ -168,6 +236,19 @@ printf 'entity BAD is\n  attribute INSTRUCTION_LENGTH of BAD : entity is 4;\n  a
 e2e_run "${sim[@]}" chain --bsdl "$d/bad.bsd" "${dev[@]}"
 expect_eq "$E2E_STATUS|$E2E_ERR" "5|kelvorn-chain: $d/bad.bsd:3: INSTRUCTION_OPCODE: BYPASS 111 has 3 bits; INSTRUCTION_LENGTH is 4" \
   "a BSDL file given that cannot be read: file:line"
+# Files that describe test logic which cannot be: refused with file:line before
+# any pin moves (a SAMPLE overlapping EXTEST would put the device in EXTEST).
+sed 's/sample (00000001)/sample (0000100X)/' "$bsdl/kv_cpld64.bsd" >"$d/overlap.bsd"
+sed 's/^    led           : out bit;/&\n    led           : out bit;\n    led           : out bit;/' "$bsdl/kv_cpld64.bsd" >"$d/thrice.bsd"
+sed 's/led:3,/led:(3, 14),/' "$bsdl/kv_cpld64.bsd" >"$d/twopins.bsd"
+while IFS='|' read -r file message; do
+  e2e_run "${sim[@]}" --dump-pins "$d/pins" chain --bsdl "$d/$file" "${dev[@]}" sample 0
+  expect_eq "$E2E_STATUS|$E2E_ERR|$(cat "$d/pins")" "5|kelvorn-chain: $d/$file:$message|" "refused: $file"
+done <<'EOF'
+overlap.bsd|25: INSTRUCTION_OPCODE: sample 0000100X overlaps extest 00001000
+thrice.bsd|12: port led declared twice
+twopins.bsd|18: pin map TQ44: led is a scalar port, mapped to 2 pins (a port on several pins is a bit_vector)
+EOF
 e2e_run "${sim[@]}" chain --bsdl "$d/none.bsd" "${dev[@]}"
 expect_eq "$E2E_STATUS|$E2E_ERR" "5|kelvorn-chain: $d/none.bsd:0: cannot read: No such file or directory" "a BSDL file given that does not exist"
 cp "$d/bad.bsd" "$d/two/"
@@ -180,7 +261,7 @@ expect_run 2 "" "kelvorn-chain: 0000:03:00.0x is not a PCI address (dddd:bb:dd.f
   "${sim[@]}" chain rotanMotub 0000:03:00.0x
 e2e_run "${sim[@]}" chain nosuch 0000:03:00.0
 expect_eq "$E2E_STATUS|$E2E_ERR" "3|kelvorn-chain: no backend serves nosuch on this board" "no backend"
-expect_run 2 "" "kelvorn-chain: --irlen 1=1: wants POS=N, N at least 2" "bad --irlen" "${sim[@]}" chain --irlen 1=1 "${dev[@]}"
+expect_run 2 "" "kelvorn-chain: --irlen 1=1: wants POS=N, N at least 2 (a position is 0 to 1023)" "bad --irlen" "${sim[@]}" chain --irlen 1=1 "${dev[@]}"
 expect_run 2 "" "kelvorn-chain: not understood: frob with 1 argument (see --help)" "unknown command" \
   "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" frob 1
 

@@ -66,7 +66,7 @@ rows=1024
 head -c $((rows * 8)) /dev/urandom >"$d/image.bin"
 "$E2E_BUILD/bin/kelvorn-vectors" --chain "$chain" --svf "$d/image.svf" "$d/image.bin"
 board="--cpu 0x16:0x30 --chain $chain --dump-memory $d/memory.bin"
-discovery='{"devices":[{"position":0,"idcode":"0x0a5c7035","ir_length":8,"ir_length_from":"detected","manufacturer":"Zilog","part":null,"version":0,"bsdl":null},{"position":1,"idcode":"0x1b4d2093","ir_length":6,"ir_length_from":"detected","manufacturer":"Xilinx","part":null,"version":1,"bsdl":null},{"position":2,"idcode":"0x2468ace1","ir_length":10,"ir_length_from":"detected","manufacturer":null,"part":null,"version":2,"bsdl":null}],"ir_total":24}'
+discovery='{"devices":[{"position":0,"idcode":"0x0a5c7035","ir_length":8,"ir_length_from":"detected","manufacturer":"Zilog","part":null,"version":0,"bsdl":null,"jep106":{"bank":1,"code":26}},{"position":1,"idcode":"0x1b4d2093","ir_length":6,"ir_length_from":"detected","manufacturer":"Xilinx","part":null,"version":1,"bsdl":null,"jep106":{"bank":1,"code":73}},{"position":2,"idcode":"0x2468ace1","ir_length":10,"ir_length_from":"detected","manufacturer":null,"part":null,"version":2,"bsdl":null,"jep106":{"bank":13,"code":112}}],"ir_total":24}'
 # The bits of the cancelled play and the TCK cycles of the whole one, as N.
 numbers() { sed -E -e 's/after [0-9]+ bits/after N bits/' -e 's/[0-9]+ bits, [0-9]+ TCK/B bits, C TCK/'; }
 out=$(env "${c_env[@]}" "$E2E_DIR/on_sim" "$board" rotanMotub 0000:03:00.0 "$d/image.svf" 2>"$E2E_DIR/err")

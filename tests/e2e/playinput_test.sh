@@ -6,7 +6,9 @@
 # byte. Timing values at the edge of their range are honoured or refused
 # with one line, in the dry run as in the play. A signal in the middle of a
 # play still leaves the stats line, the memory dump and a VCD that ends
-# with the pins released.
+# with the pins released. Input that never ends (yes, /dev/zero) stops
+# with status 3 before the copy fills its file system; a file with nothing
+# to play, or bytes after XCOMPLETE, is refused with status 4.
 source "$(dirname "$0")/lib.sh" "$1"
 ulimit -c 0  # SIGQUIT dumps no core here
 
@@ -110,6 +112,41 @@ sim play --dry-run "${device[@]}" "$d/long.xsvf"
 expect_eq "$E2E_STATUS $E2E_OUT" \
   "0 kelvorn-play: $d/long.xsvf: 3 statements, 1 scans, 14 bits, at least 4295.0 s of waits; nothing played (dry run)" \
   "XRUNTEST 0xffffffff: dry run"
+
+# ---- input that never ends, and files with nothing to play ----
+
+# Input that cannot be read twice is copied whole before its check: `yes` and /dev/zero would fill
+# $TMPDIR. Here it is a tmpfs of 4 MiB in the run's namespace: the copy stops where one more block of
+# 64 KiB would leave less than a sixteenth of it free, and nothing is played.
+chain=0x0a5c7035:8,0x1b4d2093:6
+printf '#!/bin/sh\nmount -t tmpfs -o size=4m tmpfs /tmp || exit 99\nTMPDIR=/tmp exec "$@"\n' >"$E2E_DIR/smalltmp"
+chmod +x "$E2E_DIR/smalltmp"
+mknod "$E2E_DIR/dev/zero" c 1 5
+room="cannot keep a copy of it in /tmp: after 3932160 bytes, more would leave less than 262144 bytes free there; set TMPDIR to a file system with more room, or give a regular file instead"
+nothing=$'\nsim stats: reads 0 writes 0 tck-cycles 0'
+e2e_run "$E2E_DIR/smalltmp" "$E2E_DIR/bin/kelvorn-sim" --chain "$chain" --stats play "${device[@]}" - < <(yes)
+expect_eq "$E2E_STATUS $E2E_ERR" "3 kelvorn-play: -: $room$nothing" "yes through a pipe: the copy stops"
+e2e_run "$E2E_DIR/smalltmp" "$E2E_DIR/bin/kelvorn-sim" --chain "$chain" --stats play "${device[@]}" /dev/zero
+expect_eq "$E2E_STATUS $E2E_ERR" "3 kelvorn-play: /dev/zero: $room$nothing" "/dev/zero: the copy stops"
+
+# XCOMPLETE, then 37 KB of a programming file; files with no statement, from a file and from a pipe.
+{ printf '\x00'; for _ in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19; do cat "$d/image.xsvf"; done; } |
+  head -c 37001 >"$d/after.xsvf"
+: >"$d/empty.svf"
+printf '! nothing but comments\n\n// and white space\n\t\n' >"$d/comments.svf"
+none="the file holds no statement (it is empty, or only white space and comments)"
+sim --stats play "${device[@]}" "$d/after.xsvf"
+expect_eq "$E2E_STATUS $(stat -c %s "$d/after.xsvf") $E2E_ERR" \
+  "4 37001 kelvorn-play: $d/after.xsvf: byte 0: XCOMPLETE: the file goes on after it, at byte 1$nothing" \
+  "XSVF with bytes after XCOMPLETE"
+sim --stats play "${device[@]}" "$d/empty.svf"
+expect_eq "$E2E_STATUS $E2E_ERR" "4 kelvorn-play: $d/empty.svf:1: $none$nothing" "empty SVF"
+sim --stats play --format xsvf "${device[@]}" "$d/empty.svf"
+expect_eq "$E2E_STATUS $E2E_ERR" "4 kelvorn-play: $d/empty.svf: byte 0: the file is empty$nothing" "empty XSVF"
+sim --stats play "${device[@]}" "$d/comments.svf"
+expect_eq "$E2E_STATUS $E2E_ERR" "4 kelvorn-play: $d/comments.svf:5: $none$nothing" "SVF of comments"
+sim --stats play "${device[@]}" - </dev/null
+expect_eq "$E2E_STATUS $E2E_ERR" "4 kelvorn-play: -:1: $none$nothing" "nothing through standard input"
 
 # ---- a signal in the middle of a play ----
 

@@ -21,7 +21,9 @@ serve_start() {
   shift
   _e2e_cmd kelvorn-sim "${board[@]}" serve --listen 127.0.0.1:0 "$@"
   : >"$E2E_DIR/serve.err"
-  "${E2E_ARGV[@]}" >"$E2E_DIR/serve.out" 2>"$E2E_DIR/serve.err" &
+  # A background job starts with SIGINT and SIGQUIT ignored, and the server
+  # leaves ignored signals alone (as under nohup): give it a terminal's defaults.
+  env --default-signal=INT,QUIT "${E2E_ARGV[@]}" >"$E2E_DIR/serve.out" 2>"$E2E_DIR/serve.err" &
   SERVE_PID=$!
   SERVE_PORT=
   local i

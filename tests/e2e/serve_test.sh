@@ -89,6 +89,30 @@ for f in image flipped; do
   fi
 done
 
+# SIGQUIT (Ctrl-\) or SIGTERM during a client's session: the server stops the
+# normal way, its last act the pins' release (the VCD ends with TCK, TMS and
+# TDI undriven), status 0.
+for sig in QUIT TERM; do
+  serve_start --vcd "$d/quit.vcd" -- rotanMotub 0000:03:00.0 || continue
+  python3 - "$SERVE_PORT" "$E2E_DIR/client.ready" <<'EOF' &
+import socket, sys, time
+s = socket.create_connection(("127.0.0.1", int(sys.argv[1])))
+s.sendall(b"7R")  # TCK, TMS and TDI driven high, then a read: the write is done
+s.recv(1)
+open(sys.argv[2], "w").close()
+time.sleep(30)  # the session stays open until the server stops
+EOF
+  client=$!
+  for ((i = 0; i < 100; i++)); do [ -e "$E2E_DIR/client.ready" ] && break; sleep 0.1; done
+  kill -"$sig" "$SERVE_PID"
+  serve_wait
+  kill "$client" 2>/dev/null; wait "$client" 2>/dev/null
+  rm -f "$E2E_DIR/client.ready"
+  expect_eq "$SERVE_STATUS|$(serve_lines | tail -n1)" "0|kelvorn-serve: stopped by SIG$sig" "SIG$sig during a session: status, last line"
+  expect_eq "$(for v in C M I; do grep -E "^[01z]$v\$" "$d/quit.vcd" | tail -n 1; done | paste -sd' ')" "zC zM zI" \
+    "SIG$sig during a session: TCK, TMS and TDI released last"
+done
+
 # Refusals at start-up.
 expect_run 2 "CHECKING FPGA nothing" "kelvorn-serve: no backend serves nothing on this board" "no backend" \
   kelvorn-sim serve --listen 127.0.0.1:0 nothing 0000:00:14.0

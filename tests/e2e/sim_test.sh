@@ -1,6 +1,7 @@
 # kelvorn-sim: the kelvorn tool's output and statuses on simulated boards,
 # its refusals, the scan command's output and statuses, what a run leaves
-# (stats, memory dump, VCD), and kelvorn-vectors' refusals.
+# (stats, memory dump, VCD) and the status when it cannot be written, and
+# kelvorn-vectors' refusals.
 source "$(dirname "$0")/lib.sh" "$1"
 
 usage='USAGE:  kelvorn <fpga> <pci address> { tck | tms | tdi | tdo } [ 0 | 1 ]
@@ -79,6 +80,29 @@ Run with --help for more information." "dump without a programmable device"
 e2e_run kelvorn-sim --vcd /nowhere/x.vcd scan rotanMotub 0000:03:00.0
 expect_eq "$E2E_STATUS $E2E_ERR" "105 --vcd: cannot write /nowhere/x.vcd: No such file or directory
 Run with --help for more information." "VCD file that cannot be written"
+
+# A record that cannot be written when the run ends (a full disk: /dev/full takes the option's check, an
+# empty file, and fails at the first block written, here the close): one line naming the file, and a run
+# that would have succeeded ends with 105; a run that failed keeps its own status. Each dump holds bytes.
+mknod "$E2E_DIR/dev/full" c 1 7
+mkdir -p "$E2E_DIR/files"
+cp "$(dirname "$0")/../data/bsdl/kv_cpld64.bsd" "$E2E_DIR/files/"
+full="kelvorn-sim: cannot write /dev/full: No space left on device"
+expect_run 105 "0: EXTEST, led=1, every other output safe; holding 0 s
+0: released (Test-Logic-Reset)" "$full" "pin dump to a full disk" \
+  kelvorn-sim --chain "bsdl=$E2E_DIR/files/kv_cpld64.bsd" --dump-pins /dev/full \
+  chain --bsdl "$E2E_DIR/files/kv_cpld64.bsd" --hold 0 rotanMotub 0000:03:00.0 drive 0 led=1
+expect_run 105 "0x0a5c7035
+0x1b4d2093" "$full" "VCD to a full disk" kelvorn-sim --vcd /dev/full scan rotanMotub 0000:03:00.0
+expect_run 105 "0x0a5c7035
+0x1b4d2093" "$full" "memory dump to a full disk" \
+  kelvorn-sim --chain 0x0a5c7035:8:mem=4x16,0x1b4d2093:6 --dump-memory /dev/full scan rotanMotub 0000:03:00.0
+printf 'SDR 64 TDI(0) TDO(0);\n' >"$E2E_DIR/files/bad.svf"
+e2e_run kelvorn-sim --vcd /dev/full --dump-memory /dev/full --chain 0x0a5c7035:8:mem=4x16,0x1b4d2093:6 \
+  play --quiet rotanMotub 0000:03:00.0 "$E2E_DIR/files/bad.svf"
+expect_eq "$E2E_STATUS $E2E_ERR" "6 kelvorn-play: $E2E_DIR/files/bad.svf:1: SDR of 64 bits: TDO mismatch: expected 0000000000000000 mask ffffffffffffffff actual 1b4d20930a5c7035
+$full
+$full" "a failed play keeps its status, and names each record"
 
 # The vector generator's refusals (what it writes: simvectors_test and program_test.sh).
 tmp=$(e2e_tmp_dir)

@@ -45,7 +45,8 @@ def test_discover_three_devices():
             dev.set_irlen(0, 1)
     assert devices[1]["manufacturer"] == "Xilinx"
     assert set(devices[0]) == {"position", "idcode", "ir_length", "ir_length_from", "manufacturer", "part",
-                               "version", "bsdl"}
+                               "version", "bsdl", "jep106"}
+    assert devices[2]["manufacturer"] is None and devices[2]["jep106"] == {"bank": 13, "code": 112}
 
 
 def test_play_programs_the_image(tmp_path):

@@ -146,8 +146,10 @@ int kv_shift_dr(kv_device* device, unsigned position, uint32_t nbits, const uint
 
 /* SAMPLE on the device at position (its BSDL file names the instruction
  * and the boundary register), every other device BYPASS: *json receives
- * {"device":0,"pins":{"PORT":0|1,...}}, each port with an input cell once,
- * in cell order, valid until this thread's next call on the handle. */
+ * {"device":0,"pins":{"PORT":0|1,...},"package":"NAME","package_pins":
+ * {"PORT":["PIN",...],...}}, each port with an input cell once, in cell
+ * order (as kelvorn-chain --json prints it), valid until this thread's next
+ * call on the handle. */
 int kv_sample(kv_device* device, unsigned position, const char** json);
 
 /* ---- players ---- */

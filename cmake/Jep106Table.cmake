@@ -1,0 +1,62 @@
+# Turns the JEP106 list (jtag/jep106.txt: BANK CODE NAME lines) into the C++
+# table jtag/Jep106.cpp includes. Run as a script:
+#   cmake -DIN=jep106.txt -DOUT=Jep106Table.inc -P Jep106Table.cmake
+# A bank whose codes do not run 0x01, 0x02, ... in order (one dropped,
+# repeated or out of place), a bank out of order, or a line that is not
+# BANK CODE NAME fails the build, naming the line: a dropped line must never
+# renumber the makers after it.
+file(STRINGS "${IN}" lines ENCODING UTF-8)
+set(bank 0)
+set(next 1)
+set(number 0)
+set(edition "")
+set(body "")
+set(banks 0)
+foreach(line IN LISTS lines)
+  math(EXPR number "${number} + 1")
+  if(line MATCHES "^#" OR line STREQUAL "")
+    continue()
+  endif()
+  if(line MATCHES "^edition ([A-Za-z0-9]+)$")
+    set(edition "${CMAKE_MATCH_1}")
+    continue()
+  endif()
+  if(NOT line MATCHES "^([0-9]+) 0x([0-9a-fA-F][0-9a-fA-F]) (.+)$")
+    message(FATAL_ERROR "${IN}:${number}: wants BANK 0xCODE NAME: ${line}")
+  endif()
+  set(b "${CMAKE_MATCH_1}")
+  math(EXPR c "0x${CMAKE_MATCH_2}")
+  set(name "${CMAKE_MATCH_3}")
+  if(NOT b EQUAL bank)
+    math(EXPR expected "${bank} + 1")
+    if(NOT b EQUAL expected)
+      message(FATAL_ERROR "${IN}:${number}: bank ${b} after bank ${bank}")
+    endif()
+    if(bank GREATER 0)
+      string(APPEND body "    },\n")
+    endif()
+    string(APPEND body "    {\n")
+    set(bank ${b})
+    set(next 1)
+    set(banks ${b})
+  endif()
+  if(NOT c EQUAL next OR c GREATER 126)
+    message(FATAL_ERROR "${IN}:${number}: bank ${b} code ${c} where code ${next} belongs")
+  endif()
+  math(EXPR next "${next} + 1")
+  string(REPLACE "\\" "\\\\" name "${name}")
+  string(REPLACE "\"" "\\\"" name "${name}")
+  string(APPEND body "        \"${name}\",\n")
+endforeach()
+if(bank EQUAL 0 OR edition STREQUAL "")
+  message(FATAL_ERROR "${IN}: no edition line or no codes")
+endif()
+string(APPEND body "    },\n")
+file(WRITE "${OUT}.tmp"
+  "// Made by cmake/Jep106Table.cmake from jtag/jep106.txt; edit that file.\n"
+  "#define KELVORN_JEP106_EDITION \"${edition}\"\n"
+  "#define KELVORN_JEP106_BANKS ${banks}\n"
+  "#define KELVORN_JEP106_NAMES \\\n{\\\n")
+string(REPLACE "\n" " \\\n" body "${body}")
+file(APPEND "${OUT}.tmp" "${body}}\n")
+file(RENAME "${OUT}.tmp" "${OUT}")
