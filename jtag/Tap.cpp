@@ -98,6 +98,15 @@ TapState Tap::appendPath(TapState from, TapState to) {
     return to;
 }
 
+void Tap::shiftSlice(size_t from, uint32_t n, BitVector* tdo, const BitVector* wanted) {
+    size_t at = from / 8;
+    if (tdo && wanted)
+        XilIntf_shiftMasked(intf_, n, tmsScratch_.data() + at, tdiScratch_.data() + at, tdo->data() + at,
+                            wanted->data() + at);
+    else
+        XilIntf_shift(intf_, n, tmsScratch_.data() + at, tdiScratch_.data() + at, tdo ? tdo->data() + at : nullptr);
+}
+
 void Tap::run(BitVector* tdo, const BitVector* wanted) {
     size_t n = tmsScratch_.size();
     if (n == 0) {
@@ -105,15 +114,29 @@ void Tap::run(BitVector* tdo, const BitVector* wanted) {
         return;
     }
     if (tdo) tdo->resize(n);
-    if (tdo && wanted)
-        XilIntf_shiftMasked(intf_, static_cast<uint32_t>(n), tmsScratch_.data(), tdiScratch_.data(), tdo->data(),
-                            wanted->data());
-    else
-        XilIntf_shift(intf_, static_cast<uint32_t>(n), tmsScratch_.data(), tdiScratch_.data(),
-                      tdo ? tdo->data() : nullptr);
     state_ = walk(state_, tmsScratch_);
     tdi_ = tdiScratch_[n - 1];
-    cycles_ += n;
+    if (!hook_) {
+        shiftSlice(0, static_cast<uint32_t>(n), tdo, wanted);
+        cycles_ += n;
+    } else {
+        try {
+            for (size_t done = 0; done < n;) {
+                uint32_t slice = static_cast<uint32_t>(std::min<size_t>(n - done, kHookCycles));
+                shiftSlice(done, slice, tdo, wanted);
+                done += slice;
+                cycles_ += slice;
+                if (cycles_ >= hookDue_) {
+                    hookDue_ = cycles_ + kHookCycles;
+                    hook_(hookContext_);
+                }
+            }
+        } catch (...) {
+            tmsScratch_.clear();
+            tdiScratch_.clear();
+            throw;
+        }
+    }
     tmsScratch_.clear();
     tdiScratch_.clear();
 }

@@ -69,11 +69,29 @@ class Tap {
     // TCK cycles made through this object.
     uint64_t cycles() const { return cycles_; }
 
+    // A hook for a caller that must look in on a long run (progress, a
+    // request to stop): once kHookCycles TCK cycles have passed since it
+    // was set or last called, it is called after the XilIntf_shift that
+    // passed them, and with a hook set a longer shift is cut into shifts of
+    // kHookCycles, so it is never more than 2 * kHookCycles cycles without
+    // a call, also in one long scan. It may throw: the scan then stops
+    // between two shifts and the controller's state is unknown until
+    // reset(). Null: none.
+    static constexpr uint32_t kHookCycles = 1u << 18;  // a multiple of 8: the cuts fall between bytes
+    using Hook = void (*)(void* context);
+    void hookIs(Hook hook, void* context) {
+        hook_ = hook;
+        hookContext_ = context;
+        hookDue_ = cycles_ + kHookCycles;
+    }
+
   private:
     void shift(TapState shiftState, const BitVector& in, BitVector* out, TapState end, const BitVector* readMask);
     // XilIntf_shift over the scratch vectors (XilIntf_shiftMasked with
     // wanted); tracks state and TDI.
     void run(BitVector* tdo, const BitVector* wanted = nullptr);
+    // One XilIntf_shift of the scratch's cycles [from, from + n).
+    void shiftSlice(size_t from, uint32_t n, BitVector* tdo, const BitVector* wanted);
     // Appends the path from state `from` to `to` to the scratch vectors.
     TapState appendPath(TapState from, TapState to);
 
@@ -81,6 +99,9 @@ class Tap {
     TapState state_ = TapState::TestLogicReset;
     bool tdi_ = true;  // TDI is left where it was while only TMS matters
     uint64_t cycles_ = 0;
+    Hook hook_ = nullptr;
+    void* hookContext_ = nullptr;
+    uint64_t hookDue_ = 0;
     BitVector tmsScratch_, tdiScratch_, tdoScratch_, wantScratch_;  // reused from call to call
 };
 

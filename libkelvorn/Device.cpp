@@ -1,6 +1,28 @@
 // The C functions of kelvorn/kelvorn.h over the JTAG layer: a handle is a
-// device of libxilinx, selected, with a Tap on it, what discovery found on
-// its chain, and the text of its last answer.
+// device of libxilinx, selected, with a Tap on it, and what discovery found
+// on its chain.
+//
+// Handles. What a caller holds is not a pointer into the library but a
+// number (kv_device* is only its type): the handle's id, never given twice
+// in a process. Every call looks it up in the registry of open handles, so
+// a closed handle, a handle closed twice, or one closed while a call waits
+// for it is a status (KV_E_CLOSED), never memory that is gone. The handle
+// itself is shared: a call keeps it alive to its end whoever closes it.
+//
+// One call at a time, in the whole process (apiMutex): the module's hooks,
+// its test mode and the simulated board are the process's. The lock is
+// recursive so that a progress callback may call on other handles; a call
+// on the handle whose call is running on the same thread (its owner) is
+// KV_E_REENTRANT. kv_close takes the handle out of the registry and marks
+// it closing before it waits for the lock; the running call sees the mark
+// at its next look-in (the Tap's hook, every kHookCycles TCK cycles, also
+// in one long scan; a play's progress) and ends with KV_E_CLOSED, and the
+// close then takes effect.
+//
+// Answers. A call's message, its JSON and a play's mismatch are kept per
+// thread and per handle (Slot), so what one thread was given is never
+// overwritten or freed by another: it stays until the same thread's next
+// call on the handle, or once the handle is closed, its next call on any.
 //
 // libxilinx ends the process when a board refuses (a lock held, an unknown
 // device, a window that cannot be mapped); a library must not. While a call
@@ -12,17 +34,20 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <optional>
-#include <set>
 #include <string>
+#include <thread>
+#include <unordered_map>
 
 #include "device/PciAddress.h"
 #include "jtag/ChainAccess.h"
@@ -38,8 +63,12 @@
 
 namespace {
 
-// The progress callback is called at most this often.
+// The progress callback is called when this much time, or this many TCK
+// cycles, have passed since its last call. The Tap's hook looks in at
+// least every 2 * Tap::kHookCycles, so no more than 3 * 2^18 cycles (and
+// fewer bits) go by without a call.
 constexpr uint64_t kProgressNs = 100000000;
+constexpr uint64_t kProgressCycles = jtag::Tap::kHookCycles;
 // What libxilinx writes on stderr when the lock is held; the same words here.
 constexpr const char* kLockedMessage = "Lock file is locked by another process.";
 
@@ -47,6 +76,13 @@ struct ExitCalled {
     int status;
 };
 struct Cancelled {};
+// Another thread closed the handle during the call.
+struct Closed {};
+
+constexpr const char* kNotOpen = "not an open handle: closed, or never given by kv_open";
+constexpr const char* kClosedDuring = "the handle was closed by another thread during the call; pins given back";
+constexpr const char* kReentrant =
+    "a call on the handle from within a call on it (its progress callback): the running call must return first";
 
 // One call at a time in the whole process: the module's hooks, its test
 // mode and the simulated board are the process's.
@@ -74,9 +110,43 @@ struct Call {
     ExitThrows exitThrows;
 };
 
-}  // namespace
+// What a call leaves for its thread: its message, its JSON, a play's mismatch.
+struct Slot {
+    std::string message;
+    std::string answer;
+    bool hasMismatch = false;
+    std::string mismatchFile, mismatchStatement, expected, mask, actual;
+    jtag::Place mismatchPlace;
+    uint32_t mismatchBits = 0;
+};
 
-struct kv_device {
+// A call's answer until it returns; then its thread's Slot for the handle.
+struct Reply {
+    std::string message;
+    bool hasAnswer = false;
+    std::string answer;
+    bool setsMismatch = false;  // a play: the slot's mismatch replaced (by none, or this one)
+    Slot mismatch;
+
+    int fail(int status, const std::string& what) {
+        message = what;
+        return status;
+    }
+    int ok() {
+        message.clear();
+        return KV_OK;
+    }
+};
+
+struct Handle {
+    uintptr_t id = 0;
+    // Set by kv_close before it waits for the lock; the running call ends at its next look-in.
+    std::atomic<bool> closing{false};
+    // The thread whose call runs on the handle, while it runs.
+    std::atomic<std::thread::id> owner{};
+    // During a play: its progress, called from the Tap's hook.
+    std::function<void()> onCycles;
+
     std::string fpga;
     device::PciAddress at;
     bool testMode = false;
@@ -90,36 +160,71 @@ struct kv_device {
     jtag::DiscoveryOptions discoveryOptions;
     std::optional<jtag::Discovery> discovery;
     std::unique_ptr<jtag::ChainAccess> access;
-
-    std::string message;
-    std::string answer;  // the JSON of kv_discover and kv_sample
-
-    bool hasMismatch = false;
-    std::string mismatchFile, mismatchStatement, expected, mask, actual;
-    jtag::Place mismatchPlace;
-    uint32_t mismatchBits = 0;
-
-    int fail(int status, const std::string& what) {
-        message = what;
-        return status;
-    }
-    int ok() {
-        message.clear();
-        return KV_OK;
-    }
 };
 
-namespace {
+// The open handles by id, and the next id. Kept for the life of the
+// process, usable in exit().
+struct Registry {
+    std::mutex mutex;
+    std::unordered_map<uintptr_t, std::shared_ptr<Handle>> live;
+    uintptr_t next = 1;
+};
+Registry& registry() {
+    static Registry* r = new Registry;
+    return *r;
+}
 
-std::set<kv_device*>& openDevices() {
-    static std::set<kv_device*>* s = new std::set<kv_device*>;
-    return *s;
+// This thread's slots, by handle id.
+thread_local std::unordered_map<uintptr_t, Slot> slots;
+
+uintptr_t idOf(const kv_device* device) { return reinterpret_cast<uintptr_t>(device); }
+kv_device* tokenOf(uintptr_t id) { return reinterpret_cast<kv_device*>(id); }
+
+// The open handle with this id, or null. This thread's slots of handles
+// closed since are dropped (but for the one asked for: its KV_E_CLOSED
+// message goes there).
+std::shared_ptr<Handle> lookUp(uintptr_t id) {
+    Registry& r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    for (auto it = slots.begin(); it != slots.end();)
+        it = it->first != id && !r.live.count(it->first) ? slots.erase(it) : std::next(it);
+    auto it = r.live.find(id);
+    return it == r.live.end() ? nullptr : it->second;
+}
+
+bool isOwner(const Handle& h) { return h.owner.load() == std::this_thread::get_id(); }
+
+// The call's answer into this thread's slot for the handle.
+Slot& leave(uintptr_t id, Reply& r) {
+    Slot& s = slots[id];
+    s.message = std::move(r.message);
+    if (r.hasAnswer) s.answer = std::move(r.answer);
+    if (r.setsMismatch) {
+        Slot& m = r.mismatch;
+        s.hasMismatch = m.hasMismatch;
+        s.mismatchFile = std::move(m.mismatchFile);
+        s.mismatchStatement = std::move(m.mismatchStatement);
+        s.expected = std::move(m.expected);
+        s.mask = std::move(m.mask);
+        s.actual = std::move(m.actual);
+        s.mismatchPlace = m.mismatchPlace;
+        s.mismatchBits = m.mismatchBits;
+    }
+    return s;
 }
 
 uint32_t periodNs(double hz) { return hz > 0 && hz < 1e9 ? static_cast<uint32_t>(std::ceil(1e9 / hz)) : 0; }
 
+// The Tap's look-in during a call: a close from another thread ends the
+// call; a play's progress goes on.
+void lookIn(void* context) {
+    Handle* h = static_cast<Handle*>(context);
+    if (h->closing.load(std::memory_order_relaxed)) throw Closed{};
+    if (h->onCycles) h->onCycles();
+}
+
 // Gives the pins back: inputs again, routing undone.
-void release(kv_device* d) {
+void release(Handle* d) {
     if (!d->selected) return;
     d->selected = false;
     d->tap.reset();
@@ -132,11 +237,12 @@ void release(kv_device* d) {
 
 // The pins taken (again, after a play gave them back): a fresh Tap, the
 // chain reset, the handle's ceiling.
-void takePins(kv_device* d) {
+void takePins(Handle* d) {
     if (d->selected) return;
     XilIntf_select(d->intf, d->fpga.c_str());
     d->selected = true;
     d->tap = std::make_unique<jtag::Tap>(d->intf);
+    d->tap->hookIs(lookIn, d);
     d->tap->ceilingIs(periodNs(d->frequencyHz));
     d->tap->reset();
     if (d->discovery) {
@@ -146,7 +252,8 @@ void takePins(kv_device* d) {
     }
 }
 
-void closeDevice(kv_device* d) {
+// Under the lock.
+void closeDevice(Handle* d) {
     if (d->intf) {
         release(d);
         delete d->intf;  // drops the lock
@@ -154,23 +261,26 @@ void closeDevice(kv_device* d) {
     }
     if (d->onBoard) kv::boardAfterClose();
     d->onBoard = false;
-    openDevices().erase(d);
 }
 
 // A process that ends without closing its devices: their pins are given
-// back all the same.
+// back all the same. A call still running in another thread is told to
+// end first.
 void closeAtExit() {
+    std::unordered_map<uintptr_t, std::shared_ptr<Handle>> open;
+    {
+        std::lock_guard<std::mutex> lock(registry().mutex);
+        open.swap(registry().live);
+    }
+    for (auto& entry : open) entry.second->closing = true;
     std::lock_guard<std::recursive_mutex> lock(apiMutex());
     ExitThrows exitThrows;
-    while (!openDevices().empty()) {
-        kv_device* d = *openDevices().begin();
-        closeDevice(d);
-    }
+    for (auto& entry : open) closeDevice(entry.second.get());
 }
 
 // Whether another file description holds the device's lock (the one
 // libxilinx takes: the same file, the same flock).
-bool lockHeld(const kv_device* d) {
+bool lockHeld(const Handle* d) {
     char name[256];
     xilLockName(name, d->at.domain, d->at.bus, d->at.device);
     std::string path = d->testMode ? XilIntf::testLockFile : std::string("/var/lock/") + name;
@@ -181,41 +291,42 @@ bool lockHeld(const kv_device* d) {
     return held;
 }
 
-int refused(kv_device* d, const ExitCalled&) {
-    return d->fail(KV_E_REFUSED, "the " + d->fpga + " backend refused this board (it printed why)");
+int refused(Handle* d, Reply& r) {
+    return r.fail(KV_E_REFUSED, "the " + d->fpga + " backend refused this board (it printed why)");
 }
 
-int needDevice(kv_device* d) {
-    if (!d->intf) return d->fail(KV_E_ARGUMENT, "the device did not open");
+int needDevice(Handle* d, Reply& r) {
+    if (!d->intf) return r.fail(KV_E_ARGUMENT, "the device did not open");
     return KV_OK;
 }
 
 // Discovery, when it has not run: the lengths the shifts need.
-int discover(kv_device* d) {
+int discover(Handle* d, Reply& r) {
     takePins(d);
     jtag::Discovery found = jtag::discover(*d->tap, d->catalogue, d->discoveryOptions);
     if (found.scan.fault != jtag::ChainScan::Fault::none)
-        return d->fail(KV_E_DEAD_CHAIN, found.scan.fault == jtag::ChainScan::Fault::inconsistent
-                                            ? "the chain answers inconsistently: " + found.scan.detail
-                                            : jtag::describe(found.scan.fault, d->discoveryOptions.maxDevices));
-    if (!found.irProblem.empty()) return d->fail(KV_E_DEAD_CHAIN, found.irProblem);
+        return r.fail(KV_E_DEAD_CHAIN, found.scan.fault == jtag::ChainScan::Fault::inconsistent
+                                           ? "the chain answers inconsistently: " + found.scan.detail
+                                           : jtag::describe(found.scan.fault, d->discoveryOptions.maxDevices));
+    if (!found.irProblem.empty()) return r.fail(KV_E_DEAD_CHAIN, found.irProblem);
     d->discovery = std::move(found);
     std::vector<unsigned> lengths;
     for (const jtag::DeviceFacts& f : d->discovery->devices) lengths.push_back(f.irLength);
     d->access = std::make_unique<jtag::ChainAccess>(*d->tap, lengths);
-    return d->ok();
+    return r.ok();
 }
 
-int discovered(kv_device* d, unsigned position) {
+int discovered(Handle* d, Reply& r, unsigned position) {
+    if (int status = needDevice(d, r)) return status;
     takePins(d);
     if (!d->discovery) {
-        int status = discover(d);
+        int status = discover(d, r);
         if (status != KV_OK) return status;
     }
     size_t n = d->discovery->devices.size();
     if (position >= n)
-        return d->fail(KV_E_ARGUMENT, "no device at position " + std::to_string(position) + " (the chain has " +
-                                          std::to_string(n) + ")");
+        return r.fail(KV_E_ARGUMENT, "no device at position " + std::to_string(position) + " (the chain has " +
+                                         std::to_string(n) + ")");
     return KV_OK;
 }
 
@@ -241,11 +352,11 @@ int playStatus(jtag::FormatError::Kind kind) {
 
 // The whole file checked (no pin moves), then played; the pins given back
 // at the end however it ends.
-int play(kv_device* d, FILE* f, uint64_t size, const std::string& name, int format, kv_progress_fn progress,
+int play(Handle* d, Reply& r, FILE* f, uint64_t size, const std::string& name, int format, kv_progress_fn progress,
          void* user, kv_play_result* result, const PlayInput* input) {
     if (result) *result = kv_play_result{};
     if (format != KV_FORMAT_AUTO && format != KV_FORMAT_SVF && format != KV_FORMAT_XSVF)
-        return d->fail(KV_E_ARGUMENT, "format " + std::to_string(format) + " is none of KV_FORMAT_AUTO, _SVF, _XSVF");
+        return r.fail(KV_E_ARGUMENT, "format " + std::to_string(format) + " is none of KV_FORMAT_AUTO, _SVF, _XSVF");
     jtag::VectorFormat fmt = format == KV_FORMAT_SVF    ? jtag::VectorFormat::svf
                              : format == KV_FORMAT_XSVF ? jtag::VectorFormat::xsvf
                                                         : jtag::sniffFormat(f);
@@ -256,23 +367,26 @@ int play(kv_device* d, FILE* f, uint64_t size, const std::string& name, int form
         std::unique_ptr<jtag::Reader> check = jtag::readerFor(fmt, f);
         while (check->next(&a)) counter.play(a);
     } catch (const jtag::FormatError& e) {
-        return d->fail(playStatus(e.kind), e.place.in(name) + ": " +
-                                               (e.kind == jtag::FormatError::unreadable ? "cannot read: " : "") + e.what());
+        return r.fail(playStatus(e.kind), e.place.in(name) + ": " +
+                                              (e.kind == jtag::FormatError::unreadable ? "cannot read: " : "") + e.what());
     }
     if (input && !input->unchanged())
-        return d->fail(KV_E_UNREADABLE, name + ": changed since it was checked (size or modification time); nothing played");
+        return r.fail(KV_E_UNREADABLE, name + ": changed since it was checked (size or modification time); nothing played");
     std::rewind(f);
 
     takePins(d);
     std::unique_ptr<jtag::Reader> reader = jtag::readerFor(fmt, f);
     jtag::Player player(d->tap.get(), jtag::systemClock());
     player.capIs(d->frequencyHz);
-    uint64_t start = jtag::systemClock().now(), shown = start;
-    player.onProgress = [&] {
+    uint64_t start = jtag::systemClock().now(), shown = start, shownCycles = d->tap->cycles();
+    // After each statement (the player) and inside long ones (the Tap's hook).
+    player.onProgress = d->onCycles = [&] {
+        if (d->closing.load(std::memory_order_relaxed)) throw Closed{};
         if (!progress) return;
-        uint64_t now = jtag::systemClock().now();
-        if (now - shown < kProgressNs) return;
+        uint64_t now = jtag::systemClock().now(), cycles = d->tap->cycles();
+        if (now - shown < kProgressNs && cycles - shownCycles < kProgressCycles) return;
         shown = now;
+        shownCycles = cycles;
         if (progress(user, std::min(reader->bytesRead(), size), size, player.stats().bits)) throw Cancelled{};
     };
     int status = KV_OK;
@@ -280,29 +394,34 @@ int play(kv_device* d, FILE* f, uint64_t size, const std::string& name, int form
         player.start(counter.stats().lowestHz);
         while (status == KV_OK && reader->next(&a)) {
             if (player.play(a)) continue;
-            d->hasMismatch = true;
-            d->mismatchFile = name;
-            d->mismatchPlace = a.place;
-            d->mismatchStatement = a.statement;
-            d->mismatchBits = static_cast<uint32_t>(a.tdi.size());
-            d->expected = a.tdo.hex();
-            d->mask = a.mask.hex();
-            d->actual = player.tdo().hex();
-            status = d->fail(KV_E_MISMATCH, a.place.in(name) + ": " + a.statement + " of " + std::to_string(a.tdi.size()) +
-                                                 " bits: " + player.mismatch());
+            Slot& m = r.mismatch;
+            m.hasMismatch = true;
+            m.mismatchFile = name;
+            m.mismatchPlace = a.place;
+            m.mismatchStatement = a.statement;
+            m.mismatchBits = static_cast<uint32_t>(a.tdi.size());
+            m.expected = a.tdo.hex();
+            m.mask = a.mask.hex();
+            m.actual = player.tdo().hex();
+            status = r.fail(KV_E_MISMATCH, a.place.in(name) + ": " + a.statement + " of " + std::to_string(a.tdi.size()) +
+                                               " bits: " + player.mismatch());
         }
         if (status == KV_OK && progress && progress(user, size, size, player.stats().bits)) throw Cancelled{};
+    } catch (const Closed&) {
+        status = r.fail(KV_E_CLOSED, kClosedDuring);
     } catch (const Cancelled&) {
-        status = d->fail(KV_E_CANCELLED, name + ": cancelled by the progress callback after " +
-                                             std::to_string(player.stats().bits) + " bits; pins given back");
+        status = r.fail(KV_E_CANCELLED, name + ": cancelled by the progress callback after " +
+                                            std::to_string(player.stats().bits) + " bits; pins given back");
     } catch (const jtag::FormatError& e) {
-        status = d->fail(playStatus(e.kind), e.place.in(name) + ": " + e.what());
+        status = r.fail(playStatus(e.kind), e.place.in(name) + ": " + e.what());
     } catch (const std::bad_alloc&) {
-        status = d->fail(KV_E_MEMORY, name + ": not enough memory for the statement after " + a.place.in(name));
+        status = r.fail(KV_E_MEMORY, name + ": not enough memory for the statement after " + a.place.in(name));
     } catch (...) {
+        d->onCycles = nullptr;
         release(d);
         throw;
     }
+    d->onCycles = nullptr;
     release(d);
     if (result) {
         result->statements = reader->statements();
@@ -311,21 +430,52 @@ int play(kv_device* d, FILE* f, uint64_t size, const std::string& name, int form
         result->tck_cycles = player.stats().cycles;
         result->seconds = static_cast<double>(jtag::systemClock().now() - start) * 1e-9;
     }
-    return status == KV_OK ? d->ok() : status;
+    return status == KV_OK ? r.ok() : status;
 }
 
-// Runs a call's body: a board's refusal, and memory that runs out, become statuses.
-template <typename Body>
-int guarded(kv_device* d, Body body) {
-    try {
-        return body();
-    } catch (const ExitCalled& e) {
-        return refused(d, e);
-    } catch (const std::bad_alloc&) {
-        return d->fail(KV_E_MEMORY, "out of memory");
-    } catch (const std::exception& e) {  // nothing may leave a C function
-        return d->fail(KV_E_REFUSED, e.what());
+// One call on a handle: looked up, refused when closed or when it comes
+// from inside a call on the same handle, else run under the lock as its
+// owner; a board's refusal, memory that runs out, a close from another
+// thread become statuses. Then the reply goes into this thread's slot,
+// which after(slot) may hand out.
+template <typename Body, typename After>
+int onHandle(const kv_device* device, Body body, After after) {
+    uintptr_t id = idOf(device);
+    std::shared_ptr<Handle> h = lookUp(id);
+    Reply r;
+    int status;
+    if (!h) {
+        status = r.fail(KV_E_CLOSED, kNotOpen);
+    } else if (isOwner(*h)) {
+        status = r.fail(KV_E_REENTRANT, kReentrant);
+    } else {
+        Call call;
+        if (h->closing) {
+            status = r.fail(KV_E_CLOSED, kNotOpen);
+        } else {
+            h->owner = std::this_thread::get_id();
+            try {
+                status = body(h.get(), r);
+            } catch (const ExitCalled&) {
+                status = refused(h.get(), r);
+            } catch (const Closed&) {
+                status = r.fail(KV_E_CLOSED, kClosedDuring);
+            } catch (const std::bad_alloc&) {
+                status = r.fail(KV_E_MEMORY, "out of memory");
+            } catch (const std::exception& e) {  // nothing may leave a C function
+                status = r.fail(KV_E_REFUSED, e.what());
+            }
+            h->owner = std::thread::id();
+        }
     }
+    Slot& slot = leave(id, r);
+    if (status == KV_OK) after(slot);
+    return status;
+}
+
+template <typename Body>
+int onHandle(const kv_device* device, Body body) {
+    return onHandle(device, body, [](Slot&) {});
 }
 
 }  // namespace
@@ -333,39 +483,47 @@ int guarded(kv_device* d, Body body) {
 extern "C" {
 
 const char* kv_status_name(int status) {
-    static const char* const names[] = {"ok",       "argument",  "no backend", "locked", "refused",
-                                        "unreadable", "syntax",  "unsupported", "mismatch", "cancelled",
-                                        "dead chain", "bsdl",    "sim",        "memory"};
+    static const char* const names[] = {"ok",         "argument", "no backend", "locked",   "refused",
+                                        "unreadable", "syntax",   "unsupported", "mismatch", "cancelled",
+                                        "dead chain", "bsdl",     "sim",        "memory",   "reentrant",
+                                        "closed"};
     return status >= 0 && status < static_cast<int>(sizeof names / sizeof names[0]) ? names[status] : "unknown";
 }
 
 int kv_open(const char* fpga, const char* pci_address, unsigned flags, double frequency_hz, kv_device** device) {
     if (!device) return KV_E_ARGUMENT;
-    kv_device* d = new (std::nothrow) kv_device;
-    *device = d;
-    if (!d) return KV_E_MEMORY;
-    Call call;
-    return guarded(d, [&] {
-        if (!fpga || !pci_address) return d->fail(KV_E_ARGUMENT, "no device name or no PCI address");
+    *device = nullptr;
+    std::shared_ptr<Handle> h;
+    try {
+        h = std::make_shared<Handle>();
+        Registry& r = registry();
+        std::lock_guard<std::mutex> lock(r.mutex);
+        h->id = r.next++;
+        r.live.emplace(h->id, h);
+    } catch (const std::bad_alloc&) {
+        return KV_E_MEMORY;
+    }
+    *device = tokenOf(h->id);
+    return onHandle(*device, [&](Handle* d, Reply& r) {
+        if (!fpga || !pci_address) return r.fail(KV_E_ARGUMENT, "no device name or no PCI address");
         d->fpga = fpga;
-        if (!device::parsePciAddress(pci_address, &d->at)) return d->fail(KV_E_ARGUMENT, device::notAPciAddress(pci_address));
+        if (!device::parsePciAddress(pci_address, &d->at)) return r.fail(KV_E_ARGUMENT, device::notAPciAddress(pci_address));
         if (!(frequency_hz == 0 || (frequency_hz >= jtag::Player::kMinHz && frequency_hz <= 1e12)))
-            return d->fail(KV_E_ARGUMENT, "a TCK ceiling of " + std::to_string(frequency_hz) + " Hz (0, or 1 Hz to 1 THz)");
+            return r.fail(KV_E_ARGUMENT, "a TCK ceiling of " + std::to_string(frequency_hz) + " Hz (0, or 1 Hz to 1 THz)");
         d->testMode = (flags & KV_TEST_MODE) != 0;
         d->frequencyHz = frequency_hz;
         std::string why;
-        if (!kv::boardBeforeOpen(d->fpga, &why)) return d->fail(KV_E_SIM, why);
+        if (!kv::boardBeforeOpen(d->fpga, &why)) return r.fail(KV_E_SIM, why);
         d->onBoard = true;
         static bool atExit = std::atexit(closeAtExit) == 0;
         (void)atExit;
-        openDevices().insert(d);
         if (!XilIntfFactory::factory(fpga)) {
             closeDevice(d);
-            return d->fail(KV_E_NO_BACKEND, "no backend serves " + d->fpga + " on this board");
+            return r.fail(KV_E_NO_BACKEND, "no backend serves " + d->fpga + " on this board");
         }
         if (lockHeld(d)) {
             closeDevice(d);
-            return d->fail(KV_E_LOCKED, kLockedMessage);
+            return r.fail(KV_E_LOCKED, kLockedMessage);
         }
         bool wasTestMode = XilIntf::testMode;
         XilIntf::testMode = d->testMode;
@@ -375,169 +533,208 @@ int kv_open(const char* fpga, const char* pci_address, unsigned flags, double fr
             XilIntf::testMode = wasTestMode;
             if (!d->intf) {
                 closeDevice(d);
-                return d->fail(KV_E_NO_BACKEND, "no backend serves " + d->fpga + " on this board");
+                return r.fail(KV_E_NO_BACKEND, "no backend serves " + d->fpga + " on this board");
             }
             takePins(d);
             std::fflush(stdout);
-        } catch (const ExitCalled& e) {
+        } catch (const ExitCalled&) {
             XilIntf::testMode = wasTestMode;
             closeDevice(d);
-            return refused(d, e);
+            return refused(d, r);
+        } catch (...) {
+            XilIntf::testMode = wasTestMode;
+            closeDevice(d);  // the lock dropped, the board's count right, whatever ended the open
+            throw;
         }
-        return d->ok();
+        return r.ok();
     });
 }
 
 int kv_close(kv_device* device) {
     if (!device) return KV_OK;
+    uintptr_t id = idOf(device);
+    std::shared_ptr<Handle> h;
+    bool reentrant = false;
+    {
+        Registry& r = registry();
+        std::lock_guard<std::mutex> lock(r.mutex);
+        auto it = r.live.find(id);
+        if (it != r.live.end()) {
+            reentrant = isOwner(*it->second);
+            if (!reentrant) {
+                h = std::move(it->second);
+                r.live.erase(it);
+            }
+        }
+    }
+    if (!h) {  // the status, and its message for kv_message
+        Reply r;
+        int status = reentrant ? r.fail(KV_E_REENTRANT, kReentrant) : r.fail(KV_E_CLOSED, kNotOpen);
+        leave(id, r);
+        return status;
+    }
+    h->closing = true;  // a call running in another thread ends at its next look-in
     {
         Call call;
-        closeDevice(device);
+        closeDevice(h.get());
     }
-    delete device;
+    slots.erase(id);
     return KV_OK;
 }
 
-const char* kv_message(const kv_device* device) { return device ? device->message.c_str() : "no device"; }
+const char* kv_message(const kv_device* device) {
+    if (!device) return "no device";
+    auto it = slots.find(idOf(device));
+    if (it != slots.end()) return it->second.message.c_str();
+    Registry& r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    return r.live.count(idOf(device)) ? "" : kNotOpen;
+}
 
 int kv_add_bsdl(kv_device* device, const char* path) {
-    if (!device) return KV_E_ARGUMENT;
-    Call call;
-    return guarded(device, [&] {
-        if (!path) return device->fail(KV_E_ARGUMENT, "no BSDL path");
+    return onHandle(device, [&](Handle* d, Reply& r) {
+        if (!path) return r.fail(KV_E_ARGUMENT, "no BSDL path");
         struct stat st;
-        if (::stat(path, &st) != 0) return device->fail(KV_E_BSDL, std::string(path) + ": " + std::strerror(errno));
+        if (::stat(path, &st) != 0) return r.fail(KV_E_BSDL, std::string(path) + ": " + std::strerror(errno));
         if (S_ISDIR(st.st_mode)) {
-            device->catalogue.addDirectory(path);
+            d->catalogue.addDirectory(path);
         } else {
             jtag::bsdl::Error error;
-            if (!device->catalogue.addFile(path, &error)) return device->fail(KV_E_BSDL, error.text());
+            if (!d->catalogue.addFile(path, &error)) return r.fail(KV_E_BSDL, error.text());
         }
-        device->discovery.reset();  // found again with the files
-        return device->ok();
+        d->discovery.reset();  // found again with the files
+        return r.ok();
     });
 }
 
 int kv_irlen_is(kv_device* device, unsigned position, unsigned length) {
-    if (!device) return KV_E_ARGUMENT;
-    Call call;
-    return guarded(device, [&] {
+    return onHandle(device, [&](Handle* d, Reply& r) {
+        if (position >= d->discoveryOptions.maxDevices)
+            return r.fail(KV_E_ARGUMENT, "position " + std::to_string(position) + " is past any chain (at most " +
+                                             std::to_string(d->discoveryOptions.maxDevices) + " devices)");
         if (length < 2 || length > 999)
-            return device->fail(KV_E_ARGUMENT, "an IR length of " + std::to_string(length) + " bits (2 to 999)");
-        device->discoveryOptions.irLength[position] = length;
-        device->discovery.reset();
-        return device->ok();
+            return r.fail(KV_E_ARGUMENT, "an IR length of " + std::to_string(length) + " bits (2 to 999)");
+        d->discoveryOptions.irLength[position] = length;
+        d->discovery.reset();
+        return r.ok();
     });
 }
 
 int kv_discover(kv_device* device, const char** json) {
-    if (!device) return KV_E_ARGUMENT;
-    Call call;
-    if (int status = needDevice(device)) return status;
-    return guarded(device, [&] {
-        int status = discover(device);
-        if (status != KV_OK) return status;
-        device->answer = jtag::discoveryJson(*device->discovery);
-        if (json) *json = device->answer.c_str();
-        return device->ok();
-    });
+    return onHandle(
+        device,
+        [&](Handle* d, Reply& r) {
+            if (int status = needDevice(d, r)) return status;
+            int status = discover(d, r);
+            if (status != KV_OK) return status;
+            r.answer = jtag::discoveryJson(*d->discovery);
+            r.hasAnswer = true;
+            return r.ok();
+        },
+        [&](Slot& s) {
+            if (json) *json = s.answer.c_str();
+        });
 }
 
 int kv_shift_ir(kv_device* device, unsigned position, uint32_t nbits, const uint8_t* in, uint8_t* out) {
-    if (!device) return KV_E_ARGUMENT;
-    Call call;
-    if (int status = needDevice(device)) return status;
-    return guarded(device, [&] {
-        if (int status = discovered(device, position)) return status;
-        unsigned length = device->discovery->devices[position].irLength;
+    return onHandle(device, [&](Handle* d, Reply& r) {
+        if (int status = discovered(d, r, position)) return status;
+        unsigned length = d->discovery->devices[position].irLength;
         if (nbits != length)
-            return device->fail(KV_E_ARGUMENT, "device " + std::to_string(position) + "'s instruction register has " +
-                                                   std::to_string(length) + " bits, not " + std::to_string(nbits));
-        auto captured = device->access->instructions({{position, bitsFrom(in, nbits)}}, out != nullptr);
+            return r.fail(KV_E_ARGUMENT, "device " + std::to_string(position) + "'s instruction register has " +
+                                             std::to_string(length) + " bits, not " + std::to_string(nbits));
+        auto captured = d->access->instructions({{position, bitsFrom(in, nbits)}}, out != nullptr);
         if (out) bitsTo(captured[position], out);
-        return device->ok();
+        return r.ok();
     });
 }
 
 int kv_shift_dr(kv_device* device, unsigned position, uint32_t nbits, const uint8_t* in, uint8_t* out) {
-    if (!device) return KV_E_ARGUMENT;
-    Call call;
-    if (int status = needDevice(device)) return status;
-    return guarded(device, [&] {
-        if (int status = discovered(device, position)) return status;
-        if (nbits == 0) return device->fail(KV_E_ARGUMENT, "a data register of 0 bits");
-        auto captured = device->access->data({{position, bitsFrom(in, nbits)}});
+    return onHandle(device, [&](Handle* d, Reply& r) {
+        if (nbits == 0 || nbits > KV_MAX_BITS)
+            return r.fail(KV_E_ARGUMENT, "a data register of " + std::to_string(nbits) + " bits (1 to " +
+                                             std::to_string(KV_MAX_BITS) + ")");
+        if (int status = discovered(d, r, position)) return status;
+        auto captured = d->access->data({{position, bitsFrom(in, nbits)}});
         bitsTo(captured[position], out);
-        return device->ok();
+        return r.ok();
     });
 }
 
 int kv_sample(kv_device* device, unsigned position, const char** json) {
-    if (!device) return KV_E_ARGUMENT;
-    Call call;
-    if (int status = needDevice(device)) return status;
-    return guarded(device, [&] {
-        if (int status = discovered(device, position)) return status;
-        const jtag::DeviceFacts& f = device->discovery->devices[position];
-        std::string p = std::to_string(position);
-        if (!f.bsdl) return device->fail(KV_E_BSDL, "device " + p + " has no BSDL file (kv_add_bsdl)");
-        jtag::BitVector sample = jtag::bsdlOpcode(*f.bsdl, {"SAMPLE", "PRELOAD"});
-        if (f.bsdl->boundaryLength == 0 || sample.empty())
-            return device->fail(KV_E_BSDL, "device " + p + " (" + f.bsdl->entity + ") has no boundary register");
-        device->access->instructions({{position, sample}});
-        auto captured = device->access->data({{position, jtag::BitVector(f.bsdl->boundaryLength)}});
-        device->tap->reset();  // back to the device's own function
-        device->answer = jtag::sampleJson(position, *f.bsdl, jtag::portLevels(*f.bsdl, captured[position]));
-        if (json) *json = device->answer.c_str();
-        return device->ok();
-    });
+    return onHandle(
+        device,
+        [&](Handle* d, Reply& r) {
+            if (int status = discovered(d, r, position)) return status;
+            const jtag::DeviceFacts& f = d->discovery->devices[position];
+            std::string p = std::to_string(position);
+            if (!f.bsdl) return r.fail(KV_E_BSDL, "device " + p + " has no BSDL file (kv_add_bsdl)");
+            jtag::BitVector sample = jtag::bsdlOpcode(*f.bsdl, {"SAMPLE", "PRELOAD"});
+            if (f.bsdl->boundaryLength == 0 || sample.empty())
+                return r.fail(KV_E_BSDL, "device " + p + " (" + f.bsdl->entity + ") has no boundary register");
+            d->access->instructions({{position, sample}});
+            auto captured = d->access->data({{position, jtag::BitVector(f.bsdl->boundaryLength)}});
+            d->tap->reset();  // back to the device's own function
+            r.answer = jtag::sampleJson(position, *f.bsdl, jtag::portLevels(*f.bsdl, captured[position]));
+            r.hasAnswer = true;
+            return r.ok();
+        },
+        [&](Slot& s) {
+            if (json) *json = s.answer.c_str();
+        });
 }
 
 int kv_play(kv_device* device, const char* path, int format, kv_progress_fn progress, void* user,
             kv_play_result* result) {
-    if (!device) return KV_E_ARGUMENT;
-    Call call;
-    if (int status = needDevice(device)) return status;
-    return guarded(device, [&] {
-        device->hasMismatch = false;
-        if (!path) return device->fail(KV_E_ARGUMENT, "no file");
+    return onHandle(device, [&](Handle* d, Reply& r) {
+        r.setsMismatch = true;
+        if (int status = needDevice(d, r)) return status;
+        if (!path) return r.fail(KV_E_ARGUMENT, "no file");
         PlayInput input;
         std::string why;
-        if (!input.open(path, &why)) return device->fail(KV_E_UNREADABLE, std::string(path) + ": " + why);
-        return play(device, input.file(), input.size(), path, format, progress, user, result, &input);
+        if (!input.open(path, &why)) return r.fail(KV_E_UNREADABLE, std::string(path) + ": " + why);
+        return play(d, r, input.file(), input.size(), path, format, progress, user, result, &input);
     });
 }
 
 int kv_play_buffer(kv_device* device, const void* data, size_t size, const char* name, int format,
                    kv_progress_fn progress, void* user, kv_play_result* result) {
-    if (!device) return KV_E_ARGUMENT;
-    Call call;
-    if (int status = needDevice(device)) return status;
-    return guarded(device, [&] {
-        device->hasMismatch = false;
-        if (!data && size) return device->fail(KV_E_ARGUMENT, "no buffer");
+    return onHandle(device, [&](Handle* d, Reply& r) {
+        r.setsMismatch = true;
+        if (int status = needDevice(d, r)) return status;
+        if (!data && size) return r.fail(KV_E_ARGUMENT, "no buffer");
         std::string label = name ? name : "buffer";
         // fmemopen takes no empty buffer; an empty temporary file is the same input.
         FILE* f = size ? ::fmemopen(const_cast<void*>(data), size, "r") : std::tmpfile();
-        if (!f) return device->fail(KV_E_MEMORY, label + ": " + std::strerror(errno));
+        if (!f) return r.fail(KV_E_MEMORY, label + ": " + std::strerror(errno));
         std::unique_ptr<FILE, int (*)(FILE*)> closer(f, std::fclose);
-        return play(device, f, size, label, format, progress, user, result, nullptr);
+        return play(d, r, f, size, label, format, progress, user, result, nullptr);
     });
 }
 
 int kv_mismatch(kv_device* device, kv_mismatch_info* info) {
-    if (!device || !info) return KV_E_ARGUMENT;
-    Call call;
-    if (!device->hasMismatch) return device->fail(KV_E_ARGUMENT, "the last play had no TDO mismatch");
-    info->file = device->mismatchFile.c_str();
-    info->byte_offset = device->mismatchPlace.byte ? 1 : 0;
-    info->where = device->mismatchPlace.at;
-    info->statement = device->mismatchStatement.c_str();
-    info->nbits = device->mismatchBits;
-    info->expected = device->expected.c_str();
-    info->mask = device->mask.c_str();
-    info->actual = device->actual.c_str();
-    return device->ok();
+    bool had = false;
+    int status = onHandle(
+        device,
+        [&](Handle*, Reply& r) {
+            if (!info) return r.fail(KV_E_ARGUMENT, "no kv_mismatch_info");
+            return r.ok();
+        },
+        [&](Slot& s) {
+            had = s.hasMismatch;
+            if (!had) return;
+            info->file = s.mismatchFile.c_str();
+            info->byte_offset = s.mismatchPlace.byte ? 1 : 0;
+            info->where = s.mismatchPlace.at;
+            info->statement = s.mismatchStatement.c_str();
+            info->nbits = s.mismatchBits;
+            info->expected = s.expected.c_str();
+            info->mask = s.mask.c_str();
+            info->actual = s.actual.c_str();
+        });
+    if (status != KV_OK || had) return status;
+    slots[idOf(device)].message = "the last play on the handle from this thread had no TDO mismatch";
+    return KV_E_ARGUMENT;
 }
 
 int kv_sim_configure(const char* options, char* why, size_t why_size) {
@@ -553,13 +750,12 @@ int kv_sim_configure(const char* options, char* why, size_t why_size) {
 }
 
 int kv_sim_pins(kv_device* device, char* text, size_t size) {
-    if (!device || (!text && size)) return KV_E_ARGUMENT;
-    Call call;
-    return guarded(device, [&] {
+    return onHandle(device, [&](Handle*, Reply& r) {
+        if (!text && size) return r.fail(KV_E_ARGUMENT, "no text buffer");
         std::string pins, why;
-        if (!kv::boardPins(&pins, &why)) return device->fail(KV_E_SIM, why);
+        if (!kv::boardPins(&pins, &why)) return r.fail(KV_E_SIM, why);
         if (size) std::snprintf(text, size, "%s", pins.c_str());
-        return device->ok();
+        return r.ok();
     });
 }
 

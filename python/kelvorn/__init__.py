@@ -28,7 +28,8 @@ import os
 import threading
 from typing import Any, Callable, Dict, List, Optional, Union
 
-__all__ = ["open", "Device", "Error", "TdoMismatch", "Cancelled", "PlayResult", "LIBRARY", "SIM_LIBRARY"]
+__all__ = ["open", "Device", "Error", "TdoMismatch", "Cancelled", "Closed", "Reentrant", "PlayResult", "LIBRARY",
+           "SIM_LIBRARY", "MAX_BITS"]
 
 LIBRARY = "libkelvorn.so.1"
 SIM_LIBRARY = "libkelvorn-sim.so.1"
@@ -48,6 +49,12 @@ E_DEAD_CHAIN = 10
 E_BSDL = 11
 E_SIM = 12
 E_MEMORY = 13
+E_REENTRANT = 14
+E_CLOSED = 15
+
+# The longest data register shift_dr shifts (KV_MAX_BITS): 2**30 bits, 128 MiB.
+MAX_BITS = 1 << 30
+_UINT_MAX = 0xFFFFFFFF  # what the C functions' positions and lengths hold
 
 _TEST_MODE = 1
 _FORMATS = {"auto": 0, "svf": 1, "xsvf": 2}
@@ -88,6 +95,32 @@ class TdoMismatch(Error):
 
 class Cancelled(Error):
     """The progress callback stopped a play; the pins were given back."""
+
+
+class Closed(Error):
+    """The device is closed, or another thread closed it during the call
+    (which then gave the pins back)."""
+
+
+class Reentrant(Error):
+    """A call on the device from inside a call on it (its progress
+    callback): nothing was done; the running call must return first."""
+
+
+_ERRORS = {E_CANCELLED: Cancelled, E_CLOSED: Closed, E_REENTRANT: Reentrant}
+
+
+def _error(status: int, message: str) -> Error:
+    return _ERRORS.get(status, Error)(status, message)
+
+
+def _count(name: str, value: int, low: int, high: int) -> int:
+    """value as a C count or position, refused (never wrapped) outside low..high."""
+    if isinstance(value, bool) or not isinstance(value, int):
+        raise TypeError(f"{name} must be an int, not {type(value).__name__}")
+    if not low <= value <= high:
+        raise ValueError(f"{name}: {value} is out of range ({low} to {high})")
+    return value
 
 
 class _PlayResult(ctypes.Structure):
@@ -190,35 +223,47 @@ class Device:
         return f"<kelvorn.Device {self.fpga} {self.address} {state}>"
 
     def close(self) -> None:
-        """Gives the pins back and drops the lock. Closing twice does nothing."""
-        if self._handle:
-            self._lib.kv_close(self._handle)
-            self._handle = None
+        """Gives the pins back and drops the lock; a call running on the
+        device in another thread ends first (raising Closed there). Closing
+        twice does nothing. From the device's own progress callback:
+        Reentrant, and the device stays open."""
+        handle, self._handle = self._handle, None
+        if handle:
+            status = self._lib.kv_close(handle)
+            if status == E_REENTRANT:
+                self._handle = handle
+                self._check(status, handle)
 
     def _h(self) -> ctypes.c_void_p:
-        if not self._handle:
-            raise Error(E_ARGUMENT, f"{self.fpga} {self.address} is closed")
-        return self._handle
+        handle = self._handle
+        if not handle:
+            raise Closed(E_CLOSED, f"{self.fpga} {self.address} is closed")
+        return handle
 
-    def _check(self, status: int) -> None:
+    def _check(self, status: int, handle: ctypes.c_void_p) -> None:
+        """The status of a call on handle; its message is this thread's."""
         if status != OK:
-            message = (self._lib.kv_message(self._handle) or b"").decode(errors="replace")
-            raise Error(status, message)
+            raise _error(status, (self._lib.kv_message(handle) or b"").decode(errors="replace"))
 
     def add_bsdl(self, path: Union[str, "os.PathLike[str]"]) -> None:
         """A BSDL file, or a directory of *.bsd and *.bsdl files found by IDCODE."""
-        self._check(self._lib.kv_add_bsdl(self._h(), os.fsencode(path)))
+        h = self._h()
+        self._check(self._lib.kv_add_bsdl(h, os.fsencode(path)), h)
 
     def set_irlen(self, position: int, length: int) -> None:
         """The instruction register length of the device at position, where the chain does not tell it."""
-        self._check(self._lib.kv_irlen_is(self._h(), position, length))
+        _count("position", position, 0, _UINT_MAX)
+        _count("IR length", length, 0, _UINT_MAX)
+        h = self._h()
+        self._check(self._lib.kv_irlen_is(h, position, length), h)
 
     def discover(self) -> List[Dict[str, Any]]:
         """The devices on the chain, nearest TDO first, each a dict with
         kelvorn-chain's JSON keys: position, idcode ("0x..." or None),
         ir_length, ir_length_from, manufacturer, part, version, bsdl."""
         text = ctypes.c_char_p()
-        self._check(self._lib.kv_discover(self._h(), ctypes.byref(text)))
+        h = self._h()
+        self._check(self._lib.kv_discover(h, ctypes.byref(text)), h)
         devices: List[Dict[str, Any]] = json.loads(text.value or b"{}")["devices"]
         self._devices = devices
         return devices
@@ -227,6 +272,7 @@ class Device:
         """Loads value into the instruction register of the device at
         position (bits: its length, the discovered one when None), every
         other device BYPASS; returns what the register captured."""
+        _count("position", position, 0, _UINT_MAX)
         if bits is None:
             if self._devices is None:
                 self.discover()
@@ -234,25 +280,33 @@ class Device:
             if not lengths:
                 raise Error(E_ARGUMENT, f"no device at position {position} (the chain has {len(self._devices or [])})")
             bits = int(lengths[0])
+        _count("instruction register bits", bits, 1, MAX_BITS)
         buf = _bytes_of(value, bits)
         out = (ctypes.c_uint8 * len(buf))()
-        self._check(self._lib.kv_shift_ir(self._h(), position, bits, buf, out))
+        h = self._h()
+        self._check(self._lib.kv_shift_ir(h, position, bits, buf, out), h)
         return int.from_bytes(bytes(out), "little")
 
     def shift_dr(self, position: int, value: int, bits: int) -> int:
         """Shifts value through the bits-long register the device's
         instruction selects, every other device a one-bit BYPASS; returns
-        what the register held."""
+        what the register held. bits: 1 to MAX_BITS, refused before
+        anything is allocated."""
+        _count("position", position, 0, _UINT_MAX)
+        _count("data register bits", bits, 1, MAX_BITS)
         buf = _bytes_of(value, bits)
         out = (ctypes.c_uint8 * len(buf))()
-        self._check(self._lib.kv_shift_dr(self._h(), position, bits, buf, out))
+        h = self._h()
+        self._check(self._lib.kv_shift_dr(h, position, bits, buf, out), h)
         return int.from_bytes(bytes(out), "little")
 
     def sample(self, position: int) -> Dict[str, int]:
         """SAMPLE on the device at position: {port: level} for every port
         with an input cell, from the device's BSDL file (add_bsdl)."""
+        _count("position", position, 0, _UINT_MAX)
         text = ctypes.c_char_p()
-        self._check(self._lib.kv_sample(self._h(), position, ctypes.byref(text)))
+        h = self._h()
+        self._check(self._lib.kv_sample(h, position, ctypes.byref(text)), h)
         pins: Dict[str, int] = json.loads(text.value or b"{}")["pins"]
         return pins
 
@@ -260,19 +314,21 @@ class Device:
              format: str = "auto") -> PlayResult:
         """Plays an SVF or XSVF file (checked whole first; nothing moves for
         a file that does not read). progress(done_bytes, total_bytes, bits)
-        is called at most ten times a second; a true return cancels
-        (Cancelled, the pins given back). Returns statements, scans, bits,
-        tck_cycles and seconds. Raises TdoMismatch, or Error with .status."""
-        return self._play(lambda cb, res: int(self._lib.kv_play(self._h(), os.fsencode(path), _FORMATS[format], cb,
-                                                                None, res)), progress)
+        is called every tenth of a second or 262144 TCK cycles, whichever
+        comes first, also inside one long scan; a true return cancels
+        (Cancelled, the pins given back). It must not call on this device
+        (Reentrant). Returns statements, scans, bits, tck_cycles and
+        seconds. Raises TdoMismatch, or Error with .status."""
+        return self._play(lambda h, cb, res: int(self._lib.kv_play(h, os.fsencode(path), _FORMATS[format], cb,
+                                                                   None, res)), progress)
 
     def play_bytes(self, data: bytes, name: str = "buffer", progress: Optional[Progress] = None,
                    format: str = "auto") -> PlayResult:
         """play() for a file already in memory; name is what errors call it."""
-        return self._play(lambda cb, res: int(self._lib.kv_play_buffer(self._h(), data, len(data), name.encode(),
-                                                                       _FORMATS[format], cb, None, res)), progress)
+        return self._play(lambda h, cb, res: int(self._lib.kv_play_buffer(h, data, len(data), name.encode(),
+                                                                          _FORMATS[format], cb, None, res)), progress)
 
-    def _play(self, call: Callable[[Any, Any], int], progress: Optional[Progress]) -> PlayResult:
+    def _play(self, call: Callable[[Any, Any, Any], int], progress: Optional[Progress]) -> PlayResult:
         raised: List[BaseException] = []
 
         def relay(_user: Optional[int], done: int, total: int, bits: int) -> int:
@@ -286,17 +342,16 @@ class Device:
 
         callback = _PROGRESS(relay)
         result = _PlayResult()
-        status = call(callback, ctypes.byref(result))
+        h = self._h()
+        status = call(h, callback, ctypes.byref(result))
         if raised:
             raise raised[0]
         if status == E_MISMATCH:
             info = _MismatchInfo()
-            message = (self._lib.kv_message(self._handle) or b"").decode(errors="replace")
-            if self._lib.kv_mismatch(self._handle, ctypes.byref(info)) == OK:
+            message = (self._lib.kv_message(h) or b"").decode(errors="replace")
+            if self._lib.kv_mismatch(h, ctypes.byref(info)) == OK:
                 raise TdoMismatch(status, message, info)
-        if status == E_CANCELLED:
-            raise Cancelled(status, (self._lib.kv_message(self._handle) or b"").decode(errors="replace"))
-        self._check(status)
+        self._check(status, h)
         return {"statements": result.statements, "scans": result.scans, "bits": result.bits,
                 "tck_cycles": result.tck_cycles, "seconds": result.seconds}
 
@@ -304,7 +359,8 @@ class Device:
         """On the simulated board: the device's pins as its chip drives them
         ("TCK=z TDI=z TMS=z TDO=1": z not driven)."""
         text = ctypes.create_string_buffer(512)
-        self._check(self._lib.kv_sim_pins(self._h(), text, len(text)))
+        h = self._h()
+        self._check(self._lib.kv_sim_pins(h, text, len(text)), h)
         return text.value.decode()
 
 

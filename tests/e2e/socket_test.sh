@@ -18,7 +18,7 @@ device=(rotanMotub 0000:04:00.0)
 # systemd-socket-activate hands its program a fresh environment: the
 # sanitizers' options go along by name.
 pass_env=()
-for v in ASAN_OPTIONS UBSAN_OPTIONS; do [ -n "${!v:-}" ] && pass_env+=(-E "$v"); done
+for v in ASAN_OPTIONS UBSAN_OPTIONS LSAN_OPTIONS; do [ -n "${!v:-}" ] && pass_env+=(-E "$v"); done
 
 free_port() { python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
 # Starts "systemd-socket-activate -l 127.0.0.1:PORT [-E VAR=VALUE] kelvorn-sim

@@ -124,6 +124,12 @@ def test_shift_ir_and_dr_through_bypass():
         assert dev.shift_dr(2, pattern, 4096) == 0
         assert dev.shift_dr(2, pattern >> 1, 4096) == pattern
         assert dev.shift_dr(2, 0, 4096) == pattern >> 1
+        # A scan longer than the slices the library cuts a shift into (2**18
+        # cycles, for its look-ins): the register's 4096 zeros and the two
+        # BYPASS bits the scan put before its bits, then every bit that went
+        # in, in order across the cuts.
+        long = int.from_bytes(bytes((i * 151 + 7) % 256 for i in range(75000)), "little")
+        assert dev.shift_dr(2, long, 600000) == (long << 4098) & ((1 << 600000) - 1)
         with pytest.raises(kelvorn.Error) as caught:
             dev.shift_ir(1, 1, 5)
         assert caught.value.status == kelvorn.E_ARGUMENT
@@ -183,3 +189,89 @@ def test_cancel_lock_and_refusals(tmp_path):
             dead.discover()
     assert caught.value.status == kelvorn.E_DEAD_CHAIN
     assert caught.value.message.startswith("TDO stuck at 1: no device drives it")
+
+
+def test_threads_each_get_their_own_answers():
+    """Eight threads on one device: every JSON whole, every message the thread's own."""
+    import threading
+    wrong = []
+    with kelvorn.open(FPGA, ADDRESS, sim=board()) as dev:
+        dev.add_bsdl(BSDL)
+        devices, pins = dev.discover(), dev.sample(0)
+
+        def work(t):
+            for i in range(150):
+                try:
+                    if i % 3 == 0:
+                        assert dev.discover() == devices
+                    elif i % 3 == 1:
+                        assert dev.sample(0) == pins
+                    else:
+                        dev.shift_dr(3 + t, 0, 8)
+                        wrong.append(f"thread {t}: no error")
+                except kelvorn.Error as e:
+                    if (e.status, e.message) != (kelvorn.E_ARGUMENT, f"no device at position {3 + t} (the chain has 3)"):
+                        wrong.append(f"thread {t}: {e.status} {e.message}")
+                except Exception as e:  # a JSON cut short, an assertion
+                    wrong.append(f"thread {t}: {e!r}")
+
+        threads = [threading.Thread(target=work, args=(t,)) for t in range(8)]
+        for t in threads:
+            t.start()
+        for t in threads:
+            t.join()
+    assert wrong == []
+
+
+def test_callbacks_and_closes_from_elsewhere():
+    with kelvorn.open(FPGA, ADDRESS, sim=board()) as dev:
+        # From its own progress callback a call on the device is refused: the
+        # play stops with that, and the device stays open and usable.
+        for call in (dev.close, lambda: dev.play_bytes(b"RUNTEST 10 TCK;")):
+            def progress(done, total, bits, call=call):
+                call()
+            with pytest.raises(kelvorn.Reentrant) as caught:
+                dev.play_bytes(b"STATE RESET;\nRUNTEST 100 TCK;\n", progress=progress)
+            assert caught.value.status == kelvorn.E_REENTRANT
+            assert caught.value.message.startswith("a call on the handle from within a call on it")
+            assert dev.sim_pins() == "TCK=z TDI=z TMS=z TDO=1"
+            assert dev.shift_ir(1, 0x01) == 0x01
+        # One long scan is cancelled inside it.
+        with pytest.raises(kelvorn.Cancelled):
+            dev.play_bytes(b"SDR 16777216 TDI(0);", progress=lambda done, total, bits: True)
+        # A close from another thread ends a long scan; then that thread's calls are Closed.
+        import threading
+        started = threading.Event()
+        closer = threading.Thread(target=lambda: (started.wait(), dev.close()))
+        closer.start()
+        with pytest.raises(kelvorn.Closed) as caught:
+            dev.play_bytes(b"SDR 33554432 TDI(0);", progress=lambda done, total, bits: started.set())
+        closer.join()
+        assert caught.value.message == "the handle was closed by another thread during the call; pins given back"
+    with pytest.raises(kelvorn.Closed, match="rotanMotub 0000:03:00.0 is closed"):
+        dev.discover()
+    dev.close()  # closing twice does nothing
+
+
+def test_numbers_that_do_not_fit_are_refused():
+    import tracemalloc
+    with kelvorn.open(FPGA, ADDRESS, sim=board()) as dev:
+        # 2**32 + 1 would reach C as position 1, 2**32 + 8 as an IR length of 8.
+        with pytest.raises(ValueError, match=r"position: 4294967297 is out of range \(0 to 4294967295\)"):
+            dev.shift_ir(2**32 + 1, 0x01, 6)
+        with pytest.raises(ValueError, match="IR length: 4294967304 is out of range"):
+            dev.set_irlen(0, 2**32 + 8)
+        with pytest.raises(ValueError):
+            dev.sample(-1)
+        with pytest.raises(kelvorn.Error, match=r"position 100 is past any chain \(at most 64 devices\)"):
+            dev.set_irlen(100, 8)
+        # More bits than MAX_BITS: refused before a byte is allocated for them.
+        tracemalloc.start()
+        with pytest.raises(ValueError, match=r"data register bits: 2147483648 is out of range \(1 to 1073741824\)"):
+            dev.shift_dr(1, 0, 2**31)
+        peak = tracemalloc.get_traced_memory()[1]
+        tracemalloc.stop()
+        assert peak < 1 << 20
+        with pytest.raises(ValueError):
+            dev.shift_dr(1, 0, 0)
+        assert dev.shift_ir(1, 0x01) == 0x01  # nothing of that reached the chain

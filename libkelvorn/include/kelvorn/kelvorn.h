@@ -13,8 +13,25 @@
  * then says why, and kv_close frees it. Every function returns a status
  * (KV_OK or a KV_E_ code) and leaves a one-line message on the handle,
  * "" after success. Nothing is kept outside the handles except what the
- * simulator is told by kv_sim_configure. Calls from several threads are
- * taken one at a time.
+ * simulator is told by kv_sim_configure. A handle is a number, not memory
+ * of the caller's: once closed it names nothing, and a call with it (a
+ * second kv_close too) returns KV_E_CLOSED; numbers are never used twice.
+ *
+ * Threads. Any thread may call on any handle: the calls are taken one at a
+ * time (in the whole process). A call on a handle from inside a call on
+ * the same handle, from its progress callback, returns KV_E_REENTRANT and
+ * does nothing (a callback may call on other handles). kv_close from
+ * another thread while a call runs on the handle ends that call at its
+ * next look-in, which comes at least every million TCK cycles (also inside
+ * one long scan): it gives the pins back and returns KV_E_CLOSED; the
+ * close then takes effect and returns.
+ *
+ * Strings. What a call hands out (kv_message, the JSON of kv_discover and
+ * kv_sample, kv_mismatch's strings) is kept per thread and per handle:
+ * calls from other threads neither change nor free it. It stays valid
+ * until the same thread's next call on the handle (kv_close included) or,
+ * once another thread closed the handle, until this thread's next call on
+ * any handle; at the latest until the thread ends.
  *
  * Pins. An open device is selected: its JTAG pins are driven and its
  * routing set, as the kelvorn tool leaves them. kv_play gives the pins back
@@ -59,6 +76,12 @@ typedef struct kv_device kv_device;
 #define KV_E_BSDL 11       /* a BSDL file cannot be read, or none describes the device */
 #define KV_E_SIM 12        /* simulator options not understood, or not the simulator library */
 #define KV_E_MEMORY 13     /* out of memory */
+#define KV_E_REENTRANT 14  /* a call on the handle from within a call on it (its progress callback) */
+#define KV_E_CLOSED 15     /* the handle is closed (or never was one), or was closed during the call */
+
+/* The longest data register kv_shift_dr shifts, in bits (128 MiB packed):
+ * the longest scan the SVF and XSVF readers take. */
+#define KV_MAX_BITS 1073741824u
 
 /* kv_open's flags. */
 #define KV_TEST_MODE 1u /* the lock file (and register files) of test mode, under /tmp */
@@ -79,11 +102,16 @@ const char* kv_status_name(int status);
  * one; close it also when the open failed. */
 int kv_open(const char* fpga, const char* pci_address, unsigned flags, double frequency_hz, kv_device** device);
 
-/* Gives the pins back, drops the lock and frees the handle. NULL does nothing. */
+/* Gives the pins back, drops the lock and frees the handle. NULL does
+ * nothing. A call running on the handle in another thread is ended first
+ * (it returns KV_E_CLOSED). KV_E_CLOSED when the handle is closed already
+ * (or another thread is closing it), KV_E_REENTRANT from the handle's own
+ * progress callback: the handle stays open. */
 int kv_close(kv_device* device);
 
-/* What the last call on the handle did wrong, in one line; "" after success.
- * Valid until the next call on the handle. */
+/* What this thread's last call on the handle did wrong, in one line; ""
+ * after success (and before any call). Valid until this thread's next
+ * call on the handle (see Strings above). */
 const char* kv_message(const kv_device* device);
 
 /* ---- the chain ---- */
@@ -91,8 +119,9 @@ const char* kv_message(const kv_device* device);
 /* BSDL files for kv_discover and kv_sample: a file, or a directory whose
  * *.bsd and *.bsdl files are found by IDCODE. Files added first win. */
 int kv_add_bsdl(kv_device* device, const char* path);
-/* The instruction register length of the device at a position, where the
- * chain's IR capture does not tell it. */
+/* The instruction register length (2 to 999) of the device at a position
+ * (below 64, the most devices discovery reads), where the chain's IR
+ * capture does not tell it. */
 int kv_irlen_is(kv_device* device, unsigned position, unsigned length);
 
 /* Finds the devices on the chain. *json receives the facts as one JSON
@@ -100,7 +129,7 @@ int kv_irlen_is(kv_device* device, unsigned position, unsigned length);
  *   {"devices":[{"position":0,"idcode":"0x0a5c7035","ir_length":8,
  *     "ir_length_from":"detected","manufacturer":"...","part":null,
  *     "version":0,"bsdl":null},...],"ir_total":14}
- * valid until the next call on the handle. The chain is left in
+ * valid until this thread's next call on the handle. The chain is left in
  * Test-Logic-Reset. kv_shift_ir, kv_shift_dr and kv_sample run it first
  * when it has not run. KV_E_DEAD_CHAIN when nothing answers. */
 int kv_discover(kv_device* device, const char** json);
@@ -111,14 +140,16 @@ int kv_discover(kv_device* device, const char** json);
  * instruction stays in force. */
 int kv_shift_ir(kv_device* device, unsigned position, uint32_t nbits, const uint8_t* in, uint8_t* out);
 /* One DR scan through the register the device's instruction selects, nbits
- * long; every other device is a one-bit BYPASS register. out, when not
+ * long (1 to KV_MAX_BITS); every other device is a one-bit BYPASS register. out, when not
  * NULL, receives what the register held before. */
 int kv_shift_dr(kv_device* device, unsigned position, uint32_t nbits, const uint8_t* in, uint8_t* out);
 
 /* SAMPLE on the device at position (its BSDL file names the instruction
  * and the boundary register), every other device BYPASS: *json receives
- * {"device":0,"pins":{"PORT":0|1,...}}, each port with an input cell once,
- * in cell order, valid until the next call on the handle. */
+ * {"device":0,"pins":{"PORT":0|1,...},"package":"NAME","package_pins":
+ * {"PORT":["PIN",...],...}}, each port with an input cell once, in cell
+ * order (as kelvorn-chain --json prints it), valid until this thread's next
+ * call on the handle. */
 int kv_sample(kv_device* device, unsigned position, const char** json);
 
 /* ---- players ---- */
@@ -131,10 +162,14 @@ typedef struct kv_play_result {
     double seconds;      /* the play's time, the check before it not counted */
 } kv_play_result;
 
-/* Called as a play goes on, from the calling thread, at most ten times a
- * second and once at the end: bytes of the file done, of how many, and
- * bits shifted. A non-zero return stops the play: the pins are given back
- * and kv_play returns KV_E_CANCELLED. */
+/* Called as a play goes on, from the calling thread, and once at the end:
+ * bytes of the file done, of how many, and bits of the scans begun. It
+ * comes when a tenth of a second or 262144 TCK cycles have passed since
+ * its last call, whichever is first, looked for after every statement and
+ * inside long ones: never a million TCK cycles (nor bits) without a call.
+ * A non-zero return stops the play: the pins are given back and kv_play
+ * returns KV_E_CANCELLED. A call from here on the same handle returns
+ * KV_E_REENTRANT. */
 typedef int (*kv_progress_fn)(void* user, uint64_t done_bytes, uint64_t total_bytes, uint64_t bits);
 
 /* Plays an SVF or XSVF file ("-": standard input). The whole file is read
@@ -161,8 +196,9 @@ typedef struct kv_mismatch_info {
     const char* actual;
 } kv_mismatch_info;
 
-/* After KV_E_MISMATCH: the first scan whose TDO differed. The strings are
- * the handle's, valid until the next call on it. */
+/* After KV_E_MISMATCH: the first scan whose TDO differed, in the last play
+ * on the handle from this thread. The strings are this thread's, valid
+ * until its next play on the handle or the handle's close (see Strings). */
 int kv_mismatch(kv_device* device, kv_mismatch_info* info);
 
 /* ---- the simulated board (libkelvorn-sim) ---- */
