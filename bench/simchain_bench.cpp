@@ -38,7 +38,7 @@ BENCHMARK(BM_LoopbackScan);
 void BM_VectorsOfAnImage(benchmark::State& state) {
     jtag::BitVector image(256 * 1024 * 8);
     for (size_t i = 0; i < image.byteCount(); ++i) image.data()[i] = static_cast<uint8_t>(i * 37);
-    sim::VectorTarget target{{8, 6}, 0, 256, 1000, 100};
+    sim::VectorTarget target{{8, 6}, 0, 256, 1000, 100, {}};
     std::vector<jtag::BitVector> rows = sim::imageRows(image, target.rowBits);
     for (auto _ : state) {
         benchmark::DoNotOptimize(sim::svfFor(target, rows));

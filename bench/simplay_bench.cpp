@@ -45,7 +45,7 @@ const Files& files() {
         jtag::BitVector image(size_t{kRows} * kRowBits);
         std::mt19937 gen(1);
         for (size_t i = 0; i < image.byteCount(); ++i) image.data()[i] = static_cast<uint8_t>(gen());
-        sim::VectorTarget target{{kIrLengths[0], kIrLengths[1]}, 0, kRowBits, kEraseCycles, kProgramCycles};
+        sim::VectorTarget target{{kIrLengths[0], kIrLengths[1]}, 0, kRowBits, kEraseCycles, kProgramCycles, {}};
         std::vector<jtag::BitVector> rows = sim::imageRows(image, kRowBits);
         return Files{sim::svfFor(target, rows), sim::xsvfFor(target, rows)};
     }();

@@ -49,8 +49,9 @@ int main(int argc, char** argv) {
     CLI::App app{
         "Writes the SVF and XSVF files that erase, program and verify IMAGE on the first programmable device\n"
         "of a chain given as to kelvorn-sim --chain. Row r of the device gets bits r*BITS to r*BITS+BITS-1 of\n"
-        "the image (bit i is bit i%8 of byte i/8); the last row is padded with ones. The other devices stay\n"
-        "in BYPASS. Exit status: 0 written; 1 the image cannot be read, is empty or does not fit the memory,\n"
+        "the image (bit i is bit i%8 of byte i/8); the last row is padded with ones. The files first check\n"
+        "every device's IDCODE (versions aside), so played on another chain they stop before the erase. The\n"
+        "other devices stay in BYPASS. Exit status: 0 written; 1 the image cannot be read, is empty or does not fit the memory,\n"
         "or a file cannot be written.\n",
         "kelvorn-vectors"};
     app.set_version_flag("--version", "kelvorn-vectors " KELVORN_VERSION);
@@ -79,7 +80,10 @@ int main(int argc, char** argv) {
     while (!chain[device].memory.rows) ++device;
     const sim::MemoryDesc& memory = chain[device].memory;
     sim::VectorTarget target;
-    for (const sim::DeviceDesc& d : chain) target.irLengths.push_back(d.irLength);
+    for (const sim::DeviceDesc& d : chain) {
+        target.irLengths.push_back(d.irLength);
+        target.idcodes.push_back(d.idcode);  // kNoIdcode is 0: a BYPASS bit
+    }
     target.device = device;
     target.rowBits = memory.rowBits;
     target.eraseCycles = static_cast<uint32_t>(eraseCycles < 0 ? memory.eraseCycles : eraseCycles);

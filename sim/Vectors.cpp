@@ -18,6 +18,8 @@ constexpr uint8_t kXstateReset = 0x00;
 constexpr uint8_t kXstateIdle = 0x01;
 constexpr uint8_t kXendIdle = 0x00;  // XENDIR/XENDDR: Run-Test/Idle (1 would be the Pause state)
 constexpr unsigned kXsirMaxLength = 255;
+constexpr unsigned kIdcodeBits = 32;
+constexpr uint32_t kIdcodeVersionMask = 0xf0000000;  // bits 31..28: the part's revision, not compared
 
 // One scan of the target device, and the cycles in Run-Test/Idle after it.
 struct Scan {
@@ -55,6 +57,26 @@ BitVector padded(const BitVector& bits, Padding p, bool fill) {
     v.append(bits);
     v.resize(v.size() + p.after, fill);
     return v;
+}
+
+// What the chain's data registers hold after a reset, nearest TDO first,
+// and which of those bits are compared: each IDCODE but its version, and
+// each BYPASS bit (0).
+struct IdcodeCheck {
+    BitVector expected, mask;
+};
+IdcodeCheck idcodeCheck(const VectorTarget& t) {
+    IdcodeCheck c;
+    for (uint32_t id : t.idcodes) {
+        if (id == 0) {
+            c.expected.append(false);
+            c.mask.append(true);
+            continue;
+        }
+        c.expected.append(BitVector::fromValue(id, kIdcodeBits));
+        c.mask.append(BitVector::fromValue(~kIdcodeVersionMask, kIdcodeBits));
+    }
+    return c;
 }
 
 // ---- SVF ----
@@ -104,6 +126,12 @@ std::string svfFor(const VectorTarget& t, const std::vector<BitVector>& rows) {
                     std::to_string(t.rowBits) + " bits on device " + std::to_string(t.device) +
                     " of the chain (0: nearest TDO)\n";
     s += "ENDIR IDLE;\nENDDR IDLE;\n";
+    if (!t.idcodes.empty()) {
+        IdcodeCheck c = idcodeCheck(t);
+        s += "! The chain's IDCODEs (versions aside), before anything is erased\n";
+        s += "STATE RESET;\nSDR " + std::to_string(c.expected.size()) + " TDI " + svfValue(BitVector(c.expected.size())) +
+             " TDO " + svfValue(c.expected) + " MASK " + svfValue(c.mask) + ";\n";
+    }
     s += svfPad("HIR", ir.before, true) + svfPad("TIR", ir.after, true) + svfPad("HDR", dr.before, false) +
          svfPad("TDR", dr.after, false);
     s += "STATE RESET;\nSTATE IDLE;\n";
@@ -125,6 +153,13 @@ std::vector<uint8_t> xsvfFor(const VectorTarget& t, const std::vector<BitVector>
     x.command(kXendir), x.u8(kXendIdle);
     x.command(kXenddr), x.u8(kXendIdle);
     x.command(kXstate), x.u8(kXstateReset);
+    if (!t.idcodes.empty()) {
+        // The chain's IDCODEs (versions aside), before anything is erased.
+        IdcodeCheck c = idcodeCheck(t);
+        x.command(kXsdrsize), x.u32(static_cast<uint32_t>(c.expected.size()));
+        x.command(kXtdomask), x.bits(c.mask);
+        x.command(kXsdrtdo), x.bits(BitVector(c.expected.size())), x.bits(c.expected);
+    }
     x.command(kXstate), x.u8(kXstateIdle);
     bool first = true;
     uint32_t runtest = 0;

@@ -32,20 +32,23 @@ erased_after "$d/image.bin" $((8192 * 256 / 8)) >"$d/memory.bin"
 expect_run 0 "" "" "vectors of the image" \
   kelvorn-vectors --chain "$chain" --svf "$d/image.svf" --xsvf "$d/image.xsvf" "$d/image.bin"
 
-# What the SVF does: statements (8 to set up, the scans, a RUNTEST after
-# ERASE and after each row), scans (5 IR scans, 2 of ADDRESS, a row each
-# to program and to read), bits (the IR scans through all 24
-# instruction bits, the DR scans through the two bypass bits) and TCK
-# cycles: the player's reset (5), STATE RESET (5) and STATE IDLE (1); from
-# Run-Test/Idle back to it, an IR scan of n bits takes n + 6 cycles and a DR
-# scan n + 5; the waits are 1000 after ERASE and 100 after each row.
-svf_cycles=$((5 + 5 + 1 + 5 * (24 + 6) + 1000 + 2 * (18 + 5) + rows * (2 * (258 + 5) + 100)))
-counts="$((16 + 3 * rows)) statements, $((7 + 2 * rows)) scans, $((5 * 24 + 2 * 18 + 2 * rows * 258)) bits"
-# The XSVF has the same scans, 18 more commands than scans (5 to set up,
-# 4 XRUNTEST, 4 XSDRSIZE with their XTDOMASK, XCOMPLETE), and at least the
-# SVF's cycles: each XRUNTEST is at least as many cycles as microseconds,
-# more when TCK runs faster than 1 MHz.
-xsvf_counts="$((18 + 7 + 2 * rows)) statements, ${counts#* statements, }"
+# What the SVF does: statements (10 to set up, the IDCODE check's STATE
+# RESET and SDR among them, the scans, a RUNTEST after ERASE and after each
+# row), scans (the IDCODE check, 5 IR scans, 2 of ADDRESS, a row each to
+# program and to read), bits (the check through the three 32-bit IDCODEs,
+# the IR scans through all 24 instruction bits, the DR scans through the two
+# bypass bits) and TCK cycles: the player's reset (5), two STATE RESETs (5
+# each) and STATE IDLE (1); the check from Test-Logic-Reset, 1 cycle to
+# Run-Test/Idle and its scan; from Run-Test/Idle back to it, an IR scan of n
+# bits takes n + 6 cycles and a DR scan n + 5; the waits are 1000 after
+# ERASE and 100 after each row.
+svf_cycles=$((5 + 5 + 1 + (96 + 5) + 5 + 1 + 5 * (24 + 6) + 1000 + 2 * (18 + 5) + rows * (2 * (258 + 5) + 100)))
+counts="$((18 + 3 * rows)) statements, $((8 + 2 * rows)) scans, $((96 + 5 * 24 + 2 * 18 + 2 * rows * 258)) bits"
+# The XSVF has the same scans, 20 more commands than scans (5 to set up,
+# the check's XSDRSIZE and XTDOMASK, 4 XRUNTEST, 4 XSDRSIZE with their
+# XTDOMASK, XCOMPLETE), and at least the SVF's cycles: each XRUNTEST is at
+# least as many cycles as microseconds, more when TCK runs faster than 1 MHz.
+xsvf_counts="$((20 + 8 + 2 * rows)) statements, ${counts#* statements, }"
 while read -r what board device address; do
   for f in svf xsvf; do
     e2e_run kelvorn-sim ${board//,/ } --stats --chain "$chain" --dump-memory "$d/mem.bin" \
@@ -120,7 +123,7 @@ expect_eq "$E2E_STATUS" 6 "flipped svf: status"
 expect_eq "$(grep -v '^sim: ' <<<"$E2E_ERR")" "kelvorn-play: $d/flipped.svf:$line: SDR of 34 bits: TDO mismatch: \
 expected $(scan "$flipped") mask 1fffffffe actual $(scan "${rows[2]}")" "flipped svf: the mismatch line"
 expect_eq "$(grep -oE '[0-9]+ statements|, 1 TDO mismatches$' <<<"$E2E_OUT" | paste -sd' ')" \
-  "$((line - 1)) statements , 1 TDO mismatches" "flipped svf: summary, up to the statement that failed"
+  "$((line - 2)) statements , 1 TDO mismatches" "flipped svf: summary, up to the statement that failed (one a line, after two comment lines)"
 expect_eq "$(pins_after_mismatch)" "$released" "flipped svf: pins released"
 
 # XSVF: the same bit flipped in row 2's XSDRTDO, on a PEX 8600: bit 17 of

@@ -61,7 +61,7 @@ def test_play_programs_the_image(tmp_path):
         result = dev.play(tmp_path / "image.svf", progress=lambda done, total, bits: seen.append((done, total)))
     assert memory.read_bytes() == image  # written when the board ends, at close
     assert set(result) == {"statements", "scans", "bits", "tck_cycles", "seconds"}
-    assert result["scans"] == 7 + 2 * 64 and result["statements"] == 16 + 3 * 64
+    assert result["scans"] == 8 + 2 * 64 and result["statements"] == 18 + 3 * 64
     assert result["tck_cycles"] > result["bits"] > 0 and result["seconds"] > 0
     size = (tmp_path / "image.svf").stat().st_size
     assert seen[-1] == (size, size)  # the last call: the whole file
@@ -75,7 +75,7 @@ def test_xsvf_plays_and_names_the_byte_of_a_mismatch(tmp_path):
                     tmp_path / "image.bin"], check=True)
     memory = tmp_path / "memory.bin"
     with kelvorn.open(FPGA, ADDRESS, sim=f"{CPU} --chain {chain} --dump-memory {memory}") as dev:
-        assert dev.play(tmp_path / "image.xsvf", format="xsvf")["scans"] == 7 + 2 * 64
+        assert dev.play(tmp_path / "image.xsvf", format="xsvf")["scans"] == 8 + 2 * 64
     assert memory.read_bytes() == image
     # A device that takes far longer to program a row than the file waits:
     # the first row reads back erased.

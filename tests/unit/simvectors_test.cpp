@@ -20,7 +20,9 @@ namespace {
 // bits, erase 30 cycles, program 10), a 3-bit one.
 const std::vector<DeviceDesc> kChain{{0x0a5c7035, 5}, {0x12345679, 4, {2, 12, 30, 10}}, {0x1b4d2093, 3}};
 
-VectorTarget targetOf(uint32_t erase = 30, uint32_t program = 10) { return {{5, 4, 3}, 1, 12, erase, program}; }
+VectorTarget targetOf(uint32_t erase = 30, uint32_t program = 10, std::vector<uint32_t> idcodes = {}) {
+    return {{5, 4, 3}, 1, 12, erase, program, std::move(idcodes)};
+}
 
 // Bytes 21 43 65: row 0 is image bits 0-11, 0x321; row 1 bits 12-23, 0x654.
 std::vector<BitVector> rowsOf(std::initializer_list<uint8_t> bytes) {
@@ -44,6 +46,17 @@ class SimVectors : public ::testing::Test {
         return player.stats().mismatches;
     }
     uint64_t play(const std::vector<uint8_t>& xsvf) { return play(std::string(xsvf.begin(), xsvf.end()), true); }
+    // Plays up to the first scan whose TDO does not match, as kelvorn-play
+    // stops there; the statements played.
+    uint64_t playToMismatch(const std::string& file, bool xsvf = false) {
+        MemoryReader r(file, xsvf);
+        ChainClock clock(intf);
+        jtag::Player player(&tap, clock);
+        player.start();
+        uint64_t n = 0;
+        for (jtag::Action a; r->next(&a) && player.stats().mismatches == 0; ++n) player.play(a);
+        return n;
+    }
     uint64_t row(size_t r) const { return chain.programmable(1)->memory().value(r * 12, 12); }
 
     FakeBoard board;
@@ -66,7 +79,7 @@ TEST(SimVectorsText, SvfOfATwoRowImage) {
               "SIR 4 TDI (4);\nSDR 16 TDI (0000);\n"
               "SIR 4 TDI (6);\nSDR 12 TDI (000) TDO (321) MASK (fff);\nSDR 12 TDI (000) TDO (654) MASK (fff);\n");
     // An image that ends within a row: the rest of the row is ones. A device alone: no padding.
-    std::string alone = svfFor({{4}, 0, 12, 1, 2}, rowsOf({0x21}));
+    std::string alone = svfFor({{4}, 0, 12, 1, 2, {}}, rowsOf({0x21}));
     EXPECT_NE(alone.find("\nHIR 0;\nTIR 0;\nHDR 0;\nTDR 0;\n"), std::string::npos) << alone;
     EXPECT_NE(alone.find("\nSDR 12 TDI (f21);\nRUNTEST 2 TCK;\nSIR"), std::string::npos) << alone;
 }
@@ -92,7 +105,7 @@ TEST(SimVectorsText, XsvfOfATwoRowImage) {
     };
     EXPECT_EQ(xsvfFor(targetOf(), rowsOf({0x21, 0x43, 0x65})), expected);
     // Past 255 bits of instruction the IR scan is an XSIR2 with a two-byte length.
-    std::vector<uint8_t> wide = xsvfFor({std::vector<unsigned>(9, 32), 8, 12, 0, 0}, rowsOf({0x21}));
+    std::vector<uint8_t> wide = xsvfFor({std::vector<unsigned>(9, 32), 8, 12, 0, 0, {}}, rowsOf({0x21}));
     EXPECT_EQ(std::vector<uint8_t>(wide.begin() + 15, wide.begin() + 18), (std::vector<uint8_t>{0x15, 0x01, 0x20}));
 }
 
@@ -113,4 +126,36 @@ TEST_F(SimVectors, EnoughCyclesProgramTheImageAndOneTooFewLeavesTheMemoryAsItWas
     EXPECT_EQ(play(svfFor(targetOf(29, 10), rows)), 2);
     EXPECT_EQ(row(0), 0x020u);
     EXPECT_EQ(row(1), 0x644u);
+}
+
+// Both files read the chain's IDCODEs after a reset before the first erase:
+// played on another chain they stop there, the memory as it was.
+TEST_F(SimVectors, AFileForAnotherChainStopsBeforeTheErase) {
+    std::vector<uint32_t> ids{0x0a5c7035, 0x12345679, 0x1b4d2093};
+    std::vector<BitVector> rows = rowsOf({0x21, 0x43, 0x65});
+    std::string svf = svfFor(targetOf(30, 10, ids), rows);
+    // 32 + 32 + 32 bits, device 0 first out; each version nibble not compared.
+    EXPECT_NE(svf.find("ENDDR IDLE;\n! The chain's IDCODEs (versions aside), before anything is erased\nSTATE RESET;\n"
+                       "SDR 96 TDI (000000000000000000000000) TDO (1b4d2093123456790a5c7035) MASK "
+                       "(0fffffff0fffffff0fffffff);\nHIR 5"),
+              std::string::npos)
+        << svf;
+    EXPECT_EQ(play(svf), 0);
+    EXPECT_EQ(row(0), 0x321u);
+    std::vector<uint32_t> other = ids;
+    other[2] = 0x1b4d2094;  // a third device of another part
+    for (bool xsvf : {false, true}) {
+        std::string file = xsvf ? [&] {
+            std::vector<uint8_t> b = xsvfFor(targetOf(30, 10, other), rowsOf({0xba, 0xdc, 0xfe}));
+            return std::string(b.begin(), b.end());
+        }()
+                                : svfFor(targetOf(30, 10, other), rowsOf({0xba, 0xdc, 0xfe}));
+        playToMismatch(file, xsvf);
+        EXPECT_EQ(row(0), 0x321u) << (xsvf ? "XSVF" : "SVF");
+        EXPECT_EQ(row(1), 0x654u) << (xsvf ? "XSVF" : "SVF");
+    }
+    // Another version of the same parts passes the check.
+    std::vector<uint32_t> revised = ids;
+    revised[0] |= 0x30000000;
+    EXPECT_EQ(play(xsvfFor(targetOf(30, 10, revised), rowsOf({0xba, 0xdc, 0xfe}))), 0);
 }
