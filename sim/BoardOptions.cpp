@@ -59,9 +59,11 @@ void addBoardOptions(CLI::App& app, BoardOptions* o) {
                  "after the run, print \"sim stats: reads R writes W tck-cycles C\" on stderr: the register accesses "
                  "of the chip the chain hangs on, and the rising TCK edges the chain saw");
     app.add_option("--pin", o->pins, "the level on an input pin of a BSDL device that nothing drives (default 1)")
-        ->type_name("POS.PORT=0|1");
+        ->type_name("POS.PORT=0|1")
+        ->allow_extra_args(false);  // one value each time: never the arguments after it
     app.add_option("--net", o->nets, "a wire between two BSDL devices' pins: what one drives under EXTEST the other reads")
-        ->type_name("POS.PORT=POS.PORT");
+        ->type_name("POS.PORT=POS.PORT")
+        ->allow_extra_args(false);
     app.add_option("--dump-pins", o->config.dumpPins,
                    "after the run, write what BSDL devices' boundary registers last drove onto their pins under "
                    "EXTEST to FILE, one line per driven pin: POS.PORT LEVEL")
