@@ -25,7 +25,9 @@ if [ "$(cache KELVORN_SANITIZE)" = ON ]; then
   cxx=$(cache CMAKE_CXX_COMPILER)
   run_env=(LD_PRELOAD="$("$cxx" -print-file-name=libasan.so) $("$cxx" -print-file-name=libstdc++.so.6)" ASAN_OPTIONS=detect_leaks=0)
   # The C programs, built with the runtime, are checked for leaks (the library's too).
-  c_env=(ASAN_OPTIONS=detect_leaks=1 LSAN_OPTIONS=suppressions=$src/tests/lsan.supp:print_suppressions=0)
+  # The suppressions where the namespaced runs see them too (the source tree may be under /tmp).
+  cp "$src/tests/lsan.supp" "$E2E_DIR/lsan.supp"
+  c_env=(ASAN_OPTIONS=detect_leaks=1 LSAN_OPTIONS=suppressions=$E2E_DIR/lsan.supp:print_suppressions=0)
 fi
 
 stage=$E2E_DIR/stage
