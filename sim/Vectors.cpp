@@ -126,15 +126,18 @@ std::string svfFor(const VectorTarget& t, const std::vector<BitVector>& rows) {
                     std::to_string(t.rowBits) + " bits on device " + std::to_string(t.device) +
                     " of the chain (0: nearest TDO)\n";
     s += "ENDIR IDLE;\nENDDR IDLE;\n";
+    // After the reset every device holds IDCODE (or BYPASS) until the first SIR.
+    std::string reset = "STATE RESET;\n";
     if (!t.idcodes.empty()) {
         IdcodeCheck c = idcodeCheck(t);
-        s += "! The chain's IDCODEs (versions aside), before anything is erased\n";
-        s += "STATE RESET;\nSDR " + std::to_string(c.expected.size()) + " TDI " + svfValue(BitVector(c.expected.size())) +
-             " TDO " + svfValue(c.expected) + " MASK " + svfValue(c.mask) + ";\n";
+        s += "! The chain's IDCODEs (versions aside), before anything is erased\n" + reset;
+        s += "SDR " + std::to_string(c.expected.size()) + " TDI " + svfValue(BitVector(c.expected.size())) + " TDO " +
+             svfValue(c.expected) + " MASK " + svfValue(c.mask) + ";\n";
+        reset.clear();
     }
     s += svfPad("HIR", ir.before, true) + svfPad("TIR", ir.after, true) + svfPad("HDR", dr.before, false) +
          svfPad("TDR", dr.after, false);
-    s += "STATE RESET;\nSTATE IDLE;\n";
+    s += reset + "STATE IDLE;\n";
     for (const Scan& scan : plan(t, rows)) {
         s += std::string(scan.ir ? "SIR " : "SDR ") + std::to_string(scan.tdi.size()) + " TDI " + svfValue(scan.tdi);
         if (!scan.tdo.empty())

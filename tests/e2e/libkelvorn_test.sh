@@ -78,7 +78,7 @@ second open: locked: Lock file is locked by another process.
 discover: ok: $discovery
 cancelled: cancelled after 1 call(s), $d/image.svf: cancelled by the progress callback after N bits; pins given back
 pins: TCK=z TDI=z TMS=z TDO=1
-play: ok: $((18 + 3 * rows)) statements, $((8 + 2 * rows)) scans, B bits, C TCK cycles, progress called|" \
+play: ok: $((17 + 3 * rows)) statements, $((8 + 2 * rows)) scans, B bits, C TCK cycles, progress called|" \
   "simulated board: program, second open, cancel, play"
 # The facts are kelvorn-chain's, on the same board.
 e2e_run kelvorn-sim --cpu 0x16:0x30 --chain "$chain" chain --json rotanMotub 0000:03:00.0

@@ -32,18 +32,18 @@ erased_after "$d/image.bin" $((8192 * 256 / 8)) >"$d/memory.bin"
 expect_run 0 "" "" "vectors of the image" \
   kelvorn-vectors --chain "$chain" --svf "$d/image.svf" --xsvf "$d/image.xsvf" "$d/image.bin"
 
-# What the SVF does: statements (10 to set up, the IDCODE check's STATE
+# What the SVF does: statements (9 to set up, the IDCODE check's STATE
 # RESET and SDR among them, the scans, a RUNTEST after ERASE and after each
 # row), scans (the IDCODE check, 5 IR scans, 2 of ADDRESS, a row each to
 # program and to read), bits (the check through the three 32-bit IDCODEs,
 # the IR scans through all 24 instruction bits, the DR scans through the two
-# bypass bits) and TCK cycles: the player's reset (5), two STATE RESETs (5
-# each) and STATE IDLE (1); the check from Test-Logic-Reset, 1 cycle to
-# Run-Test/Idle and its scan; from Run-Test/Idle back to it, an IR scan of n
-# bits takes n + 6 cycles and a DR scan n + 5; the waits are 1000 after
-# ERASE and 100 after each row.
-svf_cycles=$((5 + 5 + 1 + (96 + 5) + 5 + 1 + 5 * (24 + 6) + 1000 + 2 * (18 + 5) + rows * (2 * (258 + 5) + 100)))
-counts="$((18 + 3 * rows)) statements, $((8 + 2 * rows)) scans, $((96 + 5 * 24 + 2 * 18 + 2 * rows * 258)) bits"
+# bypass bits) and TCK cycles: the player's reset (5) and STATE RESET (5);
+# the check from Test-Logic-Reset, 1 cycle to Run-Test/Idle and its scan,
+# which ends there (STATE IDLE then takes none); from Run-Test/Idle back to
+# it, an IR scan of n bits takes n + 6 cycles and a DR scan n + 5; the waits
+# are 1000 after ERASE and 100 after each row.
+svf_cycles=$((5 + 5 + 1 + (96 + 5) + 5 * (24 + 6) + 1000 + 2 * (18 + 5) + rows * (2 * (258 + 5) + 100)))
+counts="$((17 + 3 * rows)) statements, $((8 + 2 * rows)) scans, $((96 + 5 * 24 + 2 * 18 + 2 * rows * 258)) bits"
 # The XSVF has the same scans, 20 more commands than scans (5 to set up,
 # the check's XSDRSIZE and XTDOMASK, 4 XRUNTEST, 4 XSDRSIZE with their
 # XTDOMASK, XCOMPLETE), and at least the SVF's cycles: each XRUNTEST is at

@@ -61,7 +61,7 @@ def test_play_programs_the_image(tmp_path):
         result = dev.play(tmp_path / "image.svf", progress=lambda done, total, bits: seen.append((done, total)))
     assert memory.read_bytes() == image  # written when the board ends, at close
     assert set(result) == {"statements", "scans", "bits", "tck_cycles", "seconds"}
-    assert result["scans"] == 8 + 2 * 64 and result["statements"] == 18 + 3 * 64
+    assert result["scans"] == 8 + 2 * 64 and result["statements"] == 17 + 3 * 64
     assert result["tck_cycles"] > result["bits"] > 0 and result["seconds"] > 0
     size = (tmp_path / "image.svf").stat().st_size
     assert seen[-1] == (size, size)  # the last call: the whole file
