@@ -154,7 +154,7 @@ bool plan(const bsdl::Device& d, const std::vector<Request>& requests, BitVector
     // asked, and the unnamed two-state outputs at their safe levels.
     for (const PortDrive& p : drivenBy(d, v)) {
         auto a = asked.find(lower(p.port));
-        const Cell* out = outputCell(d, p.port);
+        const Cell* out = outputs[lower(p.port)].front();  // the port's first output cell, as drivenBy read it
         char want = a != asked.end() ? a->second : releasable(*out) ? 'z' : out->safe;
         if (p.level != want) {
             *error = "the boundary register would leave " + p.port + " at " + std::string(1, p.level) + ", not " +
