@@ -11,12 +11,14 @@
 #include <string>
 #include <vector>
 
+#include "device/Status.h"
+
 // Exit statuses.
 constexpr int kChainOk = 0;
 // 1: the interface refused (lock held by another process, unknown device,
 // unsupported board); the module ends the process itself.
-constexpr int kChainUsage = 2;         // the command line is not understood
-constexpr int kChainNoBackend = 3;     // no backend serves the name on this board
+constexpr int kChainUsage = device::kUsage;         // the command line is not understood
+constexpr int kChainNoBackend = device::kNoBackend;     // no backend serves the name on this board
 constexpr int kChainDead = 4;          // a dead or inconsistent chain
 constexpr int kChainBadBsdl = 5;       // a BSDL file cannot be read, or none describes what a command needs
 constexpr int kChainDriveRefused = 6;  // a drive refused (no output cell, or not allowed)

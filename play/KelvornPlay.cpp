@@ -159,8 +159,8 @@ int kelvornPlayMain(int argc, char** argv) {
     CLI::App app{
         "Plays an SVF or XSVF file on the JTAG chain of a logic device, through the GPIO pins that\n"
         "the named device is wired to. Statuses: 0 played, every TDO as expected; 1 the interface\n"
-        "refused (lock held, unknown device); 2 usage; 3 file cannot be read; 4 syntax error;\n"
-        "5 unsupported statement; 6 TDO mismatch; 7 no backend serves the name on this board.",
+        "refused (lock held, unknown device); 2 usage; 3 no backend serves the name on this board;\n"
+        "4 syntax error; 5 unsupported statement; 6 TDO mismatch; 7 the file cannot be read.",
         "kelvorn-play"};
     app.set_version_flag("--version", "kelvorn-play " KELVORN_VERSION);
     app.add_option("fpga", fpga, "the device name")->required();

@@ -20,6 +20,7 @@
 #include <string>
 
 #include "device/PciAddress.h"
+#include "device/Status.h"
 #include "serve/Xvc.h"
 
 namespace serve {
@@ -47,9 +48,9 @@ struct Options {
 constexpr int kServeStopped = 0;  // by a signal, or --once served its client
 // 1: the interface refused (lock held by another process, unknown device,
 // unsupported board); the module ends the process itself.
-constexpr int kServeNoInterface = 2;   // no backend serves the name on this board
-constexpr int kServeCannotListen = 3;  // the address cannot be listened on
-constexpr int kServeUsage = 4;         // the command line is not understood
+constexpr int kServeUsage = device::kUsage;            // the command line is not understood
+constexpr int kServeNoInterface = device::kNoBackend;  // no backend serves the name on this board
+constexpr int kServeCannotListen = 4;                  // the address cannot be listened on
 
 // The command line (argv[0] the program's name) into *options; false when
 // the program ends here, with *status its exit status (--help: 0).

@@ -19,8 +19,10 @@
 
 namespace {
 
-// A file an option names cannot be written: as when the option is parsed.
-constexpr int kRecordUnwritten = static_cast<int>(CLI::ExitCodes::ValidationError);
+// The simulator's own options are not understood (a board option, an
+// unknown option), or a file one names cannot be written: one status for
+// all of them, apart from the statuses of the tools it runs.
+constexpr int kSimOptions = static_cast<int>(CLI::ExitCodes::ValidationError);
 
 }  // namespace
 
@@ -38,7 +40,7 @@ int main(int argc, char** argv) {
         "  kelvorn-sim [options] -- <fpga> <pci address> { tck | tms | tdi | tdo } [ 0 | 1 ]\n"
         "      the kelvorn tool itself: same output and exit statuses\n"
         "  kelvorn-sim [options] scan <fpga> <pci address>\n"
-        "      prints the chain's IDCODEs, nearest TDO first; status 0, 1 when no device answers\n"
+        "      prints the chain's IDCODEs, nearest TDO first; status 0; 4 when no device answers\n"
         "  kelvorn-sim [options] serve [serve options] <fpga> <pci address>\n"
         "      kelvorn-serve itself, on the simulated board (kelvorn-sim serve --help)\n"
         "  kelvorn-sim [options] play [play options] <fpga> <pci address> <file>\n"
@@ -63,7 +65,7 @@ int main(int argc, char** argv) {
         app.parse(argc, argv);
         sim::finishBoardOptions(&board);
     } catch (const CLI::ParseError& e) {
-        return app.exit(e);
+        return app.exit(e) == 0 ? 0 : kSimOptions;
     }
 
     serve::Options serveOptions;
@@ -123,6 +125,6 @@ int main(int argc, char** argv) {
     // one that cannot be written (a full disk fails only when the file is
     // closed) fails a run that would have succeeded, with the status of a
     // file an option cannot write; a run that failed keeps its own status.
-    if (!simulated.finish() && status == 0) status = kRecordUnwritten;
+    if (!simulated.finish() && status == 0) status = kSimOptions;
     return status;
 }

@@ -14,7 +14,8 @@
 namespace {
 
 constexpr int kWritten = 0;
-constexpr int kFailed = 1;
+constexpr int kFailed = 1;  // the image cannot be read or does not fit, or a file cannot be written
+constexpr int kUsage = 2;   // the command line is not understood
 
 bool readFile(const std::string& path, std::vector<uint8_t>* out) {
     FILE* f = std::fopen(path.c_str(), "rb");
@@ -52,7 +53,7 @@ int main(int argc, char** argv) {
         "the image (bit i is bit i%8 of byte i/8); the last row is padded with ones. The files first check\n"
         "every device's IDCODE (versions aside), so played on another chain they stop before the erase. The\n"
         "other devices stay in BYPASS. Exit status: 0 written; 1 the image cannot be read, is empty or does not fit the memory,\n"
-        "or a file cannot be written.\n",
+        "or a file cannot be written; 2 usage.\n",
         "kelvorn-vectors"};
     app.set_version_flag("--version", "kelvorn-vectors " KELVORN_VERSION);
     app.add_option("--chain", chainText,
@@ -74,7 +75,11 @@ int main(int argc, char** argv) {
     outputs->add_option("--xsvf", xsvfPath, "the XSVF file to write")->type_name("FILE");
     outputs->require_option(1, 0);
     app.add_option("image", imagePath, "the binary image")->required()->type_name("IMAGE");
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        return app.exit(e) == 0 ? kWritten : kUsage;
+    }
 
     size_t device = 0;
     while (!chain[device].memory.rows) ++device;

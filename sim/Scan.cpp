@@ -11,10 +11,10 @@ int scan(const char* device, const char* pciAddress, FILE* out) {
     ::device::PciAddress at;
     if (!::device::parsePciAddress(pciAddress, &at)) {
         std::fprintf(stderr, "kelvorn-sim: %s\n", ::device::notAPciAddress(pciAddress).c_str());
-        return kScanCannot;
+        return kScanUsage;
     }
     XilIntf* intf = ::device::openDevice("kelvorn-sim", device, at, false);
-    if (!intf) return kScanCannot;
+    if (!intf) return kScanNoBackend;
     ::device::SelectedDevice selected(intf, device);
     jtag::Tap tap(intf);
     std::vector<uint32_t> ids = jtag::readIdcodes(tap);

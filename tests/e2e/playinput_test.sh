@@ -125,9 +125,9 @@ mknod "$E2E_DIR/dev/zero" c 1 5
 room="cannot keep a copy of it in /tmp: after 3932160 bytes, more would leave less than 262144 bytes free there; set TMPDIR to a file system with more room, or give a regular file instead"
 nothing=$'\nsim stats: reads 0 writes 0 tck-cycles 0'
 e2e_run "$E2E_DIR/smalltmp" "$E2E_DIR/bin/kelvorn-sim" --chain "$chain" --stats play "${device[@]}" - < <(yes)
-expect_eq "$E2E_STATUS $E2E_ERR" "3 kelvorn-play: -: $room$nothing" "yes through a pipe: the copy stops"
+expect_eq "$E2E_STATUS $E2E_ERR" "7 kelvorn-play: -: $room$nothing" "yes through a pipe: the copy stops"
 e2e_run "$E2E_DIR/smalltmp" "$E2E_DIR/bin/kelvorn-sim" --chain "$chain" --stats play "${device[@]}" /dev/zero
-expect_eq "$E2E_STATUS $E2E_ERR" "3 kelvorn-play: /dev/zero: $room$nothing" "/dev/zero: the copy stops"
+expect_eq "$E2E_STATUS $E2E_ERR" "7 kelvorn-play: /dev/zero: $room$nothing" "/dev/zero: the copy stops"
 
 # XCOMPLETE, then 37 KB of a programming file; files with no statement, from a file and from a pipe.
 { printf '\x00'; for _ in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19; do cat "$d/image.xsvf"; done; } |

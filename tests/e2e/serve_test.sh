@@ -114,19 +114,19 @@ EOF
 done
 
 # Refusals at start-up.
-expect_run 2 "CHECKING FPGA nothing" "kelvorn-serve: no backend serves nothing on this board" "no backend" \
+expect_run 3 "CHECKING FPGA nothing" "kelvorn-serve: no backend serves nothing on this board" "no backend" \
   kelvorn-sim serve --listen 127.0.0.1:0 nothing 0000:00:14.0
-expect_run 4 "" "address: wants a PCI address dddd:bb:dd.f, for example 0000:03:00.0
+expect_run 2 "" "address: wants a PCI address dddd:bb:dd.f, for example 0000:03:00.0
 Run with --help for more information." "bad PCI address" kelvorn-sim serve rotanMotub 0000:03:00
-expect_run 4 "" "--listen: wants ADDRESS:PORT or :PORT, for example 127.0.0.1:3335
+expect_run 2 "" "--listen: wants ADDRESS:PORT or :PORT, for example 127.0.0.1:3335
 Run with --help for more information." "listen without a port" kelvorn-sim serve --listen 127.0.0.1 rotanMotub 0000:03:00.0
-expect_run 4 "" "--listen: not a numeric address: localhost
+expect_run 2 "" "--listen: not a numeric address: localhost
 Run with --help for more information." "listen on a name" kelvorn-sim serve --listen localhost:0 rotanMotub 0000:03:00.0
-expect_run 4 "" "--max-vector: Value 65537 not in range 1 to 65536
+expect_run 2 "" "--max-vector: Value 65537 not in range 1 to 65536
 Run with --help for more information." "max-vector past the limit" \
   kelvorn-sim serve --protocol xvc --max-vector 65537 rotanMotub 0000:03:00.0
 if serve_start -- rotanMotub 0000:03:00.0; then
-  expect_run 3 "" "kelvorn-serve: cannot listen on 127.0.0.1:$SERVE_PORT: Address already in use" "port in use" \
+  expect_run 4 "" "kelvorn-serve: cannot listen on 127.0.0.1:$SERVE_PORT: Address already in use" "port in use" \
     kelvorn-sim serve --listen ":$SERVE_PORT" penetScd 0000:02:00.0
   serve_stop
   expect_eq "$SERVE_STATUS" 0 "idle server: status"

@@ -108,7 +108,7 @@ activate "$port" -l "127.0.0.1:$port2" -- "${device[@]}"
 python3 -c 'import socket, sys; socket.create_connection(("127.0.0.1", int(sys.argv[1]))).recv(1)' "$port" 2>/dev/null
 serve_wait
 expect_eq "$SERVE_STATUS $(served_lines)" \
-  "3 kelvorn-serve: cannot listen on the socket systemd handed over: 2 sockets handed over; kelvorn-serve takes one" \
+  "4 kelvorn-serve: cannot listen on the socket systemd handed over: 2 sockets handed over; kelvorn-serve takes one" \
   "two sockets: refused"
 
 # ---- the unit files ----
