@@ -37,7 +37,7 @@ constexpr long kWatchIntervalNs = 100000000;  // watch samples ten times a secon
 struct Options {
     std::string fpga, address;
     std::vector<std::string> words;  // the command and its arguments
-    bool json = false, testMode = false, iKnowTheBoard = false;
+    bool json = false, testMode = false, iKnowTheBoard = false, listDevices = false;
     std::vector<std::string> bsdl, irlen;
     std::string bsdlPath;
     unsigned maxDevices = kDefaultMaxDevices;
@@ -67,12 +67,16 @@ std::string defaultBsdlPath() {
 
 void describeOptions(CLI::App& app, Options* o) {
     app.set_version_flag("--version", "kelvorn-chain " KELVORN_VERSION);
-    app.add_option("fpga", o->fpga, "the device name")->required();
-    app.add_option("address", o->address, "the PCI address, dddd:bb:dd.f")->required();
+    // Both are needed but for --list-devices, which kelvornChainMain checks.
+    app.add_option("fpga", o->fpga, "the device name");
+    app.add_option("address", o->address, "the PCI address, dddd:bb:dd.f");
     app.add_option("command", o->words,
                    "sample DEV | watch DEV | drive DEV PORT=0|1|z... | connect DEV.PORT DEV.PORT | usercode DEV "
                    "(DEV: a position or a BSDL entity name); none: discover the chain");
     app.add_flag("--json", o->json, "every command's answer, or its failure, as JSON");
+    app.add_flag("--list-devices", o->listDevices,
+                 "list the device names the backends serve, each with its backend and the platform condition "
+                 "under which it is served; no device is opened");
     // Each occurrence takes one value: a repeated option never swallows the positional arguments after it.
     app.add_option("--bsdl", o->bsdl, "a BSDL file, or POS=FILE for the device at that position (repeatable)")
         ->type_name("FILE")
@@ -104,7 +108,8 @@ const char* kDescription =
     "Statuses: 0 done; 1 the interface refused (lock held, unknown device); 2 usage; 3 no backend\n"
     "serves the name on this board; 4 a dead or inconsistent chain; 5 a BSDL file cannot be read or\n"
     "none describes the device; 6 a drive refused; 7 connect: the net is not connected.\n\n"
-    "  kelvorn-chain [options] <fpga> <pci address> [command]\n";
+    "  kelvorn-chain [options] <fpga> <pci address> [command]\n"
+    "  kelvorn-chain --list-devices [--json]\n";
 
 // ---- output ----
 
@@ -497,6 +502,19 @@ std::string positionRange() { return "a position is 0 to " + std::to_string(kMos
 
 int usage(const std::string& what) { return fail(kChainUsage, what); }
 
+int listDevices(bool json) {
+    std::vector<XilIntf_servedName> names = device::servedNames();
+    if (json) {
+        jtag::Json list = jtag::Json::array();
+        for (const XilIntf_servedName& n : names)
+            list.push_back({{"name", n.name}, {"backend", n.backend}, {"condition", n.condition}});
+        std::printf("%s\n", jtag::jsonText(jtag::Json{{"devices", std::move(list)}}).c_str());
+        return kChainOk;
+    }
+    for (const XilIntf_servedName& n : names) std::printf("%-22s %-34s %s\n", n.name, n.backend, n.condition);
+    return kChainOk;
+}
+
 }  // namespace
 
 std::string kelvornChainDevice(const std::vector<std::string>& args) {
@@ -525,6 +543,11 @@ int kelvornChainMain(int argc, char** argv) {
         if (jsonOut && e.get_exit_code() != 0) return fail(kChainUsage, e.what());
         return app.exit(e) == 0 ? kChainOk : kChainUsage;
     }
+    if (o.listDevices) {
+        if (!o.fpga.empty() || !o.words.empty()) return usage("--list-devices takes no device, address or command");
+        return listDevices(o.json);
+    }
+    if (o.fpga.empty() || o.address.empty()) return usage(std::string(o.fpga.empty() ? "fpga" : "address") + " is required");
     if (o.bsdlPath.empty() && !app.count("--bsdl-path")) o.bsdlPath = defaultBsdlPath();
 
     device::PciAddress at;
@@ -568,7 +591,21 @@ int kelvornChainMain(int argc, char** argv) {
     for (const std::string& w : catalogue.warnings()) std::fprintf(stderr, "kelvorn-chain: passed over %s\n", w.c_str());
 
     std::optional<device::StdoutToStderr> quiet;
-    if (jsonOut) quiet.emplace();
+    std::optional<device::BeforeRefusalExit> refusal;
+    if (jsonOut) {
+        quiet.emplace();
+        // The backend has said why on stderr; stdout still gets its document.
+        std::string what = "the " + o.fpga + " backend refused this board (its message is on standard error)";
+        refusal.emplace([what, &quiet](int status) {
+            std::fflush(stdout);
+            std::string doc = jtag::jsonText(jtag::Json{{"status", status}, {"error", what}}) + "\n";
+            // While the backends' lines go to stderr, the document goes where stdout was.
+            int fd = quiet ? quiet->stdoutFd() : STDOUT_FILENO;
+            if (::write(fd, doc.data(), doc.size()) < 0) {
+                // Nothing more to be done on the way out.
+            }
+        });
+    }
     XilIntf* intf = device::openDevice("kelvorn-chain", o.fpga, at, o.testMode);
     if (!intf) {
         quiet.reset();

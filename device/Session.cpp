@@ -4,6 +4,8 @@
 
 #include <cstdio>
 
+#include "os/Os.h"
+
 namespace device {
 
 XilIntf* openDevice(const char* program, const std::string& fpga, const PciAddress& at, bool testMode) {
@@ -14,6 +16,21 @@ XilIntf* openDevice(const char* program, const std::string& fpga, const PciAddre
     if (!intf) std::fprintf(stderr, "%s: no backend serves %s on this board\n", program, fpga.c_str());
     return intf;
 }
+
+std::vector<XilIntf_servedName> servedNames() {
+    std::vector<XilIntf_servedName> names(XilIntf_servedNames(nullptr, 0));
+    names.resize(XilIntf_servedNames(names.data(), names.size()));
+    return names;
+}
+
+BeforeRefusalExit::BeforeRefusalExit(std::function<void(int)> before) : saved_(Os::hooks().exit) {
+    Os::hooks().exit = [before = std::move(before), saved = saved_](int status) {
+        before(status);
+        if (saved) saved(status);
+    };
+}
+
+BeforeRefusalExit::~BeforeRefusalExit() { Os::hooks().exit = saved_; }
 
 StdoutToStderr::StdoutToStderr() : saved_(::dup(STDOUT_FILENO)) {
     std::fflush(stdout);

@@ -188,6 +188,12 @@ int XilIntf_tdo(XilIntf* intf) { return static_cast<U8>(intf->tdo()); }
 void XilIntf_cleanup(XilIntf* intf, const char* deviceName) { intf->cleanup(deviceName); }
 void XilIntf_ledIs(XilIntf* intf, int on) { intf->warningIs(on != 0); }
 void XilIntf_testModeIs(int on) { XilIntf::testMode = on != 0; }
+size_t XilIntf_servedNames(XilIntf_servedName* names, size_t max) {
+    std::vector<XilServedName> all;
+    for (XilIntfFactory* f : XilIntfFactory::registry()) f->servedNames(&all);
+    for (size_t i = 0; i < all.size() && i < max; ++i) names[i] = {all[i].name, all[i].backend, all[i].condition};
+    return all.size();
+}
 void XilIntf_shift(XilIntf* intf, uint32_t nbits, const uint8_t* tms, const uint8_t* tdi, uint8_t* tdo) {
     intf->shift(nbits, tms, tdi, tdo);
 }

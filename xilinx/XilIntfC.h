@@ -8,6 +8,7 @@
 #ifndef KELVORN_XILINTF_C_H
 #define KELVORN_XILINTF_C_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -63,6 +64,20 @@ void XilIntf_shiftMasked(XilIntf* intf, uint32_t nbits, const uint8_t* tms, cons
  * than that is there a wait. 0: no ceiling, nothing waits (the default).
  * The per-pin functions are never paced. */
 void XilIntf_tckPeriodIs(XilIntf* intf, uint32_t periodNs);
+
+/* One device name a backend serves: the backend, and the platform
+ * condition under which that backend is asked ("always" when none). */
+typedef struct XilIntf_servedName {
+    const char* name;
+    const char* backend;
+    const char* condition;
+} XilIntf_servedName;
+
+/* The device names the backends serve, in the order XilIntf_bySystem asks
+ * them (a name served by two backends appears twice: the first whose
+ * condition holds serves it). Fills at most max entries of names and
+ * returns how many there are. Reads nothing of the board or the system. */
+size_t XilIntf_servedNames(XilIntf_servedName* names, size_t max);
 
 #ifdef __GNUC__
 #pragma GCC visibility pop

@@ -174,6 +174,43 @@ e2e_wait
 expect_eq "$E2E_STATUS|$E2E_OUT|$(cat "$d/pins")" "0|1: EXTEST driving OUT0=1, every other output released; holding until Ctrl-C
 1: released (Test-Logic-Reset)|1.OUT0 1" "drive until Ctrl-C"
 
+# SIGQUIT and SIGTERM during a hold, as a shell that does not ignore them
+# sends them: the pins released (Test-Logic-Reset), TCK, TMS and TDI last
+# seen undriven in the waveform, status 0.
+for sig in QUIT TERM; do
+  _e2e_cmd "${sim[@]}" --vcd "$d/hold.vcd" chain --i-know-the-board --bsdl-path "$bsdl" "${dev[@]}" drive 1 OUT0=1
+  env --default-signal=INT,QUIT "${E2E_ARGV[@]}" >"$E2E_DIR/bg.out" 2>"$E2E_DIR/bg.err" &
+  E2E_BG=$!
+  for ((i = 0; i < 50; i++)); do grep -q holding "$E2E_DIR/bg.out" && break; sleep 0.1; done
+  kill -$sig "$E2E_BG"
+  e2e_wait
+  expect_eq "$E2E_STATUS|$(tail -n1 <<<"$E2E_OUT")" "0|1: released (Test-Logic-Reset)" "SIG$sig during a drive hold: released"
+  expect_eq "$(for v in C M I; do grep -E "^[01z]$v\$" "$d/hold.vcd" | tail -n 1; done | paste -sd' ')" "zC zM zI" \
+    "SIG$sig during a drive hold: TCK, TMS and TDI released last"
+done
+
+# A backend that refuses the board ends the process (status 1) from inside;
+# with --json the answer is still a document on stdout, the backend's own
+# line on stderr.
+e2e_run kelvorn-sim --platform gozip --cpu 0x19:0x44 chain --json fodak 0000:00:14.0
+expect_eq "$E2E_STATUS|$E2E_OUT|$E2E_ERR" '1|{"status":1,"error":"the fodak backend refused this board (its message is on standard error)"}|kelvorn-sim: fodak is not wired to this processor'"'"'s GPIO pads
+Unsupported gpio 168' \
+  "--json when the backend refuses the board: a document"
+
+# The device names each backend serves, and when: nothing is opened.
+e2e_run kelvorn-chain --list-devices
+expect_eq "$E2E_STATUS|$(grep -cE '^(rotanMotub +PLX PEX 8600 GPIO +always|penetScd +Intel GbE controller SDP pins +always|kubezShimScd +Intel Cedar Fork PCH GPIO +kernel command line has platform=\(sosepi\|disal\|kubez\))$' <<<"$E2E_OUT")" \
+  "0|3" "--list-devices: a name, its backend, its condition"
+expect_eq "$(grep -c . <<<"$E2E_OUT")" 74 "--list-devices: every name of every backend (fodak and komefi twice: two backends, one per platform)"
+e2e_run kelvorn-sim chain --list-devices --json
+expect_eq "$E2E_STATUS|$(python3 -c 'import json,sys; d=json.load(sys.stdin)["devices"]; print(len(d), d[0])' <<<"$E2E_OUT")" \
+  "0|74 {'name': 'fodak', 'backend': 'AMD SB820 GPIO', 'condition': 'kernel command line has no platform=(gozip|bupul)'}" \
+  "--list-devices --json, through the simulator"
+e2e_run kelvorn-chain --list-devices rotanMotub
+expect_eq "$E2E_STATUS|$E2E_ERR" "2|kelvorn-chain: --list-devices takes no device, address or command" "--list-devices with a device"
+e2e_run kelvorn-chain rotanMotub
+expect_eq "$E2E_STATUS|$E2E_ERR" "2|kelvorn-chain: address is required" "no address"
+
 # watch: the first sample, then until a signal.
 e2e_start "${sim[@]}" --pin '1.SW(0)=0' chain --bsdl-path "$bsdl" "${dev[@]}" watch 1
 for ((i = 0; i < 50; i++)); do grep -q BUS "$E2E_DIR/bg.out" && break; sleep 0.1; done

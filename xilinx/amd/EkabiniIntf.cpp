@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <string>
 
 #include "os/Os.h"
 #include "xilinx/amd/AmdGpio.h"
@@ -165,4 +166,9 @@ XilIntf* EkabiniGpioFactory::newXilIntf(U16, U16, U16 domain, U8 bus, U8 device,
     std::unique_ptr<EkabiniIntf> intf(new EkabiniIntf(lockName));
     amd::validateGpio(probePin());
     return intf.release();
+}
+
+void EkabiniGpioFactory::servedNames(std::vector<XilServedName>* out) {
+    static const std::string condition = std::string("kernel command line has platform=(") + kServedPlatforms + ")";
+    for (const char* name : kManagedNames) out->push_back({name, "AMD embedded SoC GPIO (/dev/mem)", condition.c_str()});
 }

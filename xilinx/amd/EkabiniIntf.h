@@ -46,6 +46,7 @@ class EkabiniIntf : public XilIntf {
 class EkabiniGpioFactory : public XilIntfFactory {
   public:
     bool manages(const char* deviceName) override;
+    void servedNames(std::vector<XilServedName>* out) override;
     // Takes the lock, then validates a pin that the board's platform allows,
     // which detects the platform and the SoC and maps the register window
     // (or ends the process) before select needs them.

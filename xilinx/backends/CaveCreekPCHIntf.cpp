@@ -213,3 +213,7 @@ XilIntf* CaveCreekPCHFactory::newXilIntf(U16 pciVendor, U16 pciDevice, U16 domai
     xilLockName(lockName, domain, bus, device);
     return new CaveCreekPCHIntf(pciVendor, pciDevice, domain, bus, device, function, lockName);
 }
+
+void CaveCreekPCHFactory::servedNames(std::vector<XilServedName>* out) {
+    for (const auto& d : kDevices) out->push_back({d.name, "Intel Cave Creek PCH GPIO", "always"});
+}

@@ -139,3 +139,7 @@ XilIntf* CedarForkPCHFactory::newXilIntf(U16, U16, U16 domain, U8 bus, U8 device
     intf->ham = new Ham("CedarForkGpioHam", HamType::mappedFile, nullptr, intf->physBase, size, "/dev/mem", kWindowTag);
     return intf.release();
 }
+
+void CedarForkPCHFactory::servedNames(std::vector<XilServedName>* out) {
+    for (const auto& d : kDevices) out->push_back({d.name, "Intel Cedar Fork PCH GPIO", "kernel command line has platform=(sosepi|disal|kubez)"});
+}

@@ -260,3 +260,7 @@ XilIntf* IntelGbeControllerFactory::newXilIntf(U16 pciVendor, U16 pciDevice, U16
     xilLockName(lockName, domain, bus, device);
     return new IntelGbeControllerIntf(pciVendor, pciDevice, domain, bus, device, function, lockName);
 }
+
+void IntelGbeControllerFactory::servedNames(std::vector<XilServedName>* out) {
+    for (const auto& d : devices) out->push_back({d.name, "Intel GbE controller SDP pins", "always"});
+}

@@ -134,3 +134,7 @@ XilIntf* PericomGen3Factory::newXilIntf(U16 pciVendor, U16 pciDevice, U16 domain
     xilLockName(lockName, domain, bus, device);
     return new PericomGen3Intf(pciVendor, pciDevice, domain, bus, device, function, lockName);
 }
+
+void PericomGen3Factory::servedNames(std::vector<XilServedName>* out) {
+    for (const auto& d : devices) out->push_back({d.name, "Pericom Gen3 PCIe switch GPIO", "always"});
+}

@@ -44,5 +44,6 @@ class PericomGen3Intf : public XilIntf {
 class PericomGen3Factory : public XilIntfFactory {
   public:
     bool manages(const char* deviceName) override;
+    void servedNames(std::vector<XilServedName>* out) override;
     XilIntf* newXilIntf(U16 pciVendor, U16 pciDevice, U16 domain, U8 bus, U8 device, U8 function) override;
 };

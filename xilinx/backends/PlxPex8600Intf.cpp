@@ -211,3 +211,7 @@ XilIntf* PlxPex8600Factory::newXilIntf(U16 pciVendor, U16 pciDevice, U16 domain,
     xilLockName(lockName, domain, bus, device);
     return new PlxPex8600Intf(pciVendor, pciDevice, domain, bus, device, function, lockName);
 }
+
+void PlxPex8600Factory::servedNames(std::vector<XilServedName>* out) {
+    for (const auto& d : kPinTables) out->push_back({d.deviceName, "PLX PEX 8600 GPIO", "always"});
+}

@@ -198,3 +198,7 @@ XilIntf* PlxPex8700Factory::newXilIntf(U16 pciVendor, U16 pciDevice, U16 domain,
     xilLockName(lockName, domain, bus, device);
     return new PlxPex8700Intf(pciVendor, pciDevice, domain, bus, device, function, lockName);
 }
+
+void PlxPex8700Factory::servedNames(std::vector<XilServedName>* out) {
+    for (const auto& d : kPinTables) out->push_back({d.deviceName, "PLX PEX 8700 GPIO", "always"});
+}

@@ -75,5 +75,6 @@ inline void PlxPex8700Intf::setPin(U8 pin, bool level, bool fromCache) {
 class PlxPex8700Factory : public XilIntfFactory {
   public:
     bool manages(const char* deviceName) override;
+    void servedNames(std::vector<XilServedName>* out) override;
     XilIntf* newXilIntf(U16 pciVendor, U16 pciDevice, U16 domain, U8 bus, U8 device, U8 function) override;
 };

@@ -51,7 +51,8 @@ struct ControlBytes {
     void write(U32 offset, U32 value) { impl->write8(offset, static_cast<U8>(value)); }
 };
 
-bool isDevice(const char* name) { return std::strcmp(name, "fodak") == 0 || std::strcmp(name, "komefi") == 0; }
+constexpr const char* kDeviceNames[] = {"fodak", "komefi"};
+bool isDevice(const char* name) { return std::strcmp(name, kDeviceNames[0]) == 0 || std::strcmp(name, kDeviceNames[1]) == 0; }
 
 }  // namespace
 
@@ -204,4 +205,9 @@ XilIntf* Sb820Factory::newXilIntf(U16 pciVendor, U16 pciDevice, U16 domain, U8 b
     char lockName[256];
     xilLockName(lockName, domain, bus, device);
     return new Sb820Intf(pciVendor, pciDevice, domain, bus, device, function, lockName);
+}
+
+void Sb820Factory::servedNames(std::vector<XilServedName>* out) {
+    for (const char* name : kDeviceNames)
+        out->push_back({name, "AMD SB820 GPIO", "kernel command line has no platform=(gozip|bupul)"});
 }
