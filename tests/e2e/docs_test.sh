@@ -22,7 +22,7 @@ help_options() {  # program [subcommand]
   "$bin/$1" ${2:-} --help | grep -E '^ +-' | grep -oE -- '(^| |,)--?[a-z][a-z0-9-]*' | tr -d ' ,' | sort -u
 }
 
-for page in kelvorn.1 kelvorn-play.1 kelvorn-serve.1 kelvorn-chain.1 libxilinx.3 libkelvorn.3; do
+for page in kelvorn.1 kelvorn-play.1 kelvorn-serve.1 kelvorn-chain.1 kelvorn-status.7 libxilinx.3 libkelvorn.3; do
   f=$E2E_BUILD/man/$page
   warnings=$(LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings -l "$f" 2>&1 >/dev/null)
   expect_eq "$warnings" "" "$page: renders without a warning"
@@ -30,6 +30,7 @@ for page in kelvorn.1 kelvorn-play.1 kelvorn-serve.1 kelvorn-chain.1 libxilinx.3
   case $page in
   *.1) want="NAME,SYNOPSIS,DESCRIPTION,OPTIONS,EXIT STATUS,*EXAMPLES,SEE ALSO" ;;
   *.3) want="NAME,SYNOPSIS,DESCRIPTION,RETURN VALUE,ERRORS,*EXAMPLES,SEE ALSO" ;;
+  *.7) want="NAME,DESCRIPTION,SEE ALSO" ;;
   esac
   [[ $sections == $want ]]
   expect_eq "$?" 0 "$page: sections ($sections)"
