@@ -3,9 +3,12 @@
 # Each page has one source, docs/man/<page>.md, which go-md2man turns into
 # build/man/<page> at build time (the version filled in); it is installed
 # gzipped (gzip -9n, as Debian wants): section 1, one page per installed
-# program, with the programs; section 3, each C API, with its header.
-# tests/man_test.sh keeps each page's options in step with its program's
-# --help. The bash completion, docs/completion/kelvorn, is one script for
+# program, with the programs; section 7, kelvorn-status, the exit statuses
+# of every program, with the programs; section 3, each C API, with its
+# header. A line that is only an HTML comment (<!-- not run: ... --> before
+# an example that tests/e2e/examples_test.sh must not run) is dropped.
+# tests/e2e/docs_test.sh keeps each page's options in step with its
+# program's --help. The bash completion, docs/completion/kelvorn, is one script for
 # every program, installed under each installed program's name, since
 # bash-completion loads a command's completion by the command's name.
 find_program(GO_MD2MAN go-md2man)
@@ -14,7 +17,7 @@ if(NOT GO_MD2MAN)
 endif()
 
 set(KELVORN_PROGRAMS kelvorn kelvorn-play kelvorn-serve kelvorn-chain)
-set(KELVORN_MAN_PAGES kelvorn.1 kelvorn-play.1 kelvorn-serve.1 kelvorn-chain.1 libxilinx.3 libkelvorn.3)
+set(KELVORN_MAN_PAGES kelvorn.1 kelvorn-play.1 kelvorn-serve.1 kelvorn-chain.1 kelvorn-status.7 libxilinx.3 libkelvorn.3)
 set(man_outputs)
 foreach(page ${KELVORN_MAN_PAGES})
   set(src ${CMAKE_SOURCE_DIR}/docs/man/${page}.md)
@@ -22,7 +25,7 @@ foreach(page ${KELVORN_MAN_PAGES})
   add_custom_command(
     OUTPUT ${out} ${out}.gz
     COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/man
-    COMMAND sh -c "sed 's/@VERSION@/${PROJECT_VERSION}/' '${src}' | '${GO_MD2MAN}' -out '${out}' && gzip -9n -c '${out}' >'${out}.gz'"
+    COMMAND sh -c "sed -e 's/@VERSION@/${PROJECT_VERSION}/' -e '/^<!--.*-->$/d' '${src}' | '${GO_MD2MAN}' -out '${out}' && gzip -9n -c '${out}' >'${out}.gz'"
     DEPENDS ${src}
     COMMENT "Manual page ${page}"
     VERBATIM)

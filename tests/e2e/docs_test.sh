@@ -22,7 +22,7 @@ help_options() {  # program [subcommand]
   "$bin/$1" ${2:-} --help | grep -E '^ +-' | grep -oE -- '(^| |,)--?[a-z][a-z0-9-]*' | tr -d ' ,' | sort -u
 }
 
-for page in kelvorn.1 kelvorn-play.1 kelvorn-serve.1 kelvorn-chain.1 libxilinx.3 libkelvorn.3; do
+for page in kelvorn.1 kelvorn-play.1 kelvorn-serve.1 kelvorn-chain.1 kelvorn-status.7 libxilinx.3 libkelvorn.3; do
   f=$E2E_BUILD/man/$page
   warnings=$(LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings -l "$f" 2>&1 >/dev/null)
   expect_eq "$warnings" "" "$page: renders without a warning"
@@ -30,6 +30,7 @@ for page in kelvorn.1 kelvorn-play.1 kelvorn-serve.1 kelvorn-chain.1 libxilinx.3
   case $page in
   *.1) want="NAME,SYNOPSIS,DESCRIPTION,OPTIONS,EXIT STATUS,*EXAMPLES,SEE ALSO" ;;
   *.3) want="NAME,SYNOPSIS,DESCRIPTION,RETURN VALUE,ERRORS,*EXAMPLES,SEE ALSO" ;;
+  *.7) want="NAME,DESCRIPTION,SEE ALSO" ;;
   esac
   [[ $sections == $want ]]
   expect_eq "$?" 0 "$page: sections ($sections)"
@@ -44,6 +45,31 @@ done
 commands=$("$bin/kelvorn" | sed -n 's/^USAGE: .*{ \(.*\) }.*/\1/p' | tr -d ' ' | tr '|' '\n' | sort)
 expect_eq "$(page_options "$E2E_BUILD/man/kelvorn.1" all | grep -E '^t' | tr ',' '\n' | tr -d ' ' | grep . | sort)" \
   "$commands" "kelvorn: page and usage name the same commands"
+
+# Exit statuses: kelvorn-status(7) has them all in one table; each tool's
+# page lists the same numbers for itself (statuses 0 to 3 are every tool's)
+# and refers to it; every program's page refers to the other tools.
+statuses_of() {  # program: the numbers kelvorn-status(7)'s table gives it
+  awk -F' [|] ' -v p="$1" '/^\| [0-9]/ { sub(/^\| /, ""); if ($2 == "every tool" || $2 == p) print $1 }' \
+    "$src/docs/man/kelvorn-status.7.md" | sort -n | paste -sd' '
+}
+page_statuses() {  # program: the bold numbers of its page's EXIT STATUS, signals aside
+  awk '/^# / { sec = $0; next } sec == "# EXIT STATUS"' "$src/docs/man/$1.1.md" |
+    grep -oE '\*\*[0-9]+\*\*' | tr -d '*' | grep -vx 128 | sort -n | paste -sd' '
+}
+expect_eq "$(statuses_of kelvorn-chain)" "0 1 2 3 4 5 6 7" "kelvorn-status: kelvorn-chain's statuses"
+for program in kelvorn-chain kelvorn-play kelvorn-serve; do
+  expect_eq "$(page_statuses "$program")" "$(statuses_of "$program")" "$program: EXIT STATUS lists the statuses of kelvorn-status(7)"
+done
+for page in kelvorn kelvorn-chain kelvorn-play kelvorn-serve; do
+  f=$src/docs/man/$page.1.md
+  awk '/^# EXIT STATUS/ { on = 1; next } /^# / { on = 0 } on' "$f" | grep -q '\*\*kelvorn-status\*\*(7)'
+  expect_eq "$?" 0 "$page: EXIT STATUS refers to kelvorn-status(7)"
+  want="kelvorn-chain kelvorn-sim kelvorn-status kelvorn-vectors"
+  [ "$page" = kelvorn-chain ] && want="kelvorn-sim kelvorn-status kelvorn-vectors"
+  expect_eq "$(sed -n '/^# SEE ALSO/,$p' "$f" | grep -oE '\*\*kelvorn-(chain|sim|status|vectors)\*\*' | tr -d '*' | sort | paste -sd' ')" \
+    "$want" "$page: SEE ALSO names the tools and kelvorn-status(7)"
+done
 
 # ---- --version ----
 

@@ -69,7 +69,8 @@ share/man/man1/kelvorn-play.1.gz
 share/man/man1/kelvorn-serve.1.gz
 share/man/man1/kelvorn.1.gz
 share/man/man3/libxilinx.3.gz
-share/man/man3/libkelvorn.3.gz")" "installed libraries, Python package, manual pages, completion, units and package documents"
+share/man/man3/libkelvorn.3.gz
+share/man/man7/kelvorn-status.7.gz")" "installed libraries, Python package, manual pages, completion, units and package documents"
 # Tools come from kelvorn_install_tool(); never the simulator, tests or benchmarks.
 expect_eq "$(ls "$stage/bin" | paste -sd' ')" "kelvorn kelvorn-chain kelvorn-play kelvorn-serve" "installed tools"
 
@@ -148,7 +149,7 @@ share/doc/libxilinx1/changelog.gz
 share/doc/libxilinx1/copyright" "libxilinx1: the library under its SONAME"
 expect_eq "$(packaged libxilinx-dev | grep -cE "^(include/|$libdir/libxilinx\.(a|so ->)|$libdir/(pkgconfig|cmake)/|share/man/man3/)")" \
   "$(($(packaged libxilinx-dev | wc -l) - 2))" "libxilinx-dev: headers, link, archive, pkg-config, CMake, section 3"
-expect_eq "$(packaged kelvorn | grep -vcE '^(bin/|lib/systemd/system/|share/(man/man1|bash-completion|doc/kelvorn)/)')" 0 \
+expect_eq "$(packaged kelvorn | grep -vcE '^(bin/|lib/systemd/system/|share/(man/man[17]|bash-completion|doc/kelvorn)/)')" 0 \
   "kelvorn: programs, pages, completion, units"
 expect_eq "$(dpkg-deb --fsys-tarfile "$(deb libxilinx-dev)" | tar -xO "./usr/$libdir/pkgconfig/xilinx.pc" | head -n1)" \
   "prefix=/usr" "package: pkg-config prefix"

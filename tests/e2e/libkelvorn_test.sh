@@ -5,7 +5,7 @@
 # is cancelled from its progress callback (the pins given back), and is
 # refused a second open of the device; the same binary runs with the two
 # libraries swapped under it (the hardware one in test mode on a PEX 8600
-# register file); the README's C and Python examples run as printed; the
+# register file); the C and Python examples of docs/library.md run as printed; the
 # pytest suite runs against the staged Python package.
 source "$(dirname "$0")/lib.sh" "$1"
 
@@ -147,24 +147,24 @@ expect_eq "$(needed "$E2E_DIR/cmake/on_hw") $(needed "$E2E_DIR/cmake/on_sim")" "
 out=$(env "${c_env[@]}" "$E2E_DIR/cmake/on_sim" "--cpu 0x16:0x30 --chain $chain" rotanMotub 0000:03:00.0 2>&1 | tail -n1)
 expect_eq "$out" "discover: ok: $discovery" "find_package: the program runs on the simulated board"
 
-# ---- the README's examples, as printed ----
+# ---- the examples of docs/library.md, as printed ----
 
 readme=$E2E_DIR/readme
 mkdir -p "$readme/bin"
-# The Nth fenced block of a language in the README's libkelvorn section.
+# The Nth fenced block of a language in the libkelvorn section of docs/library.md.
 block() {  # language n
   awk -v lang="$1" -v n="$2" '
     /^## / { in_section = ($0 ~ /^## The whole chain from C and Python/) }
     !in_section { next }
     inside && /^```$/ { inside = 0; next }
     inside { if (count == n) print; next }
-    $0 == "```" lang { inside = 1; count++ }' "$src/README.md"
+    $0 == "```" lang { inside = 1; count++ }' "$src/docs/library.md"
 }
 block c 1 >"$readme/chain.c"
 block python 1 >"$readme/chain.py"
 expect_eq "$(head -n1 "$readme/chain.c") / $(head -n1 "$readme/chain.py")" \
   "/* chain.c: the devices on the chain behind \"rotanMotub\" at 0000:03:00.0, then a file played on it. */ / # chain.py: the same from Python, on the simulated board, and an IDCODE read by hand." \
-  "README: the examples found"
+  "docs/library.md: the examples found"
 # cc: this build's compiler, warnings as errors, linked to find the staged library at run time.
 cat >"$readme/bin/cc" <<EOF
 #!/bin/sh
@@ -177,10 +177,10 @@ readme_run() {  # the block's commands, in the examples' directory
     KELVORN_LIBRARY_PATH="$lib" bash -e -c "$1" 2>"$E2E_DIR/readme.err")
 }
 out=$(readme_run "$(block sh 1)")
-expect_eq "$?|$out" "0|$(block text 1)" "README: the C example, built and run as printed"
-expect_eq "$(tr '\r' '\n' <"$E2E_DIR/readme.err" | tail -n1)" "100%" "README: the C example's progress bar"
+expect_eq "$?|$out" "0|$(block text 1)" "docs/library.md: the C example, built and run as printed"
+expect_eq "$(tr '\r' '\n' <"$E2E_DIR/readme.err" | tail -n1)" "100%" "docs/library.md: the C example's progress bar"
 out=$(readme_run "$(block sh 2)")
-expect_eq "$?|$out" "0|$(block text 2)" "README: the Python example, run as printed"
+expect_eq "$?|$out" "0|$(block text 2)" "docs/library.md: the Python example, run as printed"
 
 # ---- the Python package, installed ----
 
