@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <string>
 #include <unordered_set>
 
 #include "os/Os.h"
@@ -41,19 +42,22 @@ Interfaces& interfaces() {
 
 }  // namespace
 
+// The lock file of a lock name: under /var/lock, or the test mode's one.
+static std::string lockPath(const char* lockName) {
+    std::string path = std::string("/var/lock/") + lockName;
+    XTRACE(1, "lockfile is " << path);
+    if (!XilIntf::testMode) return path;
+    XTRACE(1, "Using test lock file " << XilIntf::testLockFile << " instead");
+    return XilIntf::testLockFile;
+}
+
 XilIntf::XilIntf(const char* lockName) {
     {
         std::lock_guard<std::mutex> lock(interfaces().mutex);
         interfaces().all.insert(this);
     }
-    char path[256];
-    std::snprintf(path, sizeof path, "/var/lock/%s", lockName);
-    XTRACE(1, "lockfile is " << path);
-    const char* file = path;
-    if (testMode) {
-        file = testLockFile;
-        XTRACE(1, "Using test lock file " << file << " instead");
-    }
+    std::string path = lockPath(lockName);
+    const char* file = path.c_str();
     // errno is kept from the failed call: flushing stdout first may fail
     // too (a full disk, a closed pipe) and set errno of its own.
     int fd = Os::creat(file, 0400);
@@ -188,6 +192,16 @@ int XilIntf_tdo(XilIntf* intf) { return static_cast<U8>(intf->tdo()); }
 void XilIntf_cleanup(XilIntf* intf, const char* deviceName) { intf->cleanup(deviceName); }
 void XilIntf_ledIs(XilIntf* intf, int on) { intf->warningIs(on != 0); }
 void XilIntf_testModeIs(int on) { XilIntf::testMode = on != 0; }
+int XilIntf_served(const char* deviceName) { return XilIntfFactory::factory(deviceName) != nullptr; }
+int XilIntf_lockHeld(uint16_t domain, uint8_t bus, uint8_t device) {
+    char name[256];
+    xilLockName(name, domain, bus, device);
+    int fd = Os::creat(lockPath(name).c_str(), 0400);
+    if (fd < 0) return 0;  // the interface says why, when it tries
+    bool held = ::flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    ::close(fd);
+    return held;
+}
 size_t XilIntf_servedNames(XilIntf_servedName* names, size_t max) {
     std::vector<XilServedName> all;
     for (XilIntfFactory* f : XilIntfFactory::registry()) f->servedNames(&all);

@@ -65,6 +65,15 @@ void XilIntf_shiftMasked(XilIntf* intf, uint32_t nbits, const uint8_t* tms, cons
  * The per-pin functions are never paced. */
 void XilIntf_tckPeriodIs(XilIntf* intf, uint32_t periodNs);
 
+/* 1 when a backend serves deviceName on this board (the backends are asked
+ * as XilIntf_bySystem asks them), else 0. Builds nothing, takes no lock. */
+int XilIntf_served(const char* deviceName);
+
+/* 1 when another open file holds the lock XilIntf_bySystem would take for
+ * the PCI device domain:bus:device (the test mode's lock file in test
+ * mode), else 0: a caller that must not end on a refusal asks first. */
+int XilIntf_lockHeld(uint16_t domain, uint8_t bus, uint8_t device);
+
 /* One device name a backend serves: the backend, and the platform
  * condition under which that backend is asked ("always" when none). */
 typedef struct XilIntf_servedName {
