@@ -29,7 +29,10 @@ mkdir -p "$work"
 for n in zero urandom full; do : >"$E2E_DIR/dev/$n"; done
 ln -s /proc/self/fd "$E2E_DIR/dev/fd"
 # Runs a command in the namespace, as a user of the staged root: a clean
-# environment, the root's programs, libraries, Python package and pages.
+# environment (but the sanitizers' options of a sanitized build), the root's
+# programs, libraries, Python package and pages.
+sanitizer_env=()
+for v in ASAN_OPTIONS LSAN_OPTIONS UBSAN_OPTIONS; do [ -n "${!v:-}" ] && sanitizer_env+=("$v=${!v}"); done
 as_user() {
   unshare -m --propagation private sh -c '
     d=$1; shift
@@ -40,7 +43,7 @@ as_user() {
     mount --rbind "$d/dev" /dev &&
     mount --bind "$d/tmp" /tmp || exit 99
     cd "$d/work" && exec "$@"' sh "$E2E_DIR" \
-    env -i HOME="$work" LANG=C.UTF-8 TERM=dumb PATH="$root/usr/bin:/usr/local/bin:/usr/bin:/bin" \
+    env -i "${sanitizer_env[@]}" HOME="$work" LANG=C.UTF-8 TERM=dumb PATH="$root/usr/bin:/usr/local/bin:/usr/bin:/bin" \
     LD_LIBRARY_PATH="$root/usr/$libdir" PYTHONPATH="$root/usr/lib/python3/dist-packages" \
     MANPATH="$root/usr/share/man" KELVORN_SHARE="$root/usr/share/kelvorn" "$@"
 }
