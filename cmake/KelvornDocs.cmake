@@ -3,7 +3,8 @@
 # Each page has one source, docs/man/<page>.md, which go-md2man turns into
 # build/man/<page> at build time (the version filled in); it is installed
 # gzipped (gzip -9n, as Debian wants): section 1, one page per installed
-# program, with the programs; section 3, each C API, with its header.
+# program, with that program (kelvorn-sim's and kelvorn-vectors' in the
+# kelvorn-sim package); section 3, each C API, with its header.
 # tests/man_test.sh keeps each page's options in step with its program's
 # --help. The bash completion, docs/completion/kelvorn, is one script for
 # every program, installed under each installed program's name, since
