@@ -1,5 +1,7 @@
 # What `cmake --install` puts under the prefix (GNU directory names):
 #   bin/kelvorn and the other tools given to kelvorn_install_tool()
+#   bin/kelvorn-sim, bin/kelvorn-vectors     the simulator (sim/CMakeLists.txt)
+#   share/kelvorn/bsdl/                       kelvorn-chain's BSDL directory, with the simulated parts' files
 #   lib/libxilinx.so.<version> with its SONAME and development links, lib/libxilinx.a
 #   lib/libkelvorn.so.<version>, lib/libkelvorn-sim.so.<version>, each with its SONAME and link
 #   include/kelvorn/XilIntfC.h, include/kelvorn/kelvorn.h
@@ -14,7 +16,8 @@
 # Debian package's /usr). Each file belongs to one of the components, the
 # Debian packages (cmake/KelvornPackage.cmake): lib, libxilinx under its
 # SONAME; dev, what building against it takes; programs, the tools with
-# their pages, completion and units; kvlib and kvsim, libkelvorn and
+# their pages, completion and units; sim, the simulator and kelvorn-vectors
+# with their pages, completion and BSDL files; kvlib and kvsim, libkelvorn and
 # libkelvorn-sim under their SONAMEs; kvdev, what building against those
 # takes; python, the Python package.
 include(CMakePackageConfigHelpers)
@@ -63,6 +66,10 @@ kelvorn_pkgconfig(kelvorn-sim -lkelvorn-sim kvdev "libkelvorn with the simulated
 # The Python package, where Debian's python3 finds packages under any prefix.
 install(DIRECTORY ${CMAKE_SOURCE_DIR}/python/kelvorn DESTINATION lib/python3/dist-packages COMPONENT python
         FILES_MATCHING PATTERN "*.py" PATTERN "py.typed" PATTERN "__pycache__" EXCLUDE)
+
+# The BSDL directory kelvorn-chain searches by default (share/kelvorn/bsdl
+# beside bin/): the kelvorn package makes it; vendors' files go there.
+install(DIRECTORY DESTINATION ${CMAKE_INSTALL_DATADIR}/kelvorn/bsdl COMPONENT programs)
 
 # kelvorn-serve's socket-activated units.
 install(FILES ${CMAKE_SOURCE_DIR}/serve/systemd/kelvorn-serve@.socket ${CMAKE_SOURCE_DIR}/serve/systemd/kelvorn-serve@.service

@@ -1,4 +1,4 @@
-# `cpack -G DEB` in the build directory: seven packages under /usr, split as
+# `cpack -G DEB` in the build directory: eight packages under /usr, split as
 # Debian splits a library, from the install components
 # (cmake/KelvornInstall.cmake):
 #   libxilinx1      the shared library under its SONAME, with a shlibs file
@@ -6,7 +6,12 @@
 #   libxilinx-dev   headers, the unversioned link, the static library,
 #                   pkg-config and CMake files, the section 3 page
 #   kelvorn         the programs, their pages, bash completion, the
-#                   kelvorn-serve units
+#                   kelvorn-serve units, the BSDL directory kelvorn-chain
+#                   searches (empty)
+#   kelvorn-sim     the simulator and kelvorn-vectors, their pages and
+#                   completion, and BSDL files of simulated parts in that
+#                   directory; apart, so that a board's image has no
+#                   simulator and no made-up part on kelvorn-chain's path
 #   libkelvorn1     libkelvorn under its SONAME (shlibs, ldconfig trigger)
 #   libkelvorn-sim1 libkelvorn-sim under its SONAME
 #   libkelvorn-dev  kelvorn.h, the two links, pkg-config and CMake files,
@@ -26,7 +31,7 @@ set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${KELVORN_MAINTAINER}")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL lib dev programs kvlib kvsim kvdev python)
+set(CPACK_COMPONENTS_ALL lib dev programs sim kvlib kvsim kvdev python)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION electronics)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
@@ -67,6 +72,16 @@ string(CONCAT CPACK_DEBIAN_PROGRAMS_DESCRIPTION ${about_boards}
        "kelvorn-play SVF and XSVF player and kelvorn-serve, which serves the\n"
        "pins to OpenOCD over remote_bitbang or to XVC clients, with its systemd\n"
        "units.")
+
+set(CPACK_DEBIAN_SIM_PACKAGE_NAME kelvorn-sim)
+set(CPACK_DEBIAN_SIM_PACKAGE_RECOMMENDS kelvorn)
+string(CONCAT CPACK_DEBIAN_SIM_DESCRIPTION ${about_boards}
+       "This package holds kelvorn-sim, which runs the kelvorn tools on a\n"
+       "simulated board: register-level models of every GPIO chip above and a\n"
+       "JTAG chain of made-up or BSDL-described devices on their pins, nothing\n"
+       "of the machine's hardware touched; kelvorn-vectors, which writes the\n"
+       "SVF and XSVF files that program the simulated device; and the BSDL\n"
+       "files of the simulated parts, in the directory kelvorn-chain searches.")
 
 set(about_library
     "libkelvorn is a C library for a whole JTAG chain on such a board: it\n"

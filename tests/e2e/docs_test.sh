@@ -22,7 +22,7 @@ help_options() {  # program [subcommand]
   "$bin/$1" ${2:-} --help | grep -E '^ +-' | grep -oE -- '(^| |,)--?[a-z][a-z0-9-]*' | tr -d ' ,' | sort -u
 }
 
-for page in kelvorn.1 kelvorn-play.1 kelvorn-serve.1 kelvorn-chain.1 kelvorn-status.7 libxilinx.3 libkelvorn.3; do
+for page in kelvorn.1 kelvorn-play.1 kelvorn-serve.1 kelvorn-chain.1 kelvorn-sim.1 kelvorn-vectors.1 kelvorn-status.7 libxilinx.3 libkelvorn.3; do
   f=$E2E_BUILD/man/$page
   warnings=$(LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings -l "$f" 2>&1 >/dev/null)
   expect_eq "$warnings" "" "$page: renders without a warning"
@@ -38,7 +38,7 @@ for page in kelvorn.1 kelvorn-play.1 kelvorn-serve.1 kelvorn-chain.1 kelvorn-sta
   grep -q "kelvorn $version" "$f"
   expect_eq "$?" 0 "$page: names version $version"
 done
-for program in kelvorn-play kelvorn-serve kelvorn-chain; do
+for program in kelvorn-play kelvorn-serve kelvorn-chain kelvorn-sim kelvorn-vectors; do
   expect_eq "$(page_options "$E2E_BUILD/man/$program.1")" "$(help_options "$program")" "$program: page and --help name the same options"
 done
 # kelvorn's usage text is its help: the page names its four commands.

@@ -7,6 +7,7 @@
 source "$(dirname "$0")/lib.sh" "$1"
 
 consumer_src=$(cd "$(dirname "$0")/consumer" && pwd)
+src=$(cd "$(dirname "$0")/../.." && pwd)
 cache() { sed -n "s/^$1:[A-Z]*=//p" "$E2E_BUILD/CMakeCache.txt"; }
 cc=$(cache CMAKE_C_COMPILER)
 libdir=$(cache CMAKE_INSTALL_LIBDIR)
@@ -50,8 +51,12 @@ share/bash-completion/completions/kelvorn
 share/bash-completion/completions/kelvorn-chain
 share/bash-completion/completions/kelvorn-play
 share/bash-completion/completions/kelvorn-serve
+share/bash-completion/completions/kelvorn-sim
+share/bash-completion/completions/kelvorn-vectors
 share/doc/kelvorn/changelog.gz
 share/doc/kelvorn/copyright
+share/doc/kelvorn-sim/changelog.gz
+share/doc/kelvorn-sim/copyright
 share/doc/libxilinx-dev/changelog.gz
 share/doc/libxilinx-dev/copyright
 share/doc/libxilinx1/changelog.gz
@@ -68,11 +73,21 @@ share/man/man1/kelvorn-chain.1.gz
 share/man/man1/kelvorn-play.1.gz
 share/man/man1/kelvorn-serve.1.gz
 share/man/man1/kelvorn.1.gz
+share/man/man1/kelvorn-sim.1.gz
+share/man/man1/kelvorn-vectors.1.gz
+share/kelvorn/bsdl/KV_FPGA6.BSD
+share/kelvorn/bsdl/kv_cpld64.bsd
+share/kelvorn/bsdl/kv_dap4.bsd
 share/man/man3/libxilinx.3.gz
 share/man/man3/libkelvorn.3.gz
 share/man/man7/kelvorn-status.7.gz")" "installed libraries, Python package, manual pages, completion, units and package documents"
-# Tools come from kelvorn_install_tool(); never the simulator, tests or benchmarks.
-expect_eq "$(ls "$stage/bin" | paste -sd' ')" "kelvorn kelvorn-chain kelvorn-play kelvorn-serve" "installed tools"
+# Tools come from kelvorn_install_tool(), and the simulator with kelvorn-vectors; never tests or benchmarks.
+expect_eq "$(ls "$stage/bin" | paste -sd' ')" "kelvorn kelvorn-chain kelvorn-play kelvorn-serve kelvorn-sim kelvorn-vectors" \
+  "installed tools"
+# The simulated parts' BSDL files, as the tests read them, where kelvorn-chain looks by default.
+for f in "$src"/tests/data/bsdl/*.[bB][sS][dD]; do
+  expect_eq "$(cmp "$f" "$stage/share/kelvorn/bsdl/${f##*/}" && echo same)" same "installed BSDL file ${f##*/}"
+done
 
 so=$stage/$libdir/libxilinx.so.1
 functions=$(sed -nE 's/^[a-zA-Z].*[ *](XilIntf_[A-Za-z]+)\(.*/\1/p' "$stage/include/kelvorn/XilIntfC.h" | sort)
@@ -129,10 +144,10 @@ done
 
 # ---- the Debian packages ----
 
-# Seven, split as Debian splits a library: libxilinx1 (the runtime under its
-# SONAME), libxilinx-dev, kelvorn (the programs), libkelvorn1,
-# libkelvorn-sim1, libkelvorn-dev and python3-kelvorn; together exactly what
-# `cmake --install` installs, each file in one.
+# Eight, split as Debian splits a library: libxilinx1 (the runtime under its
+# SONAME), libxilinx-dev, kelvorn (the programs), kelvorn-sim (the simulator),
+# libkelvorn1, libkelvorn-sim1, libkelvorn-dev and python3-kelvorn; together
+# exactly what `cmake --install` installs, each file in one.
 cpack -G DEB --config "$E2E_BUILD/CPackConfig.cmake" -B "$E2E_DIR/deb" >"$E2E_DIR/cpack.log" 2>&1 || cat "$E2E_DIR/cpack.log"
 deb() { echo "$E2E_DIR"/deb/"$1"_*.deb; }
 packaged() {  # package...: its files, under /usr
@@ -141,7 +156,9 @@ packaged() {  # package...: its files, under /usr
     dpkg-deb -c "$(deb "$p")" | awk '$1 !~ /^d/ { sub(/^\.\/usr\//, "", $6); s = $6; for (i = 7; i <= NF; i++) s = s " " $i; print s }'
   done | sort
 }
-expect_eq "$(packaged libxilinx1 libxilinx-dev kelvorn libkelvorn1 libkelvorn-sim1 libkelvorn-dev python3-kelvorn)" \
+expect_eq "$(ls "$E2E_DIR"/deb/*.deb | sed 's|.*/||; s|_.*||' | sort | paste -sd' ')" \
+  "kelvorn kelvorn-sim libkelvorn-dev libkelvorn-sim1 libkelvorn1 libxilinx-dev libxilinx1 python3-kelvorn" "the packages"
+expect_eq "$(packaged libxilinx1 libxilinx-dev kelvorn kelvorn-sim libkelvorn1 libkelvorn-sim1 libkelvorn-dev python3-kelvorn)" \
   "$(installed)" "packages: the installed files, under /usr"
 expect_eq "$(packaged libxilinx1)" "$libdir/libxilinx.so.1 -> libxilinx.so.1.0.0
 $libdir/libxilinx.so.1.0.0
@@ -151,12 +168,29 @@ expect_eq "$(packaged libxilinx-dev | grep -cE "^(include/|$libdir/libxilinx\.(a
   "$(($(packaged libxilinx-dev | wc -l) - 2))" "libxilinx-dev: headers, link, archive, pkg-config, CMake, section 3"
 expect_eq "$(packaged kelvorn | grep -vcE '^(bin/|lib/systemd/system/|share/(man/man[17]|bash-completion|doc/kelvorn)/)')" 0 \
   "kelvorn: programs, pages, completion, units"
+expect_eq "$(packaged kelvorn | grep -cE '(^bin/|/)kelvorn-(sim|vectors)')" 0 "kelvorn: no simulator"
+# The BSDL directory kelvorn-chain searches is kelvorn's, empty; the simulated parts are kelvorn-sim's.
+expect_eq "$(dpkg-deb -c "$(deb kelvorn)" | awk '$6 ~ /^\.\/usr\/share\/kelvorn\/./ { print $1, $6 }')" \
+  "drwxr-xr-x ./usr/share/kelvorn/bsdl/" "kelvorn: the BSDL directory"
+expect_eq "$(packaged kelvorn-sim)" "bin/kelvorn-sim
+bin/kelvorn-vectors
+share/bash-completion/completions/kelvorn-sim
+share/bash-completion/completions/kelvorn-vectors
+share/doc/kelvorn-sim/changelog.gz
+share/doc/kelvorn-sim/copyright
+share/kelvorn/bsdl/KV_FPGA6.BSD
+share/kelvorn/bsdl/kv_cpld64.bsd
+share/kelvorn/bsdl/kv_dap4.bsd
+share/man/man1/kelvorn-sim.1.gz
+share/man/man1/kelvorn-vectors.1.gz" "kelvorn-sim: the simulator, kelvorn-vectors, pages, completion, BSDL files"
+expect_eq "$(dpkg-deb -f "$(deb kelvorn-sim)" Recommends)" "kelvorn" "kelvorn-sim recommends kelvorn"
 expect_eq "$(dpkg-deb --fsys-tarfile "$(deb libxilinx-dev)" | tar -xO "./usr/$libdir/pkgconfig/xilinx.pc" | head -n1)" \
   "prefix=/usr" "package: pkg-config prefix"
 expect_eq "$(dpkg-deb -f "$(deb libxilinx-dev)" Depends)" "libxilinx1 (= 1.0.0)" "libxilinx-dev depends on its library"
 depends() { dpkg-deb -f "$(deb "$1")" Depends | tr ',' '\n' | awk '{print $1}'; }  # names, without versions
 for pkg in libc6 libstdc++6; do
-  expect_eq "$(depends libxilinx1 | grep -cxF "$pkg") $(depends kelvorn | grep -cxF "$pkg")" "1 1" "packages depend on $pkg"
+  expect_eq "$(depends libxilinx1 | grep -cxF "$pkg") $(depends kelvorn | grep -cxF "$pkg") $(depends kelvorn-sim | grep -cxF "$pkg")" \
+    "1 1 1" "packages depend on $pkg"
 done
 expect_eq "$(depends kelvorn | grep -cxF libsystemd0)" 1 "kelvorn depends on libsystemd0 (socket activation)"
 # The library's: a shlibs file, and ldconfig from a trigger, not from maintainer scripts.
@@ -179,7 +213,7 @@ expect_eq "$(dpkg-deb -f "$(deb python3-kelvorn)" Architecture Depends Suggests)
 Depends: libkelvorn1 (= 1.0.0), python3:any
 Suggests: libkelvorn-sim1" "python3-kelvorn: architecture all, over libkelvorn1"
 # Stripped programs and library (their symbols in -dbgsym packages when the build has them).
-for f in "$(deb kelvorn):./usr/bin/kelvorn-serve" "$(deb libxilinx1):./usr/$libdir/libxilinx.so.1.0.0" \
+for f in "$(deb kelvorn):./usr/bin/kelvorn-serve" "$(deb kelvorn-sim):./usr/bin/kelvorn-sim" "$(deb libxilinx1):./usr/$libdir/libxilinx.so.1.0.0" \
   "$(deb libkelvorn1):./usr/$libdir/libkelvorn.so.1.0.0"; do
   dpkg-deb --fsys-tarfile "${f%%:*}" | tar -xO "${f#*:}" >"$E2E_DIR/binary"
   expect_eq "$(readelf -S "$E2E_DIR/binary" | grep -c '\.symtab\|\.debug_')" 0 "stripped: ${f#*:}"
@@ -191,9 +225,16 @@ expect_eq "$(sed -n 's/^set(CPACK_DEBIAN_PACKAGE_MAINTAINER "\(.*\)")$/\1/p' "$E
   "Board Team <boards@example.net>" "KELVORN_MAINTAINER: the packages' maintainer"
 expect_eq "$(head -n1 "$E2E_DIR/maint/package/changelog") / $(grep -c ' -- Board Team <boards@example.net>  ' "$E2E_DIR/maint/package/changelog")" \
   "kelvorn (1.0.0) unstable; urgency=medium / 1" "KELVORN_MAINTAINER: the changelog's"
-if command -v lintian >/dev/null; then
-  lintian --fail-on none "$E2E_DIR"/deb/*.deb >"$E2E_DIR/lintian.log" 2>&1
-  expect_eq "$(grep -E '^[EW]: ' "$E2E_DIR/lintian.log")" "" "lintian: no errors, no warnings"
-fi
+# Every package's copyright file is the project's: Apache-2.0 throughout, as LICENSE says.
+expect_eq "$(sed -n '2,3p' "$src/LICENSE" | tr -s ' ' | paste -sd'/')" " Apache License/ Version 2.0, January 2004" "LICENSE: Apache 2.0"
+for d in "$E2E_DIR"/deb/*.deb; do
+  p=$(dpkg-deb -f "$d" Package)
+  dpkg-deb --fsys-tarfile "$d" | tar -xO "./usr/share/doc/$p/copyright" >"$E2E_DIR/copyright"
+  expect_eq "$(cmp "$E2E_DIR/copyright" "$E2E_BUILD/package/copyright" && grep '^License:' "$E2E_DIR/copyright" | sort -u)" \
+    "License: Apache-2.0" "$p: the copyright file, Apache-2.0"
+done
+# lintian as a user runs it, on every package: no error, no warning.
+lintian "$E2E_DIR"/deb/*.deb >"$E2E_DIR/lintian.log" 2>&1
+expect_eq "$?/$(grep -E '^[EW]: ' "$E2E_DIR/lintian.log")" "0/" "lintian: no errors, no warnings"
 
 e2e_done

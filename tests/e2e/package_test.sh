@@ -1,0 +1,254 @@
+# The Debian packages as a user meets them: the .debs built with cpack,
+# unpacked into a staged root (dpkg -x: nothing under the real / changes),
+# its usr/bin first on PATH and its libraries on LD_LIBRARY_PATH; there the
+# installed kelvorn-chain finds the installed BSDL files, and the README's
+# first session (the ```sh block after the line <!-- first-session -->)
+# runs command by command, in the namespace of the other end-to-end runs.
+# Without that line in the README the session is skipped (status 77), once
+# the rest has passed. KELVORN_README names another README.
+source "$(dirname "$0")/lib.sh" "$1"
+
+src=$(cd "$(dirname "$0")/../.." && pwd)
+readme=${KELVORN_README:-$src/README.md}
+libdir=$(sed -n 's/^CMAKE_INSTALL_LIBDIR:[A-Z]*=//p' "$E2E_BUILD/CMakeCache.txt")
+version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$E2E_BUILD/CMakeCache.txt")
+
+# ---- the staged root ----
+
+cpack -G DEB --config "$E2E_BUILD/CPackConfig.cmake" -B "$E2E_DIR/deb" >"$E2E_DIR/cpack.log" 2>&1 || cat "$E2E_DIR/cpack.log"
+root=$E2E_DIR/root
+for deb in "$E2E_DIR"/deb/*.deb; do dpkg -x "$deb" "$root"; done
+expect_eq "$(ls "$root/usr/bin" | paste -sd' ')" "kelvorn kelvorn-chain kelvorn-play kelvorn-serve kelvorn-sim kelvorn-vectors" \
+  "staged root: the programs"
+
+work=$E2E_DIR/work  # the session's directory and HOME
+mkdir -p "$work"
+# The machine's /dev/null, /dev/zero, /dev/urandom and /dev/full, and /dev/fd,
+# in the namespace's /dev, which otherwise holds nothing of the machine's (no
+# /dev/mem): commands a user types (head -c N /dev/urandom, <(...)) need them.
+for n in zero urandom full; do : >"$E2E_DIR/dev/$n"; done
+ln -s /proc/self/fd "$E2E_DIR/dev/fd"
+# Runs a command in the namespace, as a user of the staged root: a clean
+# environment (but the sanitizers' options of a sanitized build), the root's
+# programs, libraries, Python package and pages.
+sanitizer_env=()
+for v in ASAN_OPTIONS LSAN_OPTIONS UBSAN_OPTIONS; do [ -n "${!v:-}" ] && sanitizer_env+=("$v=${!v}"); done
+as_user() {
+  unshare -m --propagation private sh -c '
+    d=$1; shift
+    for n in null zero urandom full; do mount --bind "/dev/$n" "$d/dev/$n" || exit 99; done
+    mount --bind "$d/cmdline" /proc/cmdline &&
+    mount --bind "$d/pci" /sys/bus/pci/devices &&
+    mount --bind "$d/lock" /var/lock &&
+    mount --rbind "$d/dev" /dev &&
+    mount --bind "$d/tmp" /tmp || exit 99
+    cd "$d/work" && exec "$@"' sh "$E2E_DIR" \
+    env -i "${sanitizer_env[@]}" HOME="$work" LANG=C.UTF-8 TERM=dumb PATH="$root/usr/bin:/usr/local/bin:/usr/bin:/bin" \
+    LD_LIBRARY_PATH="$root/usr/$libdir" PYTHONPATH="$root/usr/lib/python3/dist-packages" \
+    MANPATH="$root/usr/share/man" KELVORN_SHARE="$root/usr/share/kelvorn" "$@"
+}
+
+expect_eq "$(as_user sh -c 'for p in kelvorn-chain kelvorn-sim kelvorn-vectors; do command -v $p; $p --version; done')" \
+  "$root/usr/bin/kelvorn-chain
+kelvorn-chain $version
+$root/usr/bin/kelvorn-sim
+kelvorn-sim $version
+$root/usr/bin/kelvorn-vectors
+kelvorn-vectors $version" "the staged programs are the ones on PATH, and run"
+expect_eq "$(as_user man -w kelvorn-sim kelvorn-vectors kelvorn-chain)" "$root/usr/share/man/man1/kelvorn-sim.1.gz
+$root/usr/share/man/man1/kelvorn-vectors.1.gz
+$root/usr/share/man/man1/kelvorn-chain.1.gz" "man finds the staged pages"
+expect_eq "$(as_user python3 -c 'import kelvorn; print(kelvorn.__file__)')" \
+  "$root/usr/lib/python3/dist-packages/kelvorn/__init__.py" "python3 imports the staged package"
+
+# kelvorn-chain's default BSDL directory is share/kelvorn/bsdl beside its
+# bin/: the one the package made, holding the simulated parts.
+expect_eq "$(as_user kelvorn-chain --help | grep -oE -- '--bsdl-path [^ ]+')" \
+  "--bsdl-path DIR[:DIR...]=$root/usr/bin/../share/kelvorn/bsdl:$work/.local/share/kelvorn/bsdl" \
+  "kelvorn-chain --help: the default BSDL directory, beside the program"
+bsdl=$root/usr/share/kelvorn/bsdl
+expect_eq "$(ls "$bsdl" | paste -sd' ')" "KV_FPGA6.BSD kv_cpld64.bsd kv_dap4.bsd" "the BSDL directory: the simulated parts"
+# No --bsdl and no --bsdl-path: the names come from the installed directory.
+expect_eq "$(as_user kelvorn-sim --chain "bsdl=$bsdl/kv_cpld64.bsd,bsdl=$bsdl/KV_FPGA6.BSD,bsdl=$bsdl/kv_dap4.bsd" \
+  chain rotanMotub 0000:03:00.0 2>&1; echo "status $?")" \
+  "0: IDCODE 0x0123402f, IR 8 bits (bsdl), Texas Instruments, kv_cpld64, version 0
+1: IDCODE 0x0a5c7043, IR 6 bits (bsdl), Lattice Semi., KV_FPGA6, version 0
+2: IDCODE 0x4ba00477, IR 4 bits (bsdl), ARM Ltd., KV_DAP4, version 4
+3 devices, IR 18 bits in all
+status 0" "discovery names the simulated parts from the installed BSDL directory"
+# The same chain with the package's directory gone: nothing names them.
+mv "$bsdl" "$bsdl.away"
+expect_eq "$(as_user kelvorn-sim --chain "bsdl=$bsdl.away/kv_dap4.bsd" chain rotanMotub 0000:03:00.0 2>&1)" \
+  "0: IDCODE 0x4ba00477, IR 4 bits (detected), ARM Ltd., version 4
+1 device, IR 4 bits in all" "without the directory, no part is named"
+mv "$bsdl.away" "$bsdl"
+
+# ---- the first session ----
+
+# The ```sh block after the line <!-- first-session --> (blank lines may
+# come between them); status 1 when there is no such block.
+first_session() {  # readme
+  awk 'state == 0 && $0 == "<!-- first-session -->" { state = 1; next }
+       state == 1 && /^[ \t]*$/ { next }
+       state == 1 { if ($0 != "```sh") exit; state = 2; next }
+       state == 2 && $0 == "```" { state = 3; exit }
+       state == 2 { print }
+       END { exit state != 3 }' "$1"
+}
+
+# Splits a session into whole commands, dir/cmd.N (a command goes on over
+# lines until bash parses it whole: a backslash, an open quote or an array
+# across lines), and what each prints, dir/want.N. In a transcript, where
+# commands start with "$ ", that is the lines up to the next command. In a
+# script it is the comment lines right after the command ("# " taken off);
+# other comments and blank lines are skipped. Prints the count.
+split_session() {  # block dir
+  local line cmd="" n=0 transcript=0 output=0
+  grep -q '^\$ ' "$1" && transcript=1
+  while IFS= read -r line || [ -n "$line" ]; do
+    if [ -z "$cmd" ]; then
+      if ((transcript)) && [[ $line != '$ '* ]]; then
+        ((n)) && printf '%s\n' "$line" >>"$2/want.$n"
+        continue
+      fi
+      if ((!transcript)) && [[ $line =~ ^[[:space:]]*(#|$) ]]; then
+        [[ $line == '#'* ]] || output=0
+        ((output)) && { line=${line#'#'}; printf '%s\n' "${line# }" >>"$2/want.$n"; }
+        continue
+      fi
+      cmd=${line#'$ '}
+    else
+      cmd+=$'\n'$line
+    fi
+    [[ $cmd == *\\ ]] && continue
+    [ -z "$(bash -n <<<"$cmd" 2>&1)" ] || continue
+    n=$((n + 1))
+    printf '%s\n' "$cmd" >"$2/cmd.$n"
+    : >"$2/want.$n"
+    cmd="" output=1
+  done <"$1"
+  [ -z "$cmd" ] || printf 'the session ends inside a command: %s\n' "$cmd" >&2
+  echo "$n"
+}
+
+# Runs a session's commands one after the other in one bash, in the work
+# directory, as a user of the staged root, until one fails; prints one line
+# a command run, "N: status S", and "N: prints otherwise" where the output
+# shown (stdout and stderr, as a terminal shows them) differs, with a diff.
+run_session() {  # block
+  local dir n i
+  dir=$(mktemp -d "$E2E_DIR/session.XXXXXX")
+  n=$(split_session "$1" "$dir")
+  {
+    for ((i = 1; i <= n; i++)); do
+      printf '{\n%s\n} >%q 2>&1 </dev/null; s=$?; echo $s >%q; [ $s = 0 ] || exit 0\n' \
+        "$(cat "$dir/cmd.$i")" "$dir/out.$i" "$dir/status.$i"
+    done
+  } >"$dir/run.sh"
+  as_user bash "$dir/run.sh"
+  for ((i = 1; i <= n; i++)); do
+    [ -e "$dir/status.$i" ] || break
+    echo "$i: status $(cat "$dir/status.$i")"
+    if { grep -q '^\$ ' "$1" || [ -s "$dir/want.$i" ]; } && [ "$(cat "$dir/out.$i")" != "$(cat "$dir/want.$i")" ]; then
+      echo "$i: prints otherwise"
+      diff "$dir/want.$i" "$dir/out.$i" | sed 's/^/  /'
+    fi
+    [ "$(cat "$dir/status.$i")" = 0 ] || { echo "  $(cat "$dir/cmd.$i")"; sed 's/^/  | /' "$dir/out.$i"; }
+  done
+}
+
+# The extraction and the runner, on sample READMEs.
+sample=$E2E_DIR/sample.md
+cat >"$sample" <<'EOF'
+# A sample
+
+```sh
+echo not this block
+```
+
+<!-- first-session -->
+
+```sh
+# comments and blank lines are skipped
+
+kelvorn-sim scan rotanMotub 0000:03:00.0 >ids.txt   # a file the next commands read
+
+# after a blank line, a comment
+board=(--chain "bsdl=$KELVORN_SHARE/bsdl/kv_cpld64.bsd"
+       --pin '0.d(2)=0')
+kelvorn-sim "${board[@]}" chain rotanMotub 0000:03:00.0 \
+    sample 0 | grep -c 'd(2) 0'
+# 1
+test "$(wc -l <ids.txt)" = 2 && head -c 8 /dev/urandom | wc -c
+#8
+```
+
+```sh
+echo nor this one
+```
+EOF
+first_session "$sample" >"$E2E_DIR/sample.sh"
+expect_eq "$?/$(grep -c . "$E2E_DIR/sample.sh")/$(head -n1 "$E2E_DIR/sample.sh")/$(tail -n1 "$E2E_DIR/sample.sh")" \
+  '0/10/# comments and blank lines are skipped/#8' \
+  "extraction: the block after the marker, whole"
+expect_eq "$(split_session "$E2E_DIR/sample.sh" "$(mktemp -d "$E2E_DIR/split.XXXXXX")")" 4 \
+  "a command over lines is one command"
+expect_eq "$(run_session "$E2E_DIR/sample.sh")" "1: status 0
+2: status 0
+3: status 0
+4: status 0" "sample session: each command runs, in one shell, in one directory"
+expect_eq "$(cat "$work/ids.txt")" "0x0a5c7035
+0x1b4d2093" "sample session: the installed simulator's scan"
+# A command that prints otherwise is found; one that fails ends the session there, shown.
+printf 'echo one\n# one\necho two\n# three\ntest -e image.bin\ntrue\n' >"$E2E_DIR/failing.sh"
+expect_eq "$(run_session "$E2E_DIR/failing.sh")" "1: status 0
+2: status 0
+2: prints otherwise
+  1c1
+  < three
+  ---
+  > two
+3: status 1
+  test -e image.bin" "script: what a command prints otherwise, and a failing command that ends the session"
+# A transcript: its output is compared; one line wrong is found.
+cat >"$E2E_DIR/transcript.sh" <<'EOF'
+$ kelvorn-sim scan rotanMotub \
+      0000:03:00.0
+0x0a5c7035
+0x1b4d2093
+$ kelvorn-vectors --version
+kelvorn-vectors 9.9.9
+$ kelvorn-sim --version; echo "status $?"
+kelvorn-sim VERSION
+status 0
+EOF
+sed -i "s/VERSION/$version/" "$E2E_DIR/transcript.sh"
+expect_eq "$(run_session "$E2E_DIR/transcript.sh")" "1: status 0
+2: status 0
+2: prints otherwise
+  1c1
+  < kelvorn-vectors 9.9.9
+  ---
+  > kelvorn-vectors $version
+3: status 0" "transcript: each command's output compared"
+# No marker; a marker without an sh block.
+sed '/first-session/d' "$sample" >"$E2E_DIR/nomarker.md"
+first_session "$E2E_DIR/nomarker.md" >/dev/null
+expect_eq "$?" 1 "extraction: no marker, no session"
+printf '<!-- first-session -->\n```\nls\n```\n' >"$E2E_DIR/nosh.md"
+expect_eq "$(first_session "$E2E_DIR/nosh.md"; echo "status $?")" "status 1" "extraction: the marker wants a sh block"
+
+if ! grep -qxF '<!-- first-session -->' "$readme"; then
+  if [ "$E2E_FAILED" != 0 ]; then e2e_done; exit 1; fi
+  echo "$E2E_PASSED passed; skipped the first session: $readme has no line <!-- first-session --> before a \`\`\`sh block"
+  exit 77
+fi
+first_session "$readme" >"$E2E_DIR/first.sh"
+expect_eq "$?" 0 "$readme: a \`\`\`sh block follows <!-- first-session -->"
+rm -rf "$work" && mkdir -p "$work"
+report=$(run_session "$E2E_DIR/first.sh")
+commands=$(split_session "$E2E_DIR/first.sh" "$(mktemp -d "$E2E_DIR/split.XXXXXX")")
+expect_eq "$report" "$(for ((i = 1; i <= commands; i++)); do echo "$i: status 0"; done)" \
+  "the README's first session, $commands commands, on the installed packages"
+
+e2e_done
