@@ -102,7 +102,7 @@ done
 
 # The blocks that run, and the few that do not, by name: a doc that loses
 # its examples, or a marker that hides one, shows here.
-expect_eq "$ran" 8 "examples run"
+expect_eq "$ran" 13 "examples run"
 printf '%s\n' "${skipped[@]}" >"$E2E_DIR/skipped"
 expect_eq "$(cat "$E2E_DIR/skipped")" "README.md example 1: builds and tests the whole tree (CI runs it)
 docs/man/kelvorn-chain.1.md example 4: real board
