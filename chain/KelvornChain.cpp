@@ -611,7 +611,7 @@ int kelvornChainMain(int argc, char** argv) {
         quiet.reset();
         // openDevice has said so on stderr.
         if (jsonOut)
-            std::printf("%s\n", jtag::jsonText(jtag::Json{{"status", kChainNoBackend}, {"error", "no backend serves " + o.fpga + " on this board"}}).c_str());
+            std::printf("%s\n", jtag::jsonText(jtag::Json{{"status", kChainNoBackend}, {"error", device::noBackend(o.fpga)}}).c_str());
         return kChainNoBackend;
     }
     device::SelectedDevice selected(intf, o.fpga);

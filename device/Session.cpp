@@ -8,12 +8,39 @@
 
 namespace device {
 
-XilIntf* openDevice(const char* program, const std::string& fpga, const PciAddress& at, bool testMode) {
-    if (testMode) XilIntf_testModeIs(1);
+std::string noBackend(const std::string& fpga) { return "no backend serves " + fpga + " on this board"; }
+
+XilIntf* findDevice(const std::string& fpga, const PciAddress& at, bool testMode, bool askFirst, Refusal* why) {
+    *why = Refusal::none;
+    // Test mode for this open only, whatever ends it (a backend's refusal
+    // may leave by an exception in the library).
+    struct TestMode {
+        explicit TestMode(bool on) : on_(on) { if (on_) XilIntf_testModeIs(1); }
+        ~TestMode() { if (on_) XilIntf_testModeIs(0); }
+        bool on_;
+    } mode(testMode);
     std::fflush(stdout);  // keep what came before ahead of what the backends print
+    if (askFirst && !XilIntf_served(fpga.c_str())) {
+        std::fflush(stdout);
+        *why = Refusal::noBackend;
+        return nullptr;
+    }
+    if (askFirst && XilIntf_lockHeld(at.domain, at.bus, at.device)) {
+        *why = Refusal::lockHeld;
+        return nullptr;
+    }
     XilIntf* intf = XilIntf_bySystem(fpga.c_str(), 0, 0, at.domain, at.bus, at.device, at.function);
     std::fflush(stdout);
-    if (!intf) std::fprintf(stderr, "%s: no backend serves %s on this board\n", program, fpga.c_str());
+    if (!intf) *why = Refusal::noBackend;
+    return intf;
+}
+
+XilIntf* openDevice(const char* program, const std::string& fpga, const PciAddress& at, bool testMode) {
+    // A tool's whole run is in test mode when asked, as the module's files are.
+    if (testMode) XilIntf_testModeIs(1);
+    Refusal why;
+    XilIntf* intf = findDevice(fpga, at, false, false, &why);
+    if (!intf) std::fprintf(stderr, "%s: %s\n", program, noBackend(fpga).c_str());
     return intf;
 }
 
@@ -44,12 +71,20 @@ StdoutToStderr::~StdoutToStderr() {
     ::close(saved_);
 }
 
-SelectedDevice::Select::Select(XilIntf* intf, const char* fpga) {
-    XilIntf_select(intf, fpga);
+SelectedDevice::SelectedDevice(XilIntf* intf, const std::string& fpga, OnSignal onSignal)
+    : intf_(intf), fpga_(fpga.c_str()), selected_(true) {
+    XilIntf_select(intf, fpga_);  // a backend that refuses ends here, nothing yet to give back
     std::fflush(stdout);
+    if (onSignal == OnSignal::release) guard_.emplace(intf, fpga_);
 }
 
-SelectedDevice::SelectedDevice(XilIntf* intf, const std::string& fpga)
-    : intf_(intf), select_(intf, fpga.c_str()), guard_(intf, fpga.c_str()) {}
+void SelectedDevice::cleanup() {
+    if (!selected_) return;
+    selected_ = false;
+    if (guard_)
+        guard_->cleanup();
+    else
+        XilIntf_cleanup(intf_, fpga_);
+}
 
 }  // namespace device

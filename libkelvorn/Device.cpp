@@ -50,6 +50,7 @@
 #include <unordered_map>
 
 #include "device/PciAddress.h"
+#include "device/Session.h"
 #include "jtag/ChainAccess.h"
 #include "jtag/Discovery.h"
 #include "jtag/PlayInput.h"
@@ -58,8 +59,7 @@
 #include "kelvorn/kelvorn.h"
 #include "libkelvorn/Board.h"
 #include "os/Os.h"
-#include "xilinx/XilIntf.h"
-#include "xilinx/XilIntfFactory.h"
+#include "xilinx/XilIntfC.h"
 
 namespace {
 
@@ -69,8 +69,6 @@ namespace {
 // fewer bits) go by without a call.
 constexpr uint64_t kProgressNs = 100000000;
 constexpr uint64_t kProgressCycles = jtag::Tap::kHookCycles;
-// What libxilinx writes on stderr when the lock is held; the same words here.
-constexpr const char* kLockedMessage = "Lock file is locked by another process.";
 
 struct ExitCalled {
     int status;
@@ -153,7 +151,10 @@ struct Handle {
     double frequencyHz = 0;
     XilIntf* intf = nullptr;
     bool onBoard = false;  // counted by boardBeforeOpen
-    bool selected = false;
+    // While the pins are taken; a signal that ends the process gives them
+    // back, and one the program takes (Python's Ctrl-C) too: they are then
+    // taken again by the next call that needs them.
+    std::unique_ptr<device::SelectedDevice> selection;
     std::unique_ptr<jtag::Tap> tap;
 
     jtag::BsdlCatalogue catalogue;
@@ -225,22 +226,22 @@ void lookIn(void* context) {
 
 // Gives the pins back: inputs again, routing undone.
 void release(Handle* d) {
-    if (!d->selected) return;
-    d->selected = false;
+    if (!d->selection) return;
     d->tap.reset();
     d->access.reset();
     try {
-        XilIntf_cleanup(d->intf, d->fpga.c_str());
+        d->selection->cleanup();
     } catch (const ExitCalled&) {
     }
+    d->selection.reset();
 }
 
-// The pins taken (again, after a play gave them back): a fresh Tap, the
-// chain reset, the handle's ceiling.
+// The pins taken (again, after a play or a signal gave them back): a fresh
+// Tap, the chain reset, the handle's ceiling.
 void takePins(Handle* d) {
-    if (d->selected) return;
-    XilIntf_select(d->intf, d->fpga.c_str());
-    d->selected = true;
+    if (d->selection && !d->selection->released()) return;
+    release(d);
+    d->selection = std::make_unique<device::SelectedDevice>(d->intf, d->fpga);
     d->tap = std::make_unique<jtag::Tap>(d->intf);
     d->tap->hookIs(lookIn, d);
     d->tap->ceilingIs(periodNs(d->frequencyHz));
@@ -256,7 +257,7 @@ void takePins(Handle* d) {
 void closeDevice(Handle* d) {
     if (d->intf) {
         release(d);
-        delete d->intf;  // drops the lock
+        XilIntf_close(d->intf);  // drops the lock
         d->intf = nullptr;
     }
     if (d->onBoard) kv::boardAfterClose();
@@ -276,19 +277,6 @@ void closeAtExit() {
     std::lock_guard<std::recursive_mutex> lock(apiMutex());
     ExitThrows exitThrows;
     for (auto& entry : open) closeDevice(entry.second.get());
-}
-
-// Whether another file description holds the device's lock (the one
-// libxilinx takes: the same file, the same flock).
-bool lockHeld(const Handle* d) {
-    char name[256];
-    xilLockName(name, d->at.domain, d->at.bus, d->at.device);
-    std::string path = d->testMode ? XilIntf::testLockFile : std::string("/var/lock/") + name;
-    int fd = Os::creat(path.c_str(), 0400);
-    if (fd < 0) return false;  // the interface says why, when it tries
-    bool held = ::flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
-    ::close(fd);
-    return held;
 }
 
 int refused(Handle* d, Reply& r) {
@@ -517,32 +505,19 @@ int kv_open(const char* fpga, const char* pci_address, unsigned flags, double fr
         d->onBoard = true;
         static bool atExit = std::atexit(closeAtExit) == 0;
         (void)atExit;
-        if (!XilIntfFactory::factory(fpga)) {
-            closeDevice(d);
-            return r.fail(KV_E_NO_BACKEND, "no backend serves " + d->fpga + " on this board");
-        }
-        if (lockHeld(d)) {
-            closeDevice(d);
-            return r.fail(KV_E_LOCKED, kLockedMessage);
-        }
-        bool wasTestMode = XilIntf::testMode;
-        XilIntf::testMode = d->testMode;
         try {
-            std::fflush(stdout);  // what the backends print comes after what the program printed
-            d->intf = XilIntf_bySystem(fpga, 0, 0, d->at.domain, d->at.bus, d->at.device, d->at.function);
-            XilIntf::testMode = wasTestMode;
+            device::Refusal why;
+            d->intf = device::findDevice(d->fpga, d->at, d->testMode, true, &why);
             if (!d->intf) {
                 closeDevice(d);
-                return r.fail(KV_E_NO_BACKEND, "no backend serves " + d->fpga + " on this board");
+                return why == device::Refusal::lockHeld ? r.fail(KV_E_LOCKED, XILINTF_LOCKED_MESSAGE)
+                                                        : r.fail(KV_E_NO_BACKEND, device::noBackend(d->fpga));
             }
             takePins(d);
-            std::fflush(stdout);
         } catch (const ExitCalled&) {
-            XilIntf::testMode = wasTestMode;
             closeDevice(d);
             return refused(d, r);
         } catch (...) {
-            XilIntf::testMode = wasTestMode;
             closeDevice(d);  // the lock dropped, the board's count right, whatever ended the open
             throw;
         }

@@ -238,13 +238,13 @@ class Server {
         if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) != 0)
             ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
         auto start = std::chrono::steady_clock::now();
-        XilIntf_select(intf_, o_.fpga.c_str());
+        // A stop signal ends the session through the loops, which then give the pins back here.
+        device::SelectedDevice selected(intf_, o_.fpga, device::OnSignal::callerStops);
         XilIntf_tckPeriodIs(intf_, o_.ceilingNs());
-        std::fflush(stdout);  // what the backend prints stays ahead of the server's lines
         protocol_->begin();
         Stats stats;
         std::string problem = serveClient(fd, peer, &stats);
-        XilIntf_cleanup(intf_, o_.fpga.c_str());
+        selected.cleanup();
         ::close(fd);
         double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         std::fflush(stdout);

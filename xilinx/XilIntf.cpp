@@ -24,7 +24,7 @@
 
 bool XilIntf::testMode = false;
 
-static const char kLockedMessage[] = "Lock file is locked by another process.";  // 39 bytes, no newline
+static const char kLockedMessage[] = XILINTF_LOCKED_MESSAGE;  // 39 bytes, no newline
 
 namespace {
 
@@ -192,6 +192,7 @@ int XilIntf_tdo(XilIntf* intf) { return static_cast<U8>(intf->tdo()); }
 void XilIntf_cleanup(XilIntf* intf, const char* deviceName) { intf->cleanup(deviceName); }
 void XilIntf_ledIs(XilIntf* intf, int on) { intf->warningIs(on != 0); }
 void XilIntf_testModeIs(int on) { XilIntf::testMode = on != 0; }
+void XilIntf_close(XilIntf* intf) { delete intf; }
 int XilIntf_served(const char* deviceName) { return XilIntfFactory::factory(deviceName) != nullptr; }
 int XilIntf_lockHeld(uint16_t domain, uint8_t bus, uint8_t device) {
     char name[256];

@@ -69,6 +69,15 @@ void XilIntf_tckPeriodIs(XilIntf* intf, uint32_t periodNs);
  * as XilIntf_bySystem asks them), else 0. Builds nothing, takes no lock. */
 int XilIntf_served(const char* deviceName);
 
+/* Ends an interface of a caller that goes on without it (the library's
+ * kv_close): the backend's window unmapped, its lock dropped. The pins
+ * must have been given back (XilIntf_cleanup) first. */
+void XilIntf_close(XilIntf* intf);
+
+/* What the module writes on stderr (no newline) when another process holds
+ * a device's lock, before it ends the process with status 1. */
+#define XILINTF_LOCKED_MESSAGE "Lock file is locked by another process."
+
 /* 1 when another open file holds the lock XilIntf_bySystem would take for
  * the PCI device domain:bus:device (the test mode's lock file in test
  * mode), else 0: a caller that must not end on a refusal asks first. */

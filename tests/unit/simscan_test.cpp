@@ -125,7 +125,7 @@ TEST_P(SimScan, ReadsTheChainThroughTheProductionCode) {
 
 TEST_P(SimScan, FindsNoChainWithTckAndTmsSwapped) {
     const Case& c = GetParam();
-    EXPECT_EXIT(scanOnBoard(c, [](sim::Wiring& w) { std::swap(w.tck, w.tms); }), ::testing::ExitedWithCode(1),
+    EXPECT_EXIT(scanOnBoard(c, [](sim::Wiring& w) { std::swap(w.tck, w.tms); }), ::testing::ExitedWithCode(sim::kScanNoDevice),
                 std::string("^kelvorn-sim: no device answers on ") + c.device + "\n");
 }
 
