@@ -17,9 +17,6 @@ namespace {
 constexpr uint64_t kFullSpeedSlice = 1 << 16;
 constexpr double kSlicesPerSecond = 100;
 
-// A TCK ceiling from this rate up is never reached by a register access.
-constexpr double kNoWaitHz = 1e9;
-
 // How a mismatch of a long scan is shown: this many bits around the first difference.
 constexpr size_t kWindowBits = 64;
 
@@ -71,7 +68,7 @@ void Player::ceilingIs(double fileHz) {
     hz_ = cap_ && (!fileHz || fileHz > cap_) ? cap_ : fileHz;
     // The period in ns, rounded up: at least kMinHz, so at most a second.
     // A ceiling of a GHz and more is past any pin: nothing waits for it.
-    if (tap_) tap_->ceilingIs(hz_ && hz_ < kNoWaitHz ? static_cast<uint32_t>(std::ceil(1e9 / hz_)) : 0);
+    if (tap_) tap_->ceilingHzIs(hz_);
 }
 
 // Adds the wait a statement asks for to the stats: its minimum time, or its
