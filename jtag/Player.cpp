@@ -89,7 +89,7 @@ void Player::start(double resetHz) {
     ceilingIs(resetHz);
     if (tap_) {
         tap_->reset();
-        stats_.cycles = tap_->cycles();
+        stats_.cycles = tap_->cycles() - baseCycles_;
     }
     ceilingIs(0);
 }
@@ -118,7 +118,7 @@ bool Player::play(const Action& a) {
             if (a.hz && (!stats_.lowestHz || a.hz < stats_.lowestHz)) stats_.lowestHz = a.hz;
             break;
     }
-    if (tap_) stats_.cycles = tap_->cycles();
+    if (tap_) stats_.cycles = tap_->cycles() - baseCycles_;
     if (onProgress) onProgress();
     return ok;
 }
