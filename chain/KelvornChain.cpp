@@ -26,9 +26,6 @@
 
 namespace {
 
-using jtag::BitVector;
-using jtag::bsdl::Cell;
-using jtag::boundary::sameName;
 
 constexpr unsigned kDefaultMaxDevices = 64;
 constexpr unsigned kMostDevices = 1024;
@@ -45,25 +42,8 @@ struct Options {
     double hold = -1;  // seconds; < 0: until a signal
 };
 
-// The share directory beside the installed program (<prefix>/bin/..), then
-// the user's own.
-std::string defaultBsdlPath() {
-    char exe[4096];
-    ssize_t n = ::readlink("/proc/self/exe", exe, sizeof exe - 1);
-    std::string path;
-    if (n > 0) {
-        std::string bin(exe, static_cast<size_t>(n));
-        bin.erase(bin.find_last_of('/') == std::string::npos ? 0 : bin.find_last_of('/'));
-        path = bin + "/../share/kelvorn/bsdl";
-    }
-    const char* xdg = std::getenv("XDG_DATA_HOME");
-    const char* home = std::getenv("HOME");
-    if (xdg && *xdg)
-        path += std::string(path.empty() ? "" : ":") + xdg + "/kelvorn/bsdl";
-    else if (home && *home)
-        path += std::string(path.empty() ? "" : ":") + home + "/.local/share/kelvorn/bsdl";
-    return path;
-}
+using jtag::defaultBsdlPath;
+using jtag::hex32;
 
 void describeOptions(CLI::App& app, Options* o) {
     app.set_version_flag("--version", "kelvorn-chain " KELVORN_VERSION);
@@ -125,12 +105,6 @@ int fail(int status, const std::string& what) {
     return status;
 }
 
-std::string hex32(uint32_t v) {
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%08x", v);
-    return text;
-}
-
 void printDiscovery(const jtag::Discovery& d, bool json) {
     if (json) {
         std::printf("%s\n", jtag::discoveryJson(d).c_str());
@@ -166,75 +140,6 @@ std::string pinsOf(const jtag::bsdl::Device& d, const std::string& port) {
     return text;
 }
 
-class Chain {
-  public:
-    Chain(jtag::Tap& tap, const jtag::Discovery& d) : tap_(tap), d_(d), access_(tap, irLengths(d)) {}
-
-    // DEV: a position, or the entity name of one device's BSDL file.
-    bool device(const std::string& text, unsigned* position, std::string* error) const {
-        char* end = nullptr;
-        unsigned long p = std::strtoul(text.c_str(), &end, 10);
-        if (!text.empty() && std::isdigit(static_cast<unsigned char>(text[0])) && *end == '\0') {
-            if (p >= d_.devices.size()) {
-                *error = "no device at position " + text + " (the chain has " + std::to_string(d_.devices.size()) + ")";
-                return false;
-            }
-            *position = static_cast<unsigned>(p);
-            return true;
-        }
-        int found = -1;
-        for (const jtag::DeviceFacts& f : d_.devices) {
-            if (!f.bsdl || !sameName(f.bsdl->entity, text)) continue;
-            if (found >= 0) {
-                *error = text + " is on the chain more than once: name it by position";
-                return false;
-            }
-            found = static_cast<int>(f.position);
-        }
-        if (found < 0) {
-            *error = "no device on the chain is " + text;
-            return false;
-        }
-        *position = static_cast<unsigned>(found);
-        return true;
-    }
-
-    // The BSDL file of the device, with a boundary register when asked.
-    const jtag::bsdl::Device* bsdl(unsigned position, bool boundary, std::string* error) const {
-        const jtag::DeviceFacts& f = d_.devices[position];
-        if (!f.bsdl) {
-            *error = "device " + std::to_string(position) + " has no BSDL file (--bsdl, --bsdl-path)";
-            return nullptr;
-        }
-        if (boundary && (f.bsdl->boundaryLength == 0 || jtag::bsdlOpcode(*f.bsdl, {"SAMPLE", "PRELOAD"}).empty())) {
-            *error = "device " + std::to_string(position) + " (" + f.bsdl->entity + ") has no boundary register";
-            return nullptr;
-        }
-        return f.bsdl.get();
-    }
-
-    // SAMPLE/PRELOAD on the device, the others in BYPASS: its boundary register's capture.
-    BitVector sample(unsigned position) {
-        const jtag::bsdl::Device& d = *d_.devices[position].bsdl;
-        access_.instructions({{position, jtag::bsdlOpcode(d, {"SAMPLE", "PRELOAD"})}});
-        return access_.data({{position, BitVector(d.boundaryLength)}})[position];
-    }
-
-    jtag::ChainAccess& access() { return access_; }
-    void release() { tap_.reset(); }
-
-  private:
-    static std::vector<unsigned> irLengths(const jtag::Discovery& d) {
-        std::vector<unsigned> v;
-        for (const jtag::DeviceFacts& f : d.devices) v.push_back(f.irLength);
-        return v;
-    }
-
-    jtag::Tap& tap_;
-    const jtag::Discovery& d_;
-    jtag::ChainAccess access_;
-};
-
 // Signals held off while the chain is in EXTEST (a signal then must not end
 // the process before the devices are back at their function), and the wait
 // of a hold or a watch, which a signal ends.
@@ -266,22 +171,10 @@ double secondsSince(const timespec& start) {
     return static_cast<double>(now.tv_sec - start.tv_sec) + (now.tv_nsec - start.tv_nsec) * 1e-9;
 }
 
-// "DEV.PORT": the device and the port (a port may be "NAME(i)").
-bool devicePort(const Chain& chain, const std::string& text, unsigned* position, std::string* port,
-                std::string* error) {
-    size_t dot = text.find('.');
-    if (dot == std::string::npos || dot == 0 || dot + 1 == text.size()) {
-        *error = text + ": wants DEV.PORT, for example 1.LED";
-        return false;
-    }
-    *port = text.substr(dot + 1);
-    return chain.device(text.substr(0, dot), position, error);
-}
-
 class Program {
   public:
     Program(const Options& o, jtag::Tap& tap, const jtag::Discovery& d, const std::set<const void*>& given)
-        : o_(o), d_(d), chain_(tap, d), given_(given) {}
+        : o_(o), chain_(tap, d, given, o.iKnowTheBoard) {}
 
     int run() {
         const std::string& command = o_.words[0];
@@ -295,25 +188,26 @@ class Program {
     }
 
   private:
+    static int failWith(const jtag::CommandResult& r) { return fail(r.status, r.error); }
+
     int sample(const std::string& dev, bool watch) {
         unsigned p;
-        std::string error;
-        if (!chain_.device(dev, &p, &error)) return fail(kChainUsage, error);
-        const jtag::bsdl::Device* d = chain_.bsdl(p, true, &error);
-        if (!d) return fail(kChainBadBsdl, error);
-        auto levels = jtag::portLevels(*d, chain_.sample(p));
+        jtag::CommandResult named = chain_.resolve(dev, &p);
+        if (!named.ok()) return failWith(named);
+        jtag::SampleResult first = chain_.sample(p, !watch);
+        if (!first.ok()) return failWith(first);
         if (!watch) {
-            chain_.release();
-            printSample(p, *d, levels);
+            printSample(first);
             return kChainOk;
         }
         SignalsHeld held;
         timespec start;
         clock_gettime(CLOCK_MONOTONIC, &start);
-        printSample(p, *d, levels);
+        printSample(first);
         std::fflush(stdout);
+        auto levels = first.levels;
         while (!held.wait(kWatchIntervalNs)) {
-            auto now = jtag::portLevels(*d, chain_.sample(p));
+            auto now = chain_.sample(p, false).levels;
             for (size_t i = 0; i < now.size(); ++i) {
                 if (now[i].second == levels[i].second) continue;
                 if (o_.json)
@@ -333,86 +227,46 @@ class Program {
         return kChainOk;
     }
 
-    void printSample(unsigned p, const jtag::bsdl::Device& d, const std::vector<std::pair<std::string, bool>>& levels) {
+    void printSample(const jtag::SampleResult& r) {
         if (o_.json) {
-            std::printf("%s\n", jtag::sampleJson(p, d, levels).c_str());
+            std::printf("%s\n", jtag::sampleJson(r).c_str());
             return;
         }
-        for (const auto& [port, level] : levels) {
-            std::string pins = pinsOf(d, port);
+        for (const auto& [port, level] : r.levels) {
+            std::string pins = pinsOf(*r.bsdl, port);
             std::printf("%s %d%s\n", port.c_str(), level, pins.empty() ? "" : (" (pin " + pins + ")").c_str());
         }
     }
 
     int usercode(const std::string& dev) {
         unsigned p;
-        std::string error;
-        if (!chain_.device(dev, &p, &error)) return fail(kChainUsage, error);
-        const jtag::bsdl::Device* d = chain_.bsdl(p, false, &error);
-        if (!d) return fail(kChainBadBsdl, error);
-        BitVector op = jtag::bsdlOpcode(*d, {"USERCODE"});
-        if (op.empty()) return fail(kChainBadBsdl, "device " + std::to_string(p) + " (" + d->entity + ") has no USERCODE instruction");
-        chain_.access().instructions({{p, op}});
-        uint32_t code = static_cast<uint32_t>(chain_.access().data({{p, BitVector(32)}})[p].value(0, 32));
-        chain_.release();
+        jtag::CommandResult named = chain_.resolve(dev, &p);
+        if (!named.ok()) return failWith(named);
+        jtag::UsercodeResult r = chain_.usercode(p);
+        if (!r.ok()) return failWith(r);
         if (o_.json)
-            std::printf("%s\n", jtag::jsonText(jtag::Json{{"device", p}, {"usercode", hex32(code)}}).c_str());
+            std::printf("%s\n", jtag::usercodeJson(r).c_str());
         else
-            std::printf("%u: USERCODE %s\n", p, hex32(code).c_str());
+            std::printf("%u: USERCODE %s\n", p, hex32(r.usercode).c_str());
         return kChainOk;
-    }
-
-    // Drive and connect put a device's outputs under the boundary register:
-    // on a live board two drivers may then fight, so only a device whose
-    // BSDL file was given on the command line, or with --i-know-the-board.
-    bool mayDrive(unsigned p, std::string* error) const {
-        if (o_.iKnowTheBoard || given_.count(d_.devices[p].bsdl.get())) return true;
-        *error = "device " + std::to_string(p) + "'s BSDL file was found, not given: EXTEST drives its pins and may fight the board's own drivers; give it with --bsdl " + std::to_string(p) + "=FILE, or --i-know-the-board";
-        return false;
     }
 
     int drive() {
         unsigned p;
-        std::string error;
-        if (!chain_.device(o_.words[1], &p, &error)) return fail(kChainUsage, error);
-        const jtag::bsdl::Device* d = chain_.bsdl(p, true, &error);
-        if (!d) return fail(kChainBadBsdl, error);
-        BitVector extest = jtag::bsdlOpcode(*d, {"EXTEST"});
-        if (extest.empty()) return fail(kChainBadBsdl, "device " + std::to_string(p) + " (" + d->entity + ") has no EXTEST instruction");
-        std::vector<jtag::boundary::Request> requests;
-        for (size_t i = 2; i < o_.words.size(); ++i) {
-            const std::string& w = o_.words[i];
-            size_t eq = w.rfind('=');
-            char level = eq != std::string::npos && eq + 2 == w.size() ? static_cast<char>(std::tolower(w[eq + 1])) : 0;
-            if (level != '0' && level != '1' && level != 'z') return fail(kChainUsage, w + ": wants PORT=0, PORT=1 or PORT=z");
-            requests.push_back({w.substr(0, eq), level});
-        }
-        BitVector v;
-        if (!jtag::boundary::plan(*d, requests, &v, &error)) return fail(kChainDriveRefused, "drive: " + error);
-        if (!mayDrive(p, &error)) return fail(kChainDriveRefused, "drive refused: " + error);
+        jtag::CommandResult named = chain_.resolve(o_.words[1], &p);
+        if (!named.ok()) return failWith(named);
+        jtag::DrivePlan plan = chain_.planDrive(p, std::vector<std::string>(o_.words.begin() + 2, o_.words.end()));
+        if (!plan.ok()) return failWith(plan);
         SignalsHeld held;
-        chain_.access().instructions({{p, jtag::bsdlOpcode(*d, {"PRELOAD", "SAMPLE"})}});
-        chain_.access().data({{p, v}});
-        chain_.access().instructions({{p, extest}});
-        chain_.access().data({{p, v}});
-        // What the pins see is read back from the register shifted, not from the words asked.
-        std::string driving, unnamed;
-        jtag::Json drivenJson = jtag::Json::object(), unnamedJson = jtag::Json::array();
-        for (const jtag::boundary::PortDrive& port : jtag::boundary::drivenBy(*d, v)) {
-            if (port.level == 'z') continue;
-            driving += (driving.empty() ? "" : " ") + port.port + "=" + port.level;
-            drivenJson[port.port] = port.level - '0';
-            bool named = std::any_of(requests.begin(), requests.end(), [&](const jtag::boundary::Request& r) { return sameName(r.port, port.port); });
-            if (!named) unnamed += (unnamed.empty() ? "" : ", ") + port.port, unnamedJson.push_back(port.port);
-        }
-        if (!unnamed.empty()) driving += " (" + unnamed + ": two-state, at the safe level)";
+        jtag::DriveResult r = chain_.applyDrive(plan);
         if (o_.json) {
-            std::printf("%s\n", jtag::jsonText(jtag::Json{{"device", p},
-                                                         {"driving", std::move(drivenJson)},
-                                                         {"two_state_at_safe_level", std::move(unnamedJson)},
-                                                         {"hold_s", o_.hold < 0 ? jtag::Json() : jtag::Json(o_.hold)}})
-                                   .c_str());
+            std::printf("%s\n", jtag::driveJson(r, o_.hold).c_str());
         } else {
+            std::string driving, unnamed;
+            for (const jtag::boundary::PortDrive& port : r.driving)
+                driving += (driving.empty() ? "" : " ") + port.port + "=" + port.level;
+            for (const std::string& port : r.unnamed) unnamed += (unnamed.empty() ? "" : ", ") + port;
+            if (!unnamed.empty()) driving += " (" + unnamed + ": two-state, at the safe level)";
             char hold[64];
             std::snprintf(hold, sizeof hold, o_.hold < 0 ? "holding until Ctrl-C" : "holding %g s", o_.hold);
             std::printf("%u: EXTEST driving %s, every other output released; %s\n", p,
@@ -425,58 +279,22 @@ class Program {
         return kChainOk;
     }
 
-    int connect(const std::string& fromText, const std::string& toText) {
-        unsigned a, b;
-        std::string pa, pb, error;
-        if (!devicePort(chain_, fromText, &a, &pa, &error) || !devicePort(chain_, toText, &b, &pb, &error))
-            return fail(kChainUsage, error);
-        const jtag::bsdl::Device* da = chain_.bsdl(a, true, &error);
-        const jtag::bsdl::Device* db = da ? chain_.bsdl(b, true, &error) : nullptr;
-        if (!db) return fail(kChainBadBsdl, error);
-        BitVector extest = jtag::bsdlOpcode(*da, {"EXTEST"});
-        if (extest.empty()) return fail(kChainBadBsdl, "device " + std::to_string(a) + " (" + da->entity + ") has no EXTEST instruction");
-        const Cell* in = jtag::boundary::inputCell(*db, pb);
-        if (!in) return fail(kChainUsage, "connect: " + pb + " of device " + std::to_string(b) + " has no input cell");
-        BitVector low, high;
-        if (!jtag::boundary::plan(*da, {{pa, '0'}}, &low, &error) || !jtag::boundary::plan(*da, {{pa, '1'}}, &high, &error))
-            return fail(kChainDriveRefused, "connect: " + error);
-        if (!mayDrive(a, &error)) return fail(kChainDriveRefused, "connect refused: " + error);
-        bool levels[2];
+    int connect(const std::string& from, const std::string& to) {
+        jtag::ConnectResult r;
         {
-            SignalsHeld held;
-            jtag::ChainAccess& c = chain_.access();
-            auto scan = [&](const BitVector& v) {
-                std::map<unsigned, BitVector> regs{{a, v}};
-                if (b != a) regs[b] = BitVector(db->boundaryLength);
-                return c.data(regs)[b][in->number];
-            };
-            std::map<unsigned, BitVector> ir{{a, jtag::bsdlOpcode(*da, {"PRELOAD", "SAMPLE"})}};
-            if (b != a) ir[b] = jtag::bsdlOpcode(*db, {"SAMPLE", "PRELOAD"});
-            c.instructions(ir);
-            scan(low);
-            ir[a] = extest;
-            c.instructions(ir);
-            scan(low);
-            levels[0] = scan(high);  // what the low level made, captured before the high one is set
-            levels[1] = scan(high);
-            chain_.release();
+            SignalsHeld held;  // the devices in EXTEST until it ends
+            r = chain_.connect(from, to);
         }
-        const char* result = !levels[0] && levels[1]   ? "connected"
-                             : !levels[0] && !levels[1] ? "stuck-0"
-                             : levels[0] && levels[1]   ? "stuck-1"
-                                                        : "inverted";
-        std::string from = std::to_string(a) + "." + pa, to = std::to_string(b) + "." + pb;
+        if (r.result.empty()) return failWith(r);
         if (o_.json)
-            std::printf("%s\n", jtag::jsonText(jtag::Json{{"from", from}, {"to", to}, {"result", result}}).c_str());
+            std::printf("%s\n", jtag::connectJson(r).c_str());
         else
-            std::printf("%s -> %s: %s\n", from.c_str(), to.c_str(), result);
-        return std::string(result) == "connected" ? kChainOk : kChainNotConnected;
+            std::printf("%s -> %s: %s\n", r.from.c_str(), r.to.c_str(), r.result.c_str());
+        return r.status;
     }
 
     const Options& o_;
-    const jtag::Discovery& d_;
-    Chain chain_;
-    const std::set<const void*>& given_;
+    jtag::ChainCommands chain_;
 };
 
 // "POS=REST": digits, then '='. False for anything else.
@@ -582,12 +400,7 @@ int kelvornChainMain(int argc, char** argv) {
         else
             catalogue.add(device);
     }
-    for (size_t from = 0; from <= o.bsdlPath.size();) {
-        size_t colon = o.bsdlPath.find(':', from);
-        if (colon == std::string::npos) colon = o.bsdlPath.size();
-        if (colon > from) catalogue.addDirectory(o.bsdlPath.substr(from, colon - from));
-        from = colon + 1;
-    }
+    catalogue.addPath(o.bsdlPath);
     for (const std::string& w : catalogue.warnings()) std::fprintf(stderr, "kelvorn-chain: passed over %s\n", w.c_str());
 
     std::optional<device::StdoutToStderr> quiet;
@@ -617,7 +430,7 @@ int kelvornChainMain(int argc, char** argv) {
     device::SelectedDevice selected(intf, o.fpga);
     quiet.reset();
     jtag::Tap tap(intf);
-    if (o.frequency > 0 && o.frequency < 1e9) tap.ceilingIs(static_cast<uint32_t>(std::ceil(1e9 / o.frequency)));
+    tap.ceilingHzIs(o.frequency);
     jtag::Discovery d = jtag::discover(tap, catalogue, options);
     if (d.scan.fault != jtag::ChainScan::Fault::none) {
         selected.cleanup();

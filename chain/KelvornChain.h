@@ -12,17 +12,20 @@
 #include <vector>
 
 #include "device/Status.h"
+#include "jtag/Commands.h"
 
-// Exit statuses.
-constexpr int kChainOk = 0;
+// Exit statuses: the chain commands' (jtag/Commands.h).
+using jtag::kChainOk;
 // 1: the interface refused (lock held by another process, unknown device,
 // unsupported board); the module ends the process itself.
-constexpr int kChainUsage = device::kUsage;         // the command line is not understood
-constexpr int kChainNoBackend = device::kNoBackend;     // no backend serves the name on this board
-constexpr int kChainDead = 4;          // a dead or inconsistent chain
-constexpr int kChainBadBsdl = 5;       // a BSDL file cannot be read, or none describes what a command needs
-constexpr int kChainDriveRefused = 6;  // a drive refused (no output cell, or not allowed)
-constexpr int kChainNotConnected = 7;  // connect: the net is not connected
+using jtag::kChainUsage;         // the command line is not understood
+using jtag::kChainNoBackend;     // no backend serves the name on this board
+using jtag::kChainDead;          // a dead or inconsistent chain
+using jtag::kChainBadBsdl;       // a BSDL file cannot be read, or none describes what a command needs
+using jtag::kChainDriveRefused;  // a drive refused (no output cell, or not allowed)
+using jtag::kChainNotConnected;  // connect: the net is not connected
+static_assert(kChainUsage == device::kUsage && kChainNoBackend == device::kNoBackend,
+              "the causes every tool shares have one status in all of them");
 
 int kelvornChainMain(int argc, char** argv);
 

@@ -50,6 +50,15 @@ void BsdlCatalogue::addDirectory(const std::string& dir) {
     }
 }
 
+void BsdlCatalogue::addPath(const std::string& dirs) {
+    for (size_t from = 0; from <= dirs.size();) {
+        size_t colon = dirs.find(':', from);
+        if (colon == std::string::npos) colon = dirs.size();
+        if (colon > from) addDirectory(dirs.substr(from, colon - from));
+        from = colon + 1;
+    }
+}
+
 std::vector<std::shared_ptr<const bsdl::Device>> BsdlCatalogue::find(uint32_t idcode) const {
     std::vector<std::shared_ptr<const bsdl::Device>> found;
     for (const auto& d : devices_)

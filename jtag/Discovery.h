@@ -27,6 +27,8 @@ class BsdlCatalogue {
     // it; one that does not read as BSDL is passed over, with its error in
     // warnings(). A directory that does not exist is no error.
     void addDirectory(const std::string& dir);
+    // Each directory of a search path "DIR:DIR...", in order; empty ones skipped.
+    void addPath(const std::string& dirs);
     // The files whose IDCODE matches, in the order they were added.
     std::vector<std::shared_ptr<const bsdl::Device>> find(uint32_t idcode) const;
     const std::vector<std::string>& warnings() const { return warnings_; }

@@ -17,9 +17,6 @@ namespace {
 constexpr uint64_t kFullSpeedSlice = 1 << 16;
 constexpr double kSlicesPerSecond = 100;
 
-// A TCK ceiling from this rate up is never reached by a register access.
-constexpr double kNoWaitHz = 1e9;
-
 // How a mismatch of a long scan is shown: this many bits around the first difference.
 constexpr size_t kWindowBits = 64;
 
@@ -71,7 +68,7 @@ void Player::ceilingIs(double fileHz) {
     hz_ = cap_ && (!fileHz || fileHz > cap_) ? cap_ : fileHz;
     // The period in ns, rounded up: at least kMinHz, so at most a second.
     // A ceiling of a GHz and more is past any pin: nothing waits for it.
-    if (tap_) tap_->ceilingIs(hz_ && hz_ < kNoWaitHz ? static_cast<uint32_t>(std::ceil(1e9 / hz_)) : 0);
+    if (tap_) tap_->ceilingHzIs(hz_);
 }
 
 // Adds the wait a statement asks for to the stats: its minimum time, or its
@@ -92,7 +89,7 @@ void Player::start(double resetHz) {
     ceilingIs(resetHz);
     if (tap_) {
         tap_->reset();
-        stats_.cycles = tap_->cycles();
+        stats_.cycles = tap_->cycles() - baseCycles_;
     }
     ceilingIs(0);
 }
@@ -121,7 +118,7 @@ bool Player::play(const Action& a) {
             if (a.hz && (!stats_.lowestHz || a.hz < stats_.lowestHz)) stats_.lowestHz = a.hz;
             break;
     }
-    if (tap_) stats_.cycles = tap_->cycles();
+    if (tap_) stats_.cycles = tap_->cycles() - baseCycles_;
     if (onProgress) onProgress();
     return ok;
 }

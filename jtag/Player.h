@@ -46,7 +46,7 @@ Clock& systemClock();
 struct PlayStats {
     uint64_t scans = 0;
     uint64_t bits = 0;       // shifted in scans, headers and trailers included
-    uint64_t cycles = 0;     // TCK cycles (0 in a dry run)
+    uint64_t cycles = 0;     // TCK cycles made by this player (0 in a dry run)
     uint64_t minRunNs = 0;   // the waits the file asks for: RUNTEST (its count at the
                              // ceiling, or its minimum time, the longer), XRUNTEST, XWAIT;
                              // UINT64_MAX when they add up to more than that
@@ -64,7 +64,7 @@ class Player {
     static constexpr double kMaxWaitSeconds = 86400;
 
     // tap null: a dry run, which only counts.
-    Player(Tap* tap, Clock& clock) : tap_(tap), clock_(clock) {}
+    Player(Tap* tap, Clock& clock) : tap_(tap), clock_(clock), baseCycles_(tap ? tap->cycles() : 0) {}
 
     // A ceiling on TCK over every FREQUENCY the file sets (0: none), before start().
     void capIs(double hz) { cap_ = hz; }
@@ -105,6 +105,7 @@ class Player {
     Clock& clock_;
     double hz_ = 0;   // the ceiling in force, the cap's included; 0: none
     double cap_ = 0;
+    uint64_t baseCycles_;  // the Tap's count when this player took it: what came before is not this play's
     uint64_t nsPerCycle_ = 1000;  // how long a cycle took in the last slice of a run
     BitVector tdo_;
     std::string mismatch_, warning_;

@@ -10,6 +10,7 @@
 //   tap.reset();
 //   jtag::BitVector out = tap.shiftIr(jtag::BitVector::fromValue(0x09, 6));
 #pragma once
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -19,6 +20,13 @@
 #include "xilinx/XilIntfC.h"
 
 namespace jtag {
+
+// The TCK period for a ceiling of hz, in whole nanoseconds rounded up (so
+// never faster than asked); 0 (no ceiling) for 0, for less, and from 1 GHz
+// on, which is past any pin.
+inline uint32_t tckPeriodNs(double hz) {
+    return hz > 0 && hz < 1e9 ? static_cast<uint32_t>(std::ceil(1e9 / hz)) : 0;
+}
 
 class Tap {
   public:
@@ -64,6 +72,8 @@ class Tap {
     // A ceiling on TCK from now on: no high or low phase shorter than half
     // of periodNs (XilIntf_tckPeriodIs); 0: none.
     void ceilingIs(uint32_t periodNs) { XilIntf_tckPeriodIs(intf_, periodNs); }
+    // The same ceiling in Hz (tckPeriodNs).
+    void ceilingHzIs(double hz) { ceilingIs(tckPeriodNs(hz)); }
 
     TapState state() const { return state_; }
     // TCK cycles made through this object.

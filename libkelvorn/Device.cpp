@@ -45,6 +45,7 @@
 #include <mutex>
 #include <new>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -52,6 +53,8 @@
 #include "device/PciAddress.h"
 #include "device/Session.h"
 #include "jtag/ChainAccess.h"
+#include "jtag/CheckedPlay.h"
+#include "jtag/Commands.h"
 #include "jtag/Discovery.h"
 #include "jtag/PlayInput.h"
 #include "jtag/Player.h"
@@ -148,6 +151,7 @@ struct Handle {
     std::string fpga;
     device::PciAddress at;
     bool testMode = false;
+    bool iKnowTheBoard = false;  // KV_I_KNOW_THE_BOARD: drive and connect on any device
     double frequencyHz = 0;
     XilIntf* intf = nullptr;
     bool onBoard = false;  // counted by boardBeforeOpen
@@ -157,7 +161,12 @@ struct Handle {
     std::unique_ptr<device::SelectedDevice> selection;
     std::unique_ptr<jtag::Tap> tap;
 
-    jtag::BsdlCatalogue catalogue;
+    jtag::BsdlCatalogue catalogue;  // kv_add_bsdl's files and directories, in order
+    std::set<const void*> given;    // the files kv_add_bsdl named: drive and connect may use them
+    std::optional<std::string> bsdlPath;  // kv_bsdl_path's directories; none: the default path
+    // A drive holds the pins of a device in EXTEST until kv_release, kv_close
+    // or the next call that moves the chain.
+    bool driving = false;
     jtag::DiscoveryOptions discoveryOptions;
     std::optional<jtag::Discovery> discovery;
     std::unique_ptr<jtag::ChainAccess> access;
@@ -214,8 +223,6 @@ Slot& leave(uintptr_t id, Reply& r) {
     return s;
 }
 
-uint32_t periodNs(double hz) { return hz > 0 && hz < 1e9 ? static_cast<uint32_t>(std::ceil(1e9 / hz)) : 0; }
-
 // The Tap's look-in during a call: a close from another thread ends the
 // call; a play's progress goes on.
 void lookIn(void* context) {
@@ -224,9 +231,24 @@ void lookIn(void* context) {
     if (h->onCycles) h->onCycles();
 }
 
-// Gives the pins back: inputs again, routing undone.
+// A drive's end: every device back at its function (Test-Logic-Reset),
+// with no look-in that could end the reset half done.
+void endDrive(Handle* d) {
+    if (!d->driving) return;
+    d->driving = false;
+    if (!d->selection || d->selection->released()) return;  // the pins were given back: nothing more moves
+    d->tap->hookIs(nullptr, nullptr);
+    try {
+        d->tap->reset();
+    } catch (const ExitCalled&) {
+    }
+    d->tap->hookIs(lookIn, d);
+}
+
+// Gives the pins back: inputs again, routing undone; a drive ended first.
 void release(Handle* d) {
     if (!d->selection) return;
+    endDrive(d);
     d->tap.reset();
     d->access.reset();
     try {
@@ -244,7 +266,7 @@ void takePins(Handle* d) {
     d->selection = std::make_unique<device::SelectedDevice>(d->intf, d->fpga);
     d->tap = std::make_unique<jtag::Tap>(d->intf);
     d->tap->hookIs(lookIn, d);
-    d->tap->ceilingIs(periodNs(d->frequencyHz));
+    d->tap->ceilingHzIs(d->frequencyHz);
     d->tap->reset();
     if (d->discovery) {
         std::vector<unsigned> lengths;
@@ -283,20 +305,36 @@ int refused(Handle* d, Reply& r) {
     return r.fail(KV_E_REFUSED, "the " + d->fpga + " backend refused this board (it printed why)");
 }
 
+// Every call that moves the chain: the device open, a drive ended.
 int needDevice(Handle* d, Reply& r) {
     if (!d->intf) return r.fail(KV_E_ARGUMENT, "the device did not open");
+    endDrive(d);
     return KV_OK;
 }
+
+// A chain command's status as the library's.
+int kvStatus(int chain) {
+    switch (chain) {
+        case jtag::kChainOk: return KV_OK;
+        case jtag::kChainDead: return KV_E_DEAD_CHAIN;
+        case jtag::kChainBadBsdl: return KV_E_BSDL;
+        case jtag::kChainDriveRefused: return KV_E_DRIVE_REFUSED;
+        case jtag::kChainNotConnected: return KV_E_NOT_CONNECTED;
+        default: return KV_E_ARGUMENT;
+    }
+}
+
+int failed(Reply& r, const jtag::CommandResult& c) { return r.fail(kvStatus(c.status), c.error); }
 
 // Discovery, when it has not run: the lengths the shifts need.
 int discover(Handle* d, Reply& r) {
     takePins(d);
-    jtag::Discovery found = jtag::discover(*d->tap, d->catalogue, d->discoveryOptions);
-    if (found.scan.fault != jtag::ChainScan::Fault::none)
-        return r.fail(KV_E_DEAD_CHAIN, found.scan.fault == jtag::ChainScan::Fault::inconsistent
-                                           ? "the chain answers inconsistently: " + found.scan.detail
-                                           : jtag::describe(found.scan.fault, d->discoveryOptions.maxDevices));
-    if (!found.irProblem.empty()) return r.fail(KV_E_DEAD_CHAIN, found.irProblem);
+    // The files and directories added first, then the search path.
+    jtag::BsdlCatalogue catalogue = d->catalogue;
+    catalogue.addPath(d->bsdlPath ? *d->bsdlPath : jtag::defaultBsdlPath());
+    jtag::Discovery found = jtag::discover(*d->tap, catalogue, d->discoveryOptions);
+    auto [problem, why] = jtag::discoveryProblem(found, d->discoveryOptions.maxDevices);
+    if (problem != jtag::kChainOk) return r.fail(kvStatus(problem), why);
     d->discovery = std::move(found);
     std::vector<unsigned> lengths;
     for (const jtag::DeviceFacts& f : d->discovery->devices) lengths.push_back(f.irLength);
@@ -304,18 +342,36 @@ int discover(Handle* d, Reply& r) {
     return r.ok();
 }
 
-int discovered(Handle* d, Reply& r, unsigned position) {
+// The pins taken and the chain discovered (once).
+int chainReady(Handle* d, Reply& r) {
     if (int status = needDevice(d, r)) return status;
     takePins(d);
-    if (!d->discovery) {
-        int status = discover(d, r);
-        if (status != KV_OK) return status;
-    }
+    if (!d->discovery) return discover(d, r);
+    return KV_OK;
+}
+
+int discovered(Handle* d, Reply& r, unsigned position) {
+    if (int status = chainReady(d, r)) return status;
     size_t n = d->discovery->devices.size();
     if (position >= n)
         return r.fail(KV_E_ARGUMENT, "no device at position " + std::to_string(position) + " (the chain has " +
                                          std::to_string(n) + ")");
     return KV_OK;
+}
+
+// The chain commands over the handle's discovery.
+jtag::ChainCommands commandsOn(Handle* d) {
+    jtag::CommandHints hints;
+    hints.bsdl = "kv_add_bsdl";
+    hints.give = "kv_add_bsdl (a file, not a directory), or open with KV_I_KNOW_THE_BOARD";
+    return jtag::ChainCommands(*d->tap, *d->discovery, d->given, d->iKnowTheBoard, hints);
+}
+
+// The chain ready and DEV (a position or an entity name) found on it.
+int resolved(Handle* d, Reply& r, const char* device, unsigned* position) {
+    if (!device) return r.fail(KV_E_ARGUMENT, "no device named");
+    if (int status = chainReady(d, r)) return status;
+    return failed(r, commandsOn(d).resolve(device, position));
 }
 
 jtag::BitVector bitsFrom(const uint8_t* in, uint32_t nbits) {
@@ -332,78 +388,72 @@ void bitsTo(const jtag::BitVector& v, uint8_t* out) {
         if (v[i]) out[i / 8] = static_cast<uint8_t>(out[i / 8] | 1u << (i % 8));
 }
 
-int playStatus(jtag::FormatError::Kind kind) {
-    return kind == jtag::FormatError::unreadable ? KV_E_UNREADABLE
-           : kind == jtag::FormatError::syntax   ? KV_E_SYNTAX
-                                                 : KV_E_UNSUPPORTED;
+int playStatus(jtag::PlayOutcome::End end) {
+    switch (end) {
+        case jtag::PlayOutcome::played: return KV_OK;
+        case jtag::PlayOutcome::mismatch: return KV_E_MISMATCH;
+        case jtag::PlayOutcome::unreadable:
+        case jtag::PlayOutcome::changed: return KV_E_UNREADABLE;
+        case jtag::PlayOutcome::syntax: return KV_E_SYNTAX;
+        case jtag::PlayOutcome::unsupported: return KV_E_UNSUPPORTED;
+        case jtag::PlayOutcome::memory: return KV_E_MEMORY;
+    }
+    return KV_E_UNSUPPORTED;
 }
 
 // The whole file checked (no pin moves), then played; the pins given back
 // at the end however it ends.
 int play(Handle* d, Reply& r, FILE* f, uint64_t size, const std::string& name, int format, kv_progress_fn progress,
-         void* user, kv_play_result* result, const PlayInput* input) {
+         void* user, kv_play_result* result, PlayInput* input) {
     if (result) *result = kv_play_result{};
     if (format != KV_FORMAT_AUTO && format != KV_FORMAT_SVF && format != KV_FORMAT_XSVF)
         return r.fail(KV_E_ARGUMENT, "format " + std::to_string(format) + " is none of KV_FORMAT_AUTO, _SVF, _XSVF");
     jtag::VectorFormat fmt = format == KV_FORMAT_SVF    ? jtag::VectorFormat::svf
                              : format == KV_FORMAT_XSVF ? jtag::VectorFormat::xsvf
                                                         : jtag::sniffFormat(f);
-    jtag::Action a;
-    jtag::Player counter(nullptr, jtag::systemClock());
-    counter.capIs(d->frequencyHz);
-    try {
-        std::unique_ptr<jtag::Reader> check = jtag::readerFor(fmt, f);
-        while (check->next(&a)) counter.play(a);
-    } catch (const jtag::FormatError& e) {
-        return r.fail(playStatus(e.kind), e.place.in(name) + ": " +
-                                              (e.kind == jtag::FormatError::unreadable ? "cannot read: " : "") + e.what());
-    }
-    if (input && !input->unchanged())
-        return r.fail(KV_E_UNREADABLE, name + ": changed since it was checked (size or modification time); nothing played");
-    std::rewind(f);
+    jtag::CheckedPlay checked(f, fmt, name, input, d->frequencyHz);
+    jtag::PlayOutcome outcome = checked.check();
+    if (!outcome.ok()) return r.fail(playStatus(outcome.end), outcome.message);
+    if (!checked.unchanged(&outcome)) return r.fail(playStatus(outcome.end), outcome.message);
 
     takePins(d);
-    std::unique_ptr<jtag::Reader> reader = jtag::readerFor(fmt, f);
-    jtag::Player player(d->tap.get(), jtag::systemClock());
-    player.capIs(d->frequencyHz);
     uint64_t start = jtag::systemClock().now(), shown = start, shownCycles = d->tap->cycles();
     // After each statement (the player) and inside long ones (the Tap's hook).
-    player.onProgress = d->onCycles = [&] {
+    checked.onProgress = d->onCycles = [&] {
         if (d->closing.load(std::memory_order_relaxed)) throw Closed{};
         if (!progress) return;
         uint64_t now = jtag::systemClock().now(), cycles = d->tap->cycles();
         if (now - shown < kProgressNs && cycles - shownCycles < kProgressCycles) return;
         shown = now;
         shownCycles = cycles;
-        if (progress(user, std::min(reader->bytesRead(), size), size, player.stats().bits)) throw Cancelled{};
+        if (progress(user, std::min(checked.reader().bytesRead(), size), size, checked.stats().bits))
+            throw Cancelled{};
+    };
+    // The first mismatch stops the play; kv_mismatch tells where.
+    checked.onMismatch = [&](const jtag::Action& a, const std::string&) {
+        Slot& m = r.mismatch;
+        m.hasMismatch = true;
+        m.mismatchFile = name;
+        m.mismatchPlace = a.place;
+        m.mismatchStatement = a.statement;
+        m.mismatchBits = static_cast<uint32_t>(a.tdi.size());
+        m.expected = a.tdo.hex();
+        m.mask = a.mask.hex();
+        m.actual = checked.player().tdo().hex();
+        return false;
     };
     int status = KV_OK;
     try {
-        player.start(counter.stats().lowestHz);
-        while (status == KV_OK && reader->next(&a)) {
-            if (player.play(a)) continue;
-            Slot& m = r.mismatch;
-            m.hasMismatch = true;
-            m.mismatchFile = name;
-            m.mismatchPlace = a.place;
-            m.mismatchStatement = a.statement;
-            m.mismatchBits = static_cast<uint32_t>(a.tdi.size());
-            m.expected = a.tdo.hex();
-            m.mask = a.mask.hex();
-            m.actual = player.tdo().hex();
-            status = r.fail(KV_E_MISMATCH, a.place.in(name) + ": " + a.statement + " of " + std::to_string(a.tdi.size()) +
-                                               " bits: " + player.mismatch());
-        }
-        if (status == KV_OK && progress && progress(user, size, size, player.stats().bits)) throw Cancelled{};
+        outcome = checked.play(*d->tap);
+        if (!outcome.ok())
+            status = r.fail(playStatus(outcome.end), outcome.message);
+        else if (progress && progress(user, size, size, checked.stats().bits))
+            throw Cancelled{};
     } catch (const Closed&) {
         status = r.fail(KV_E_CLOSED, kClosedDuring);
     } catch (const Cancelled&) {
         status = r.fail(KV_E_CANCELLED, name + ": cancelled by the progress callback after " +
-                                            std::to_string(player.stats().bits) + " bits; pins given back");
-    } catch (const jtag::FormatError& e) {
-        status = r.fail(playStatus(e.kind), e.place.in(name) + ": " + e.what());
-    } catch (const std::bad_alloc&) {
-        status = r.fail(KV_E_MEMORY, name + ": not enough memory for the statement after " + a.place.in(name));
+                                            std::to_string(checked.stats().bits) + " bits; pins given back");
     } catch (...) {
         d->onCycles = nullptr;
         release(d);
@@ -412,10 +462,10 @@ int play(Handle* d, Reply& r, FILE* f, uint64_t size, const std::string& name, i
     d->onCycles = nullptr;
     release(d);
     if (result) {
-        result->statements = reader->statements();
-        result->scans = player.stats().scans;
-        result->bits = player.stats().bits;
-        result->tck_cycles = player.stats().cycles;
+        result->statements = checked.reader().statements();
+        result->scans = checked.stats().scans;
+        result->bits = checked.stats().bits;
+        result->tck_cycles = checked.stats().cycles;
         result->seconds = static_cast<double>(jtag::systemClock().now() - start) * 1e-9;
     }
     return status == KV_OK ? r.ok() : status;
@@ -457,7 +507,7 @@ int onHandle(const kv_device* device, Body body, After after) {
         }
     }
     Slot& slot = leave(id, r);
-    if (status == KV_OK) after(slot);
+    if (status == KV_OK || r.hasAnswer) after(slot);  // an answer also with a status: kv_connect's
     return status;
 }
 
@@ -474,7 +524,7 @@ const char* kv_status_name(int status) {
     static const char* const names[] = {"ok",         "argument", "no backend", "locked",   "refused",
                                         "unreadable", "syntax",   "unsupported", "mismatch", "cancelled",
                                         "dead chain", "bsdl",     "sim",        "memory",   "reentrant",
-                                        "closed"};
+                                        "closed",     "drive refused", "not connected"};
     return status >= 0 && status < static_cast<int>(sizeof names / sizeof names[0]) ? names[status] : "unknown";
 }
 
@@ -499,6 +549,7 @@ int kv_open(const char* fpga, const char* pci_address, unsigned flags, double fr
         if (!(frequency_hz == 0 || (frequency_hz >= jtag::Player::kMinHz && frequency_hz <= 1e12)))
             return r.fail(KV_E_ARGUMENT, "a TCK ceiling of " + std::to_string(frequency_hz) + " Hz (0, or 1 Hz to 1 THz)");
         d->testMode = (flags & KV_TEST_MODE) != 0;
+        d->iKnowTheBoard = (flags & KV_I_KNOW_THE_BOARD) != 0;
         d->frequencyHz = frequency_hz;
         std::string why;
         if (!kv::boardBeforeOpen(d->fpga, &why)) return r.fail(KV_E_SIM, why);
@@ -574,10 +625,24 @@ int kv_add_bsdl(kv_device* device, const char* path) {
         if (S_ISDIR(st.st_mode)) {
             d->catalogue.addDirectory(path);
         } else {
+            auto file = std::make_shared<jtag::bsdl::Device>();
             jtag::bsdl::Error error;
-            if (!d->catalogue.addFile(path, &error)) return r.fail(KV_E_BSDL, error.text());
+            if (!jtag::bsdl::readFile(path, file.get(), &error)) return r.fail(KV_E_BSDL, error.text());
+            d->given.insert(file.get());  // named by the user: drive and connect may use it
+            d->catalogue.add(std::move(file));
         }
         d->discovery.reset();  // found again with the files
+        return r.ok();
+    });
+}
+
+int kv_bsdl_path(kv_device* device, const char* dirs) {
+    return onHandle(device, [&](Handle* d, Reply& r) {
+        if (dirs)
+            d->bsdlPath = dirs;
+        else
+            d->bsdlPath.reset();
+        d->discovery.reset();
         return r.ok();
     });
 }
@@ -636,23 +701,117 @@ int kv_shift_dr(kv_device* device, unsigned position, uint32_t nbits, const uint
     });
 }
 
+// SAMPLE on a device already found on the chain.
+int sampleAt(Handle* d, Reply& r, unsigned position) {
+    jtag::SampleResult sample = commandsOn(d).sample(position);
+    if (!sample.ok()) return failed(r, sample);
+    r.answer = jtag::sampleJson(sample);
+    r.hasAnswer = true;
+    return r.ok();
+}
+
 int kv_sample(kv_device* device, unsigned position, const char** json) {
     return onHandle(
         device,
         [&](Handle* d, Reply& r) {
             if (int status = discovered(d, r, position)) return status;
-            const jtag::DeviceFacts& f = d->discovery->devices[position];
-            std::string p = std::to_string(position);
-            if (!f.bsdl) return r.fail(KV_E_BSDL, "device " + p + " has no BSDL file (kv_add_bsdl)");
-            jtag::BitVector sample = jtag::bsdlOpcode(*f.bsdl, {"SAMPLE", "PRELOAD"});
-            if (f.bsdl->boundaryLength == 0 || sample.empty())
-                return r.fail(KV_E_BSDL, "device " + p + " (" + f.bsdl->entity + ") has no boundary register");
-            d->access->instructions({{position, sample}});
-            auto captured = d->access->data({{position, jtag::BitVector(f.bsdl->boundaryLength)}});
-            d->tap->reset();  // back to the device's own function
-            r.answer = jtag::sampleJson(position, *f.bsdl, jtag::portLevels(*f.bsdl, captured[position]));
+            return sampleAt(d, r, position);
+        },
+        [&](Slot& s) {
+            if (json) *json = s.answer.c_str();
+        });
+}
+
+int kv_sample_device(kv_device* device, const char* name, const char** json) {
+    return onHandle(
+        device,
+        [&](Handle* d, Reply& r) {
+            unsigned position;
+            if (int status = resolved(d, r, name, &position)) return status;
+            return sampleAt(d, r, position);
+        },
+        [&](Slot& s) {
+            if (json) *json = s.answer.c_str();
+        });
+}
+
+int kv_usercode(kv_device* device, const char* name, const char** json) {
+    return onHandle(
+        device,
+        [&](Handle* d, Reply& r) {
+            unsigned position;
+            if (int status = resolved(d, r, name, &position)) return status;
+            jtag::UsercodeResult code = commandsOn(d).usercode(position);
+            if (!code.ok()) return failed(r, code);
+            r.answer = jtag::usercodeJson(code);
             r.hasAnswer = true;
             return r.ok();
+        },
+        [&](Slot& s) {
+            if (json) *json = s.answer.c_str();
+        });
+}
+
+int kv_drive(kv_device* device, const char* name, const char* const* port_levels, size_t n, double hold_s,
+             const char** json) {
+    return onHandle(
+        device,
+        [&](Handle* d, Reply& r) {
+            if (!port_levels && n) return r.fail(KV_E_ARGUMENT, "no port levels");
+            if (!(hold_s < 0 || hold_s <= 86400))  // a NaN too
+                return r.fail(KV_E_ARGUMENT, "a hold of " + std::to_string(hold_s) + " s (0 to 86400, or < 0: until kv_release)");
+            std::vector<std::string> words;
+            for (size_t i = 0; i < n; ++i) {
+                if (!port_levels[i]) return r.fail(KV_E_ARGUMENT, "port level " + std::to_string(i) + " is NULL");
+                words.push_back(port_levels[i]);
+            }
+            if (words.empty()) return r.fail(KV_E_ARGUMENT, "no port levels");
+            unsigned position;
+            if (int status = resolved(d, r, name, &position)) return status;
+            jtag::ChainCommands commands = commandsOn(d);
+            jtag::DrivePlan plan = commands.planDrive(position, words);
+            if (!plan.ok()) return failed(r, plan);
+            d->driving = true;  // from the first bit shifted: whatever ends the call resets the chain
+            jtag::DriveResult driven = commands.applyDrive(plan);
+            r.answer = jtag::driveJson(driven, hold_s < 0 ? -1 : hold_s);
+            r.hasAnswer = true;
+            if (hold_s >= 0) {
+                // Held in slices, so that a close from another thread ends it soon.
+                uint64_t end = jtag::systemClock().now() + static_cast<uint64_t>(std::llround(hold_s * 1e9));
+                for (uint64_t now; (now = jtag::systemClock().now()) < end;) {
+                    if (d->closing.load()) throw Closed{};
+                    jtag::systemClock().sleep(std::min<uint64_t>(end - now, 10000000));
+                }
+                endDrive(d);
+            }
+            return r.ok();
+        },
+        [&](Slot& s) {
+            if (json) *json = s.answer.c_str();
+        });
+}
+
+int kv_release(kv_device* device) {
+    return onHandle(device, [&](Handle* d, Reply& r) {
+        endDrive(d);
+        return r.ok();
+    });
+}
+
+int kv_connect(kv_device* device, const char* from, const char* to, const char** json) {
+    return onHandle(
+        device,
+        [&](Handle* d, Reply& r) {
+            if (!from || !to) return r.fail(KV_E_ARGUMENT, "no DEV.PORT to connect");
+            if (int status = chainReady(d, r)) return status;
+            jtag::ChainCommands commands = commandsOn(d);
+            d->driving = true;  // the chain is reset whatever ends the call
+            jtag::ConnectResult c = commands.connect(from, to);
+            d->driving = false;  // connect ends in Test-Logic-Reset
+            if (c.result.empty()) return failed(r, c);
+            r.answer = jtag::connectJson(c);
+            r.hasAnswer = true;
+            return c.ok() ? r.ok() : failed(r, jtag::CommandResult{c.status, c.from + " -> " + c.to + ": " + c.result});
         },
         [&](Slot& s) {
             if (json) *json = s.answer.c_str();

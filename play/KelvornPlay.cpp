@@ -10,7 +10,7 @@
 #include <new>
 #include <string>
 
-#include "jtag/Player.h"
+#include "jtag/CheckedPlay.h"
 #include "jtag/PlayInput.h"
 #include "device/PciAddress.h"
 #include "device/Session.h"
@@ -71,46 +71,42 @@ struct Options {
     bool quiet = false;
 };
 
-// Plays every action of reader; one line on stderr for each failure.
-int playAll(jtag::Reader& reader, jtag::Player& player, const Options& o, Progress& progress,
-            const PlayInput& input) {
-    const char* file = o.path.c_str();
-    uint64_t overruns = 0;
-    jtag::Action a;
-    player.onProgress = [&] { progress.update(reader, player.stats()); };
-    player.onOverrun = [&](const jtag::Action& x) {
+// The hooks of a checked play: the progress line, overrun warnings and
+// mismatch lines (at most kMaxLines of each) on stderr.
+void showOn(jtag::CheckedPlay& play, const Options& o, Progress& progress, uint64_t& overruns) {
+    play.onProgress = [&] { progress.update(play.reader(), play.stats()); };
+    play.onOverrun = [&](const jtag::Action& x) {
         if (o.quiet || ++overruns > kMaxLines) return;
         progress.clear();
-        std::fprintf(stderr, "kelvorn-play: %s: warning: %s %s\n", x.place.in(file).c_str(), x.statement,
-                     player.warning().c_str());
+        std::fprintf(stderr, "kelvorn-play: %s: warning: %s %s\n", x.place.in(o.path).c_str(), x.statement,
+                     play.player().warning().c_str());
     };
-    try {
-        while (reader.next(&a)) {
-            if (player.play(a)) continue;
-            if (player.stats().mismatches <= kMaxLines) {
-                progress.clear();
-                std::fprintf(stderr, "kelvorn-play: %s: %s of %zu bits: %s\n", a.place.in(file).c_str(), a.statement,
-                             a.tdi.size(), player.mismatch().c_str());
-            }
-            if (!o.ignoreTdo) return kMismatch;
+    play.onMismatch = [&](const jtag::Action&, const std::string& message) {
+        if (play.stats().mismatches <= kMaxLines) {
+            progress.clear();
+            std::fprintf(stderr, "kelvorn-play: %s\n", message.c_str());
         }
-    } catch (const jtag::FormatError& e) {
+        return o.ignoreTdo;
+    };
+}
+
+// The outcome as the exit status; one line on stderr for a failure other
+// than a mismatch (each of those has had its line).
+int statusOf(const jtag::PlayOutcome& outcome, Progress& progress) {
+    if (outcome.end != jtag::PlayOutcome::played && outcome.end != jtag::PlayOutcome::mismatch) {
         progress.clear();
-        // A file that changed under the play was read; its reason says what it found.
-        bool cannotRead = e.kind == jtag::FormatError::unreadable && !input.changed();
-        std::fprintf(stderr, "kelvorn-play: %s: %s%s\n", e.place.in(file).c_str(), cannotRead ? "cannot read: " : "",
-                     e.what());
-        return e.kind == jtag::FormatError::unreadable ? kUnreadable
-               : e.kind == jtag::FormatError::syntax   ? kSyntax
-                                                       : kUnsupported;
-    } catch (const std::bad_alloc&) {
-        // A scan longer than this machine can hold: the pins are still released.
-        progress.clear();
-        std::fprintf(stderr, "kelvorn-play: %s: not enough memory for the statement after %s\n", file,
-                     a.place.in(file).c_str());
-        return kUnsupported;
+        std::fprintf(stderr, "kelvorn-play: %s\n", outcome.message.c_str());
     }
-    return player.stats().mismatches ? kMismatch : kPlayed;
+    switch (outcome.end) {
+        case jtag::PlayOutcome::played: return kPlayed;
+        case jtag::PlayOutcome::mismatch: return kMismatch;
+        case jtag::PlayOutcome::unreadable:
+        case jtag::PlayOutcome::changed: return kUnreadable;
+        case jtag::PlayOutcome::syntax: return kSyntax;
+        case jtag::PlayOutcome::unsupported:
+        case jtag::PlayOutcome::memory: return kUnsupported;
+    }
+    return kUnsupported;
 }
 
 std::string counts(const jtag::Reader& reader, const jtag::PlayStats& s) {
@@ -205,50 +201,48 @@ int kelvornPlayMain(int argc, char** argv) {
     // The whole file is read once before any pin moves, so that a file that
     // breaks off or holds a statement this player refuses does not leave a
     // device half programmed.
-    std::unique_ptr<jtag::Reader> check = jtag::readerFor(fmt, input.file());
-    jtag::Player counter(nullptr, jtag::systemClock());
-    counter.capIs(frequency);
+    jtag::CheckedPlay play(input.file(), fmt, o.path, &input, frequency);
+    uint64_t overruns = 0;
     int status;
     {
         Progress progress(terminal, size);
-        status = playAll(*check, counter, o, progress, input);
+        showOn(play, o, progress, overruns);
+        status = statusOf(play.check(), progress);
     }
     if (status != kPlayed || dryRun) {
         if (status == kPlayed && !o.quiet)
             std::printf("kelvorn-play: %s: %s, at least %s of waits; nothing played (dry run)\n", o.path.c_str(),
-                        counts(*check, counter.stats()).c_str(), seconds(counter.stats().minRunNs * 1e-9).c_str());
+                        counts(play.reader(), play.stats()).c_str(), seconds(play.stats().minRunNs * 1e-9).c_str());
         return status;
     }
 
     // The play must be of the bytes that were checked: a file that changed
-    // is refused before the device is reached, and again just before the play.
-    auto changed = [&] {
-        if (input.unchanged()) return false;
-        std::fprintf(stderr, "kelvorn-play: %s: %s\n", o.path.c_str(), kChanged);
-        return true;
-    };
-    if (changed()) return kUnreadable;
+    // is refused before the device is reached, and again just before the
+    // play (CheckedPlay::play).
+    jtag::PlayOutcome changed;
+    if (!play.unchanged(&changed)) {
+        std::fprintf(stderr, "kelvorn-play: %s\n", changed.message.c_str());
+        return kUnreadable;
+    }
     XilIntf* intf = device::openDevice("kelvorn-play", fpga, at, testMode);
     if (!intf) return kNoBackend;
     device::SelectedDevice guard(intf, fpga);
-    input.rewind();
-    if (changed()) return kUnreadable;  // the guard releases the pins
-    std::unique_ptr<jtag::Reader> reader = jtag::readerFor(fmt, input.file());
     jtag::Tap tap(intf);
-    jtag::Player player(&tap, jtag::systemClock());
-    player.capIs(frequency);
     uint64_t start = jtag::systemClock().now();
+    jtag::PlayOutcome outcome;
     {
         Progress progress(terminal, size);
-        player.start(counter.stats().lowestHz);
-        status = playAll(*reader, player, o, progress, input);
+        overruns = 0;
+        showOn(play, o, progress, overruns);
+        outcome = play.play(tap);
+        status = statusOf(outcome, progress);
     }
     guard.cleanup();
     double took = (jtag::systemClock().now() - start) * 1e-9;
-    if (!o.quiet)
+    if (!o.quiet && outcome.end != jtag::PlayOutcome::changed)  // nothing played
         std::printf("kelvorn-play: %s: %s, %llu TCK cycles%s, %s%s\n", o.path.c_str(),
-                    counts(*reader, player.stats()).c_str(), static_cast<unsigned long long>(player.stats().cycles),
-                    rate(player.stats().cycles, took).c_str(), seconds(took).c_str(), extras(player.stats()).c_str());
+                    counts(play.reader(), play.stats()).c_str(), static_cast<unsigned long long>(play.stats().cycles),
+                    rate(play.stats().cycles, took).c_str(), seconds(took).c_str(), extras(play.stats()).c_str());
     std::fflush(stdout);
     return status;
 }

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "device/Session.h"
+#include "jtag/Tap.h"
 #include "os/SignalGate.h"
 #include "serve/RemoteBitbang.h"
 #include "serve/Xvc.h"
@@ -400,8 +401,7 @@ bool parseOptions(int argc, char** argv, Options* o, int* status) {
 }
 
 uint32_t Options::ceilingNs() const {
-    // At least 1 Hz, so at most a second; a GHz and more is past any pin.
-    return frequency > 0 && frequency < 1e9 ? static_cast<uint32_t>(std::ceil(1e9 / frequency)) : 0;
+    return jtag::tckPeriodNs(frequency);
 }
 
 int run(const Options& o) {

@@ -5,7 +5,10 @@ kelvorn package and libraries the environment gives: the build tree
 KELVORN_TEST_BUILD names the build directory (kelvorn-vectors) and
 KELVORN_TEST_DATA the test data (BSDL files)."""
 
+import ctypes
 import os
+import re
+import shutil
 import subprocess
 from pathlib import Path
 
@@ -29,24 +32,24 @@ def test_discover_three_devices():
     with kelvorn.open(FPGA, ADDRESS, sim=board()) as dev:
         dev.add_bsdl(BSDL)
         devices = dev.discover()
-    assert [(d["position"], d["idcode"], d["ir_length"], d["ir_length_from"], d["part"], d["version"])
+    assert [(d.position, d.idcode, d.ir_length, d.ir_length_from, d.part, d.version)
             for d in devices] == [
         (0, "0x0123402f", 8, "bsdl", "kv_cpld64", 0),
         (1, "0x1b4d2093", 6, "detected", None, 1),
         (2, "0x2468ace1", 10, "detected", None, 2),
     ]
-    assert devices[0]["bsdl"].endswith("kv_cpld64.bsd")
+    assert devices[0].bsdl.endswith("kv_cpld64.bsd") and devices[0]["bsdl"] == devices[0].bsdl
     # A length given for a device is taken, and said to be.
     with kelvorn.open(FPGA, ADDRESS, sim=board()) as dev:
         dev.set_irlen(2, 10)
-        assert [(d["ir_length"], d["ir_length_from"]) for d in dev.discover()] == [
+        assert [(d.ir_length, d.ir_length_from) for d in dev.discover()] == [
             (8, "detected"), (6, "detected"), (10, "option")]
         with pytest.raises(kelvorn.Error, match=r"an IR length of 1 bits \(2 to 999\)"):
             dev.set_irlen(0, 1)
-    assert devices[1]["manufacturer"] == "Xilinx"
+    assert devices[1].manufacturer == "Xilinx"
     assert set(devices[0]) == {"position", "idcode", "ir_length", "ir_length_from", "manufacturer", "part",
                                "version", "bsdl", "jep106"}
-    assert devices[2]["manufacturer"] is None and devices[2]["jep106"] == {"bank": 13, "code": 112}
+    assert devices[2].manufacturer is None and devices[2].jep106 == {"bank": 13, "code": 112}
 
 
 def test_play_programs_the_image(tmp_path):
@@ -143,8 +146,11 @@ def test_shift_ir_and_dr_through_bypass():
 def test_sample_pins_of_a_bsdl_device():
     with kelvorn.open(FPGA, ADDRESS, sim=board("--pin 0.clk=0", "--pin 0.d(3)=0")) as dev:
         dev.add_bsdl(BSDL / "kv_cpld64.bsd")
-        assert dev.sample(0) == {"clk": 0, "rst_n": 1, "d(0)": 1, "d(1)": 1, "d(2)": 1, "d(3)": 0}
-        with pytest.raises(kelvorn.Error) as caught:
+        sample = dev.sample(0)
+        assert sample.pins == {"clk": 0, "rst_n": 1, "d(0)": 1, "d(1)": 1, "d(2)": 1, "d(3)": 0}
+        assert (sample.device, sample.package, sample.package_pins["d(3)"]) == (0, "TQ44", ["7"])
+        assert dev.sample("KV_CPLD64") == sample  # by its entity name, any case
+        with pytest.raises(kelvorn.BsdlError) as caught:
             dev.sample(1)
         assert (caught.value.status, caught.value.message) == (kelvorn.E_BSDL,
                                                                "device 1 has no BSDL file (kv_add_bsdl)")
@@ -275,3 +281,107 @@ def test_numbers_that_do_not_fit_are_refused():
         with pytest.raises(ValueError):
             dev.shift_dr(1, 0, 0)
         assert dev.shift_ir(1, 0x01) == 0x01  # nothing of that reached the chain
+
+
+HEADER = Path(os.environ["KELVORN_TEST_DATA"]).parent.parent / "libkelvorn" / "include" / "kelvorn" / "kelvorn.h"
+
+
+def test_statuses_are_the_headers_each_with_its_exception():
+    defined = dict(re.findall(r"^#define KV_(OK|E_[A-Z_]+) (\d+)", HEADER.read_text(), re.M))
+    assert len(defined) == 18 and defined["E_NOT_CONNECTED"] == "17"
+    assert {name: getattr(kelvorn, name) for name in defined} == {name: int(v) for name, v in defined.items()}
+    # One Error subclass per status, and the status is the class's.
+    classes = {status: type(kelvorn._error(status, "x")) for status in range(1, 18)}
+    assert len(set(classes.values())) == 17 and all(issubclass(c, kelvorn.Error) and c is not kelvorn.Error
+                                                   for c in classes.values())
+    assert (classes[kelvorn.E_CANCELLED], classes[kelvorn.E_CLOSED], classes[kelvorn.E_REENTRANT],
+            classes[kelvorn.E_MISMATCH]) == (kelvorn.Cancelled, kelvorn.Closed, kelvorn.Reentrant, kelvorn.TdoMismatch)
+    lib = kelvorn._load(kelvorn.SIM_LIBRARY)
+    assert [lib.kv_status_name(s) for s in (16, 17, 18)] == [b"drive refused", b"not connected", b"unknown"]
+
+
+# Three BSDL devices; two nets between the first two, one input held low.
+NETS = (f"{CPU} --chain bsdl={BSDL / 'kv_cpld64.bsd'}:usercode=0xcafe0001,"
+        f"bsdl={BSDL / 'KV_FPGA6.BSD'}:usercode=0x12345678,bsdl={BSDL / 'kv_dap4.bsd'} "
+        "--net 0.led=1.SW(1) --net 1.BUS=0.d(0) --pin 1.SW(2)=0")
+
+
+def test_usercode_drive_and_connect():
+    with kelvorn.open(FPGA, ADDRESS, sim=NETS, bsdl_path=[BSDL]) as dev:
+        assert dev.usercode(1) == kelvorn.Usercode(device=1, usercode=0x12345678)
+        assert dev.usercode("kv_cpld64").usercode == 0xcafe0001
+        with pytest.raises(kelvorn.BsdlError, match=r"device 2 \(KV_DAP4\) has no USERCODE instruction"):
+            dev.usercode("KV_DAP4")
+        # Found in a directory, not given: EXTEST is refused before any pin moves.
+        with pytest.raises(kelvorn.DriveRefused, match="device 0's BSDL file was found, not given"):
+            dev.drive(0, {"led": 1})
+        with pytest.raises(kelvorn.DriveRefused, match="connect refused"):
+            dev.connect("0.led", "1.SW(1)")
+        dev.add_bsdl(BSDL / "kv_cpld64.bsd")  # given now
+        drive = dev.drive("kv_cpld64", {"led": 1, "d(2)": 0, "d(3)": "1", "d(1)": "z"}, hold=0)
+        assert drive == kelvorn.Drive(device=0, driving={"led": 1, "d(2)": 0, "d(3)": 1}, two_state_at_safe_level=[],
+                                      hold_s=0.0)
+        with pytest.raises(kelvorn.DriveRefused, match=r"d\(2\) shares control cell 7 with d\(3\), not named"):
+            dev.drive(0, {"d(2)": 0})
+        net = dev.connect("0.led", "KV_FPGA6.SW(1)")
+        assert (net.from_, net.to, net.result, net.connected, net["from"]) == ("0.led", "1.SW(1)", "connected", True,
+                                                                              "0.led")
+        with pytest.raises(kelvorn.NotConnected) as caught:
+            dev.connect("0.led", "1.SW(2)")
+        assert caught.value.status == kelvorn.E_NOT_CONNECTED and caught.value.message == "0.led -> 1.SW(2): stuck-0"
+        assert caught.value.connect == kelvorn.Connect(from_="0.led", to="1.SW(2)", result="stuck-0")
+    # A drive held until release(): the hold is null, and the device answers again after it.
+    with kelvorn.open(FPGA, ADDRESS, sim=NETS, bsdl_path=str(BSDL), i_know_the_board=True) as dev:
+        held = dev.drive(1, {"OUT0": 1})
+        assert (held.driving, held.hold_s) == ({"OUT0": 1}, None)
+        dev.release()
+        assert dev.usercode(1).usercode == 0x12345678
+        # Held, then another command: the chain is reset first and the command answers.
+        dev.drive(1, {"BUS": 1})
+        assert dev.sample(1).pins["SW(2)"] == 0
+
+
+def test_the_default_bsdl_path_is_found_through_xdg_data_home(tmp_path, monkeypatch):
+    shutil.copytree(BSDL, tmp_path / "kelvorn" / "bsdl")
+    monkeypatch.setenv("XDG_DATA_HOME", str(tmp_path))
+    with kelvorn.open(FPGA, ADDRESS, sim=NETS) as dev:
+        assert [(d.part, d.ir_length_from) for d in dev.discover()] == [("kv_cpld64", "bsdl"), ("KV_FPGA6", "bsdl"),
+                                                                        ("KV_DAP4", "bsdl")]
+        assert dev.discover()[1].bsdl == str(tmp_path / "kelvorn" / "bsdl" / "KV_FPGA6.BSD")
+        dev.set_bsdl_path([])  # none: the parts unknown, the names with them
+        assert [d.part for d in dev.discover()] == [None, None, None]
+        with pytest.raises(kelvorn.BadArgument, match="no device on the chain is KV_FPGA6"):
+            dev.usercode("KV_FPGA6")
+        dev.set_bsdl_path(None)  # the default again
+        assert dev.usercode("KV_FPGA6").usercode == 0x12345678
+
+
+def test_wrong_arguments_are_errors_of_the_package_or_type_errors():
+    with kelvorn.open(FPGA, ADDRESS, sim=NETS, bsdl_path=str(BSDL)) as dev:
+        with pytest.raises(kelvorn.BadArgument, match="no device on the chain is STM32F407"):
+            dev.sample("STM32F407")
+        for call in (lambda: dev.sample(1.5), lambda: dev.sample(None), lambda: dev.usercode(True),
+                     lambda: dev.drive(0, ["led"]), lambda: dev.connect(0, "1.SW(1)"),
+                     lambda: dev.play_bytes("STATE RESET;"), lambda: dev.play_bytes(b"", name=3),
+                     lambda: dev.set_bsdl_path(7), lambda: kelvorn.open(None, ADDRESS, sim=NETS)):
+            with pytest.raises(TypeError) as caught:
+                call()
+            assert not isinstance(caught.value, ctypes.ArgumentError)
+        with pytest.raises(TypeError, match=r"a device is a position \(int\) or the entity name"):
+            dev.usercode(b"KV_FPGA6")
+        with pytest.raises(ValueError, match=r"led: a level is 0, 1 or 'z', not 2"):
+            dev.drive(0, {"led": 2})
+        with pytest.raises(ValueError, match="position: -1 is out of range"):
+            dev.usercode(-1)
+        with pytest.raises(ValueError, match="format"):
+            dev.play_bytes(b"", format="vhdl")
+        assert dev.usercode(1).usercode == 0x12345678  # none of that reached the chain
+
+
+def test_a_play_counts_its_own_cycles():
+    with kelvorn.open(FPGA, ADDRESS, sim=board()) as dev:
+        dev.discover()  # thousands of cycles before the play
+        result = dev.play_bytes(b"SIR 8 TDI (ff);")
+    assert isinstance(result, kelvorn.PlayResult) and (result.scans, result.bits, result["scans"]) == (1, 8, 1)
+    # The reset (5), on through Run-Test/Idle to Shift-IR (5), 8 bits, back to Run-Test/Idle (2).
+    assert result.tck_cycles == 5 + 5 + 8 + 2

@@ -26,9 +26,10 @@
  * one long scan): it gives the pins back and returns KV_E_CLOSED; the
  * close then takes effect and returns.
  *
- * Strings. What a call hands out (kv_message, the JSON of kv_discover and
- * kv_sample, kv_mismatch's strings) is kept per thread and per handle:
- * calls from other threads neither change nor free it. It stays valid
+ * Strings. What a call hands out (kv_message, the JSON of kv_discover,
+ * kv_sample and the other commands, kv_mismatch's strings) is kept per
+ * thread and per handle: calls from other threads neither change nor
+ * free it. It stays valid
  * until the same thread's next call on the handle (kv_close included) or,
  * once another thread closed the handle, until this thread's next call on
  * any handle; at the latest until the thread ends.
@@ -78,6 +79,8 @@ typedef struct kv_device kv_device;
 #define KV_E_MEMORY 13     /* out of memory */
 #define KV_E_REENTRANT 14  /* a call on the handle from within a call on it (its progress callback) */
 #define KV_E_CLOSED 15     /* the handle is closed (or never was one), or was closed during the call */
+#define KV_E_DRIVE_REFUSED 16 /* kv_drive, kv_connect: no output cell, ports that share a control, a file not given */
+#define KV_E_NOT_CONNECTED 17 /* kv_connect: the net is stuck or inverted */
 
 /* The longest data register kv_shift_dr shifts, in bits (128 MiB packed):
  * the longest scan the SVF and XSVF readers take. */
@@ -85,6 +88,10 @@ typedef struct kv_device kv_device;
 
 /* kv_open's flags. */
 #define KV_TEST_MODE 1u /* the lock file (and register files) of test mode, under /tmp */
+/* kv_drive and kv_connect on any device, also one whose BSDL file was found
+ * in a directory rather than named to kv_add_bsdl: EXTEST drives its pins,
+ * which on a live board may fight the board's own drivers. */
+#define KV_I_KNOW_THE_BOARD 2u
 
 /* kv_play's formats. */
 #define KV_FORMAT_AUTO 0 /* XSVF when the first 4096 bytes hold a control character, else SVF */
@@ -116,9 +123,18 @@ const char* kv_message(const kv_device* device);
 
 /* ---- the chain ---- */
 
-/* BSDL files for kv_discover and kv_sample: a file, or a directory whose
- * *.bsd and *.bsdl files are found by IDCODE. Files added first win. */
+/* BSDL files for kv_discover and the commands below: a file, or a directory
+ * whose *.bsd and *.bsdl files are found by IDCODE. Files added first win;
+ * after them come the directories of the search path (kv_bsdl_path). A
+ * file named here is "given": kv_drive and kv_connect may drive its
+ * device's pins (else only with KV_I_KNOW_THE_BOARD). */
 int kv_add_bsdl(kv_device* device, const char* path);
+/* The search path for BSDL files by IDCODE, "DIR:DIR..." ("" none), as
+ * kelvorn-chain --bsdl-path. NULL, and without a call: the default, the
+ * share directory beside the program (<exe>/../share/kelvorn/bsdl) then
+ * $XDG_DATA_HOME/kelvorn/bsdl (or ~/.local/share/kelvorn/bsdl), as the
+ * environment is when the chain is discovered. */
+int kv_bsdl_path(kv_device* device, const char* dirs);
 /* The instruction register length (2 to 999) of the device at a position
  * (below 64, the most devices discovery reads), where the chain's IR
  * capture does not tell it. */
@@ -151,6 +167,49 @@ int kv_shift_dr(kv_device* device, unsigned position, uint32_t nbits, const uint
  * order (as kelvorn-chain --json prints it), valid until this thread's next
  * call on the handle. */
 int kv_sample(kv_device* device, unsigned position, const char** json);
+
+/* The commands below name a device as kelvorn-chain does: its position
+ * ("0", "2") or the entity name of its BSDL file ("KV_FPGA6", any case).
+ * A name no device has, or one on the chain twice: KV_E_ARGUMENT. Each
+ * answer is kelvorn-chain --json's document for the same command, valid as
+ * kv_sample's. */
+
+/* kv_sample of the device named. */
+int kv_sample_device(kv_device* device, const char* name, const char** json);
+
+/* The device's USERCODE register: *json receives
+ * {"device":1,"usercode":"0x12345678"}. KV_E_BSDL when its BSDL file has
+ * no USERCODE instruction. */
+int kv_usercode(kv_device* device, const char* name, const char** json);
+
+/* Drives pins of the device named under EXTEST: port_levels holds n words
+ * "PORT=0", "PORT=1" or "PORT=z" (released; a port may be "NAME(i)").
+ * Every output not named is released, but for two-state outputs, which are
+ * driven at the level their maker declares safe and listed so. Refused
+ * (KV_E_DRIVE_REFUSED, before any pin moves) when the register cannot
+ * drive exactly that: a port with no output cell, ports that share a
+ * control cell not named alike, a device whose BSDL file was not given to
+ * kv_add_bsdl (unless KV_I_KNOW_THE_BOARD). *json receives
+ * {"device":0,"driving":{"led":1,...},"two_state_at_safe_level":[...],
+ * "hold_s":S}.
+ * hold_s 0 to 86400: the pins are held that long, then every device goes
+ * back to its function (Test-Logic-Reset) before the call returns; a
+ * kv_close from another thread ends the hold (KV_E_CLOSED). hold_s < 0
+ * ("hold_s":null): the call returns with the pins driven; they stay so
+ * until kv_release, kv_close, or the next call on the handle that moves
+ * the chain, each of which resets it first. */
+int kv_drive(kv_device* device, const char* name, const char* const* port_levels, size_t n, double hold_s,
+             const char** json);
+/* Ends a drive (Test-Logic-Reset); nothing when none holds. */
+int kv_release(kv_device* device);
+
+/* Tests a net: "DEV.PORT" from drives its port low, then high (EXTEST),
+ * while "DEV.PORT" to's input cell captures each level; the chain is left
+ * in Test-Logic-Reset. *json receives {"from":"0.led","to":"1.SW(1)",
+ * "result":"connected"} (or "stuck-0", "stuck-1", "inverted"), also with
+ * KV_E_NOT_CONNECTED, the status when the result is not "connected". The
+ * driving device is allowed as for kv_drive. */
+int kv_connect(kv_device* device, const char* from, const char* to, const char** json);
 
 /* ---- players ---- */
 

@@ -1,0 +1,148 @@
+// The chain commands (jtag/Commands.h) on a simulated chain of two BSDL
+// devices driven straight through the JTAG layer: the boundary register is
+// loaded before EXTEST takes the pins, the release gives them up, refusals
+// move nothing, devices are found by position or entity name, a net is
+// told connected or stuck, USERCODE read.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "ChainIntf.h"
+#include "TestSupport.h"
+#include "jtag/Commands.h"
+
+namespace {
+
+const std::string kData = std::string(KELVORN_SOURCE_DIR) + "/tests/data/bsdl/";
+
+std::shared_ptr<const jtag::bsdl::Device> readData(const char* name) {
+    auto d = std::make_shared<jtag::bsdl::Device>();
+    jtag::bsdl::Error e;
+    EXPECT_TRUE(jtag::bsdl::readFile(kData + name, d.get(), &e)) << e.text();
+    return d;
+}
+
+// The pins of device 0 as they are on the first TCK edge that finds its
+// EXTEST in force: what the pins see the moment EXTEST takes them.
+struct WatchIntf : ChainIntf {
+    using ChainIntf::ChainIntf;
+    void tckIs(bool v) override {
+        ChainIntf::tckIs(v);
+        if (!extestSeen && chain->instruction(0) == extest) {
+            extestSeen = true;
+            for (const char* port : {"led", "d(2)", "d(3)"}) {
+                bool level;
+                atExtest += std::string(port) + "=" +
+                            (chain->boundary(0)->drives(port, &level) ? (level ? "1 " : "0 ") : "z ");
+            }
+        }
+    }
+    uint32_t extest = 0;
+    bool extestSeen = false;
+    std::string atExtest;
+};
+
+struct OnChain {
+    explicit OnChain(bool giveCpld = true) : chain(devices()) {
+        chain.netsAre({{{0, "led"}, {1, "SW(1)"}}});
+        chain.pinsAre({{{1, "SW(2)"}, false}});
+        jtag::BsdlCatalogue catalogue;
+        catalogue.add(cpld);
+        catalogue.add(fpga);
+        d = jtag::discover(tap, catalogue, {});
+        if (giveCpld) given.insert(cpld.get());
+        intf->extest = static_cast<uint32_t>(jtag::bsdlOpcode(*cpld, {"EXTEST"}).value(0, cpld->irLength));
+    }
+    std::vector<sim::DeviceDesc> devices() {
+        return {{0, 0, {}, {cpld, 0xcafe0001}}, {0, 0, {}, {fpga, 0x12345678}}};
+    }
+    std::string driven(unsigned position, const char* port) const {
+        bool level;
+        return chain.boundary(position)->drives(port, &level) ? (level ? "1" : "0") : "z";
+    }
+
+    FakeBoard board;
+    std::shared_ptr<const jtag::bsdl::Device> cpld = readData("kv_cpld64.bsd"), fpga = readData("KV_FPGA6.BSD");
+    sim::JtagChain chain;
+    WatchIntf* intf = new WatchIntf("0_1_0_jtag", &chain);
+    jtag::Tap tap{intf};
+    jtag::Discovery d;
+    std::set<const void*> given;
+};
+
+TEST(ChainCommands, ADriveLoadsTheRegisterBeforeExtestTakesThePinsAndTheReleaseGivesThemUp) {
+    OnChain c;
+    ASSERT_EQ(c.d.devices.size(), 2u);
+    jtag::ChainCommands commands(c.tap, c.d, c.given, false);
+    unsigned p = 99;
+    ASSERT_TRUE(commands.resolve("KV_CPLD64", &p).ok());
+    ASSERT_EQ(p, 0u);
+    jtag::DrivePlan plan = commands.planDrive(p, {"led=1", "d(2)=0", "D(3)=1", "d(1)=z"});
+    ASSERT_TRUE(plan.ok()) << plan.error;
+    jtag::DriveResult r = commands.applyDrive(plan);
+    // PRELOAD first: the pins go straight to the levels asked, never through the capture's.
+    EXPECT_EQ(c.intf->atExtest, "led=1 d(2)=0 d(3)=1 ");
+    EXPECT_EQ(c.driven(0, "led") + c.driven(0, "d(0)") + c.driven(0, "d(2)") + c.driven(0, "d(3)"), "1z01");
+    EXPECT_TRUE(c.chain.pinLevel(1, "SW(1)"));  // the net carries led
+    EXPECT_EQ(jtag::driveJson(r, 0.5),
+              R"J({"device":0,"driving":{"led":1,"d(2)":0,"d(3)":1},"two_state_at_safe_level":[],"hold_s":0.5})J");
+    commands.release();
+    EXPECT_EQ(c.chain.state(), jtag::TapState::TestLogicReset);
+    EXPECT_EQ(c.driven(0, "led") + c.driven(0, "d(2)") + c.driven(0, "d(3)"), "zzz");
+}
+
+TEST(ChainCommands, RefusalsMoveNothingAndSayWhy) {
+    OnChain c;
+    jtag::ChainCommands commands(c.tap, c.d, c.given, false);
+    uint64_t before = c.chain.tckCycles();
+    auto refusal = [&](unsigned p, std::vector<std::string> words) {
+        jtag::DrivePlan plan = commands.planDrive(p, words);
+        return std::to_string(plan.status) + " " + plan.error;
+    };
+    EXPECT_EQ(refusal(1, {"OUT0=1"}),
+              "6 drive refused: device 1's BSDL file was found, not given: EXTEST drives its pins and may fight the "
+              "board's own drivers; give it with --bsdl 1=FILE, or --i-know-the-board");
+    EXPECT_EQ(refusal(0, {"led=2"}), "2 led=2: wants PORT=0, PORT=1 or PORT=z");
+    EXPECT_EQ(refusal(0, {"clk=1"}), "6 drive: clk has no output cell");
+    jtag::ConnectResult net = commands.connect("1.BUS", "0.d(0)");
+    EXPECT_EQ(std::to_string(net.status) + " " + net.error + net.result,
+              "6 connect refused: device 1's BSDL file was found, not given: EXTEST drives its pins and may fight the "
+              "board's own drivers; give it with --bsdl 1=FILE, or --i-know-the-board");
+    unsigned p;
+    EXPECT_EQ(commands.resolve("7", &p).error, "no device at position 7 (the chain has 2)");
+    EXPECT_EQ(commands.resolve("STM32", &p).error, "no device on the chain is STM32");
+    EXPECT_EQ(commands.resolve("7", &p).status, jtag::kChainUsage);
+    EXPECT_EQ(c.chain.tckCycles(), before);
+    // The library's own words for how to give a file.
+    jtag::CommandHints hints;
+    hints.give = "kv_add_bsdl";
+    jtag::ChainCommands library(c.tap, c.d, c.given, false, hints);
+    EXPECT_EQ(library.planDrive(1, {"OUT0=1"}).error,
+              "drive refused: device 1's BSDL file was found, not given: EXTEST drives its pins and may fight the "
+              "board's own drivers; give it with kv_add_bsdl");
+    // Told it knows the board, any device.
+    jtag::ChainCommands known(c.tap, c.d, {}, true);
+    EXPECT_TRUE(known.planDrive(1, {"OUT0=1"}).ok());
+}
+
+TEST(ChainCommands, ConnectTellsANetFromAStuckPinAndUsercodeReadsTheRegister) {
+    OnChain c;
+    jtag::ChainCommands commands(c.tap, c.d, c.given, false);
+    jtag::ConnectResult net = commands.connect("kv_cpld64.led", "1.SW(1)");
+    EXPECT_EQ(jtag::connectJson(net), R"J({"from":"0.led","to":"1.SW(1)","result":"connected"})J");
+    EXPECT_EQ(net.status, jtag::kChainOk);
+    EXPECT_EQ(c.chain.state(), jtag::TapState::TestLogicReset);
+    EXPECT_EQ(c.driven(0, "led"), "z");
+    net = commands.connect("0.led", "1.SW(2)");  // held low on the board
+    EXPECT_EQ(net.result + " " + std::to_string(net.status), "stuck-0 7");
+    net = commands.connect("0.led", "1.SW(3)");  // pulled up
+    EXPECT_EQ(net.result + " " + std::to_string(net.status), "stuck-1 7");
+    EXPECT_EQ(jtag::usercodeJson(commands.usercode(1)), R"J({"device":1,"usercode":"0x12345678"})J");
+    EXPECT_EQ(commands.usercode(0).usercode, 0xcafe0001u);
+    jtag::SampleResult s = commands.sample(1);
+    ASSERT_TRUE(s.ok()) << s.error;
+    EXPECT_EQ(jtag::sampleJson(s).substr(0, 49), R"J({"device":1,"pins":{"SW(0)":1,"SW(1)":1,"SW(2)":0)J");
+}
+
+}  // namespace
