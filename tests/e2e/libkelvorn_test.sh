@@ -194,4 +194,27 @@ status=$?
 [ $status = 0 ] || cat "$E2E_DIR/pytest.log"
 expect_eq "$status|$(tail -n1 "$E2E_DIR/pytest.log" | sed -E 's/ in [0-9.]+s//')" "0|15 passed" "pytest against the staged install"
 
+# SIGQUIT and SIGTERM during a play from the library (Python, the staged
+# package): the pins are given back before the process ends by the signal,
+# so the waveform ends with TCK, TMS and TDI undriven.
+for sig in QUIT TERM; do
+  rm -f "$E2E_DIR/playing" "$E2E_DIR/lib.vcd"
+  env --default-signal=INT,QUIT "${run_env[@]}" "${pyenv[@]}" "$py" -c '
+import sys, kelvorn
+with kelvorn.open("rotanMotub", "0000:03:00.0", sim="--vcd " + sys.argv[1]) as dev:
+    def progress(done, total, bits):
+        open(sys.argv[2], "w").close()
+        return False
+    dev.play_bytes(b"RUNTEST 4000000000 TCK;", progress=progress)
+' "$E2E_DIR/lib.vcd" "$E2E_DIR/playing" >"$E2E_DIR/libplay.out" 2>&1 &
+  pid=$!
+  for ((i = 0; i < 100; i++)); do [ -e "$E2E_DIR/playing" ] && break; sleep 0.1; done
+  kill -$sig $pid
+  wait $pid
+  status=$?
+  expect_eq "$status|$([ -e "$E2E_DIR/playing" ] && echo playing)" "$((128 + $(kill -l $sig)))|playing" "SIG$sig during a library play: ended by it"
+  expect_eq "$(for v in C M I; do grep -E "^[01z]$v\$" "$E2E_DIR/lib.vcd" | tail -n 1; done | paste -sd' ')" "zC zM zI" \
+    "SIG$sig during a library play: TCK, TMS and TDI released last"
+done
+
 e2e_done
