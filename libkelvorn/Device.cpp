@@ -511,6 +511,13 @@ int onHandle(const kv_device* device, Body body, After after) {
     return status;
 }
 
+// The after-part of a call that hands out its JSON document.
+auto handsOut(const char** json) {
+    return [json](Slot& s) {
+        if (json) *json = s.answer.c_str();
+    };
+}
+
 template <typename Body>
 int onHandle(const kv_device* device, Body body) {
     return onHandle(device, body, [](Slot&) {});
@@ -671,9 +678,7 @@ int kv_discover(kv_device* device, const char** json) {
             r.hasAnswer = true;
             return r.ok();
         },
-        [&](Slot& s) {
-            if (json) *json = s.answer.c_str();
-        });
+        handsOut(json));
 }
 
 int kv_shift_ir(kv_device* device, unsigned position, uint32_t nbits, const uint8_t* in, uint8_t* out) {
@@ -717,9 +722,7 @@ int kv_sample(kv_device* device, unsigned position, const char** json) {
             if (int status = discovered(d, r, position)) return status;
             return sampleAt(d, r, position);
         },
-        [&](Slot& s) {
-            if (json) *json = s.answer.c_str();
-        });
+        handsOut(json));
 }
 
 int kv_sample_device(kv_device* device, const char* name, const char** json) {
@@ -730,9 +733,7 @@ int kv_sample_device(kv_device* device, const char* name, const char** json) {
             if (int status = resolved(d, r, name, &position)) return status;
             return sampleAt(d, r, position);
         },
-        [&](Slot& s) {
-            if (json) *json = s.answer.c_str();
-        });
+        handsOut(json));
 }
 
 int kv_usercode(kv_device* device, const char* name, const char** json) {
@@ -747,9 +748,7 @@ int kv_usercode(kv_device* device, const char* name, const char** json) {
             r.hasAnswer = true;
             return r.ok();
         },
-        [&](Slot& s) {
-            if (json) *json = s.answer.c_str();
-        });
+        handsOut(json));
 }
 
 int kv_drive(kv_device* device, const char* name, const char* const* port_levels, size_t n, double hold_s,
@@ -786,9 +785,7 @@ int kv_drive(kv_device* device, const char* name, const char* const* port_levels
             }
             return r.ok();
         },
-        [&](Slot& s) {
-            if (json) *json = s.answer.c_str();
-        });
+        handsOut(json));
 }
 
 int kv_release(kv_device* device) {
@@ -813,9 +810,7 @@ int kv_connect(kv_device* device, const char* from, const char* to, const char**
             r.hasAnswer = true;
             return c.ok() ? r.ok() : failed(r, jtag::CommandResult{c.status, c.from + " -> " + c.to + ": " + c.result});
         },
-        [&](Slot& s) {
-            if (json) *json = s.answer.c_str();
-        });
+        handsOut(json));
 }
 
 int kv_play(kv_device* device, const char* path, int format, kv_progress_fn progress, void* user,
