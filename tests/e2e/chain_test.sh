@@ -32,12 +32,8 @@ while read -r what board fpga address; do
 1: IDCODE 0x0a5c7043, IR 6 bits (detected), Lattice Semi., version 0
 2: IDCODE 0x4ba00477, IR 4 bits (detected), ARM Ltd., version 4
 3 devices, IR 18 bits in all" "$what: without BSDL files, the IR lengths detected"
-  # A pin set on the board read back, a wired net, the pins a drive left.
-  e2e_run kelvorn-sim "${board[@]}" --pin '1.SW(2)=0' chain --json --bsdl-path "$bsdl" "$fpga" "$address" sample 1
-  expect_eq "$E2E_STATUS|$E2E_OUT" '0|{"device":1,"pins":{"SW(0)":1,"SW(1)":1,"SW(2)":0,"SW(3)":1,"BUS":1},"package":"FG256","package_pins":{"SW(0)":["A1"],"SW(1)":["A2"],"SW(2)":["A3"],"SW(3)":["A4"],"BUS":["B2"]}}' "$what: sample"
-  e2e_run kelvorn-sim "${board[@]}" --net '0.led=1.SW(1)' chain --i-know-the-board --bsdl-path "$bsdl" "$fpga" "$address" \
-    connect 0.led '1.SW(1)'
-  expect_eq "$E2E_STATUS|$E2E_OUT" "0|0.led -> 1.SW(1): connected" "$what: connect over a wired net"
+  # The pins a drive left (sample and connect read the chain as discovery
+  # does, whichever backend moves the pins: checked below on one).
   e2e_run kelvorn-sim "${board[@]}" --dump-pins "$d/pins" chain --i-know-the-board --bsdl-path "$bsdl" --hold 0 \
     "$fpga" "$address" drive 1 OUT0=0
   expect_eq "$E2E_STATUS|$(cat "$d/pins")" "0|1.OUT0 0" "$what: drive"

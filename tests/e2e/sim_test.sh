@@ -4,10 +4,6 @@
 # kelvorn-vectors' refusals.
 source "$(dirname "$0")/lib.sh" "$1"
 
-usage='USAGE:  kelvorn <fpga> <pci address> { tck | tms | tdi | tdo } [ 0 | 1 ]
-sets the tck,tms,tdi jtag pin, reads tdo, returns value
-EXAMPLE:  kelvorn fodak 0000:00:14.0 tck 1'
-
 # The tool's own refusals, on the board's processor and platform. First
 # processors the SoC backend does not support: a Kabini-generation model,
 # a family 0x17 model, an Intel processor (base family and model count).
@@ -17,12 +13,7 @@ for c in 0x16:0x20/22/32 23:49/23/49 6:0x55/6/5; do
 Unsupported family $family model $model" "" "processor $cpu" \
     kelvorn-sim --platform gozip --cpu "$cpu" -- fodak 0000:00:14.0 tdo
 done
-expect_run 255 "Kelvorn
-not understood: TCK
-$usage" "" "command in capitals" kelvorn-sim --platform mosavo -- fodak 0000:00:14.0 TCK 1
-expect_run 251 "Kelvorn
-missing argument
-$usage" "" "set command without a value" kelvorn-sim --platform gozip -- fodak 0000:00:14.0 tms
+# Its usage refusals, each with its status, output and calls: tool_test.
 expect_run 253 "Kelvorn
 CHECKING FPGA dubakScd
 internal error setting up interfaces" "" "a SoC device on a board without a platform word" \

@@ -135,3 +135,12 @@ MemoryReader::MemoryReader(const std::string& file, bool xsvf, size_t maxBits)
 }
 
 MemoryReader::~MemoryReader() { std::fclose(file_); }
+
+const std::string kBsdlData = std::string(KELVORN_SOURCE_DIR) + "/tests/data/bsdl/";
+
+jtag::bsdl::Device bsdlData(const char* name) {
+    jtag::bsdl::Device d;
+    jtag::bsdl::Error e;
+    EXPECT_TRUE(jtag::bsdl::readFile(kBsdlData + name, &d, &e)) << e.text();
+    return d;
+}

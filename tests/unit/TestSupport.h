@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "ham/FakeHam.h"
+#include "jtag/Bsdl.h"
 #include "jtag/Svf.h"
 #include "os/Os.h"
 
@@ -102,6 +103,10 @@ inline std::string le(uint32_t v) {
 
 // The bytes of a binary file (XSVF) written as numbers.
 inline std::string bytes(std::initializer_list<int> b) { return std::string(b.begin(), b.end()); }
+
+// The project's BSDL files (tests/data/bsdl): the directory, and one read (a fault fails the test).
+extern const std::string kBsdlData;
+jtag::bsdl::Device bsdlData(const char* name);
 
 // A reader of SVF text or XSVF bytes held in memory.
 // Reads file in place: file must outlive the reader.

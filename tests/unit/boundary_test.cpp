@@ -3,6 +3,7 @@
 // the register would drive a port nobody named or drive one asked released.
 #include <gtest/gtest.h>
 
+#include "TestSupport.h"
 #include "jtag/Boundary.h"
 
 namespace {
@@ -11,15 +12,6 @@ using jtag::BitVector;
 using jtag::boundary::PortDrive;
 using jtag::boundary::Request;
 using jtag::bsdl::Device;
-
-const std::string kData = std::string(KELVORN_SOURCE_DIR) + "/tests/data/bsdl/";
-
-Device readData(const char* name) {
-    Device d;
-    jtag::bsdl::Error e;
-    EXPECT_TRUE(jtag::bsdl::readFile(kData + name, &d, &e)) << e.text();
-    return d;
-}
 
 // Cell 0 first.
 std::string bits(const BitVector& v) {
@@ -46,13 +38,13 @@ std::string planned(const Device& d, const std::vector<Request>& r) {
 // over d(0) (5) and d(1) (6); control 7 over d(2) (8) and d(3) (9); every
 // control cell disables at 1.
 TEST(Boundary, ReleasedRegisterDisablesEveryControlledOutput) {
-    Device d = readData("kv_cpld64.bsd");
+    Device d = bsdlData("kv_cpld64.bsd");
     EXPECT_EQ(bits(jtag::boundary::releasedVector(d)), "001010010000");
     EXPECT_EQ(levels(jtag::boundary::drivenBy(d, jtag::boundary::releasedVector(d))), "led=z d(0)=z d(1)=z d(2)=z d(3)=z");
 }
 
 TEST(Boundary, DrivesTheNamedPortsAtTheirLevelsAndReleasesTheRest) {
-    Device d = readData("kv_cpld64.bsd");
+    Device d = bsdlData("kv_cpld64.bsd");
     BitVector v;
     std::string error;
     ASSERT_TRUE(jtag::boundary::plan(d, {{"LED", '1'}, {"d(2)", '0'}, {"D(3)", '1'}, {"d(1)", 'z'}}, &v, &error)) << error;
@@ -65,7 +57,7 @@ TEST(Boundary, DrivesTheNamedPortsAtTheirLevelsAndReleasesTheRest) {
 }
 
 TEST(Boundary, RefusesWhatWouldDriveAPortNotNamedOrOneAskedReleased) {
-    Device d = readData("kv_cpld64.bsd");
+    Device d = bsdlData("kv_cpld64.bsd");
     struct Case {
         std::vector<Request> asked;
         const char* refused;
@@ -86,7 +78,7 @@ TEST(Boundary, RefusesWhatWouldDriveAPortNotNamedOrOneAskedReleased) {
 // KV_FPGA6: OUT0 (cell 4) a two-state output, safe 0; BUS (6) under control
 // cell 5, which disables at 0.
 TEST(Boundary, ATwoStateOutputIsDrivenAtItsSafeLevelAndSaidSo) {
-    Device d = readData("KV_FPGA6.BSD");
+    Device d = bsdlData("KV_FPGA6.BSD");
     BitVector v;
     std::string error;
     ASSERT_TRUE(jtag::boundary::plan(d, {{"BUS", '1'}}, &v, &error)) << error;

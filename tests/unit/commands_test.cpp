@@ -14,13 +14,8 @@
 
 namespace {
 
-const std::string kData = std::string(KELVORN_SOURCE_DIR) + "/tests/data/bsdl/";
-
 std::shared_ptr<const jtag::bsdl::Device> readData(const char* name) {
-    auto d = std::make_shared<jtag::bsdl::Device>();
-    jtag::bsdl::Error e;
-    EXPECT_TRUE(jtag::bsdl::readFile(kData + name, d.get(), &e)) << e.text();
-    return d;
+    return std::make_shared<const jtag::bsdl::Device>(bsdlData(name));
 }
 
 // The pins of device 0 as they are on the first TCK edge that finds its
@@ -126,23 +121,15 @@ TEST(ChainCommands, RefusalsMoveNothingAndSayWhy) {
     EXPECT_TRUE(known.planDrive(1, {"OUT0=1"}).ok());
 }
 
-TEST(ChainCommands, ConnectTellsANetFromAStuckPinAndUsercodeReadsTheRegister) {
+// The results of connect, USERCODE and sample, as text and JSON, are
+// kelvorn-chain's in chain_test.sh; here what a connect leaves on the chain.
+TEST(ChainCommands, AConnectReleasesThePinsItDrove) {
     OnChain c;
     jtag::ChainCommands commands(c.tap, c.d, c.given, false);
     jtag::ConnectResult net = commands.connect("kv_cpld64.led", "1.SW(1)");
-    EXPECT_EQ(jtag::connectJson(net), R"J({"from":"0.led","to":"1.SW(1)","result":"connected"})J");
-    EXPECT_EQ(net.status, jtag::kChainOk);
+    EXPECT_EQ(net.result + " " + std::to_string(net.status), "connected 0");
     EXPECT_EQ(c.chain.state(), jtag::TapState::TestLogicReset);
     EXPECT_EQ(c.driven(0, "led"), "z");
-    net = commands.connect("0.led", "1.SW(2)");  // held low on the board
-    EXPECT_EQ(net.result + " " + std::to_string(net.status), "stuck-0 7");
-    net = commands.connect("0.led", "1.SW(3)");  // pulled up
-    EXPECT_EQ(net.result + " " + std::to_string(net.status), "stuck-1 7");
-    EXPECT_EQ(jtag::usercodeJson(commands.usercode(1)), R"J({"device":1,"usercode":"0x12345678"})J");
-    EXPECT_EQ(commands.usercode(0).usercode, 0xcafe0001u);
-    jtag::SampleResult s = commands.sample(1);
-    ASSERT_TRUE(s.ok()) << s.error;
-    EXPECT_EQ(jtag::sampleJson(s).substr(0, 49), R"J({"device":1,"pins":{"SW(0)":1,"SW(1)":1,"SW(2)":0)J");
 }
 
 }  // namespace
