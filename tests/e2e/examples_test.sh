@@ -12,8 +12,13 @@ src=$(cd "$(dirname "$0")/../.." && pwd)
 # What the examples read besides the files they make: the BSDL files the
 # package installs under /usr/share/kelvorn/bsdl, here from the tree; random
 # bytes for images (the namespace's /dev is the test's own directory).
-export KELVORN_SHARE=$src/tests/data
-export PATH=$E2E_BUILD/bin:$PATH
+# Each run has a /tmp of its own, where the tree may lie: the programs and
+# the files go where the runs see them.
+mkdir -p "$E2E_DIR/bin" "$E2E_DIR/share"
+cp "$E2E_BUILD"/bin/kelvorn* "$E2E_DIR/bin/"
+cp -r "$src/tests/data/bsdl" "$E2E_DIR/share/"
+export KELVORN_SHARE=$E2E_DIR/share
+export PATH=$E2E_DIR/bin:$PATH
 head -c 1048576 /dev/urandom >"$E2E_DIR/dev/urandom"
 
 # The blocks of a document, each as "@@ block <name>" then its lines; a

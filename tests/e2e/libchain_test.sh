@@ -13,7 +13,12 @@ cp "$(dirname "$0")"/../data/bsdl/*.bsd "$(dirname "$0")"/../data/bsdl/*.BSD "$b
 chain="bsdl=$bsdl/kv_cpld64.bsd:usercode=0xcafe0001,bsdl=$bsdl/KV_FPGA6.BSD:usercode=0x12345678,bsdl=$bsdl/kv_dap4.bsd"
 board=(--cpu 0x16:0x30 --chain "$chain" --net '0.led=1.SW(1)' --net '1.BUS=0.d(0)' --pin '1.SW(2)=0')
 dev=(rotanMotub 0000:03:00.0)
-lib() { e2e_run kelvorn_chain_json "${board[*]}" "${dev[@]}" "$@"; }
+# Each run has a /tmp of its own, where the build may lie: the program and
+# its library are copied where the runs see them.
+mkdir -p "$E2E_DIR/bin" "$E2E_DIR/lib"
+cp "$E2E_BUILD/bin/kelvorn_chain_json" "$E2E_DIR/bin/"
+cp -P "$E2E_BUILD"/lib/libkelvorn-sim.so* "$E2E_DIR/lib/"
+lib() { e2e_run /usr/bin/env LD_LIBRARY_PATH="$E2E_DIR/lib" "$E2E_DIR/bin/kelvorn_chain_json" "${board[*]}" "${dev[@]}" "$@"; }
 
 # kelvorn-chain's answer and the library's to each command, line for line.
 commands=(
@@ -72,15 +77,15 @@ status bsdl: device 2 (KV_DAP4) has no boundary register" "refusals: statuses an
 
 # The default path: $XDG_DATA_HOME/kelvorn/bsdl, without kv_bsdl_path.
 cp -r "$bsdl" "$E2E_DIR/xdg/kelvorn/"
-e2e_run /usr/bin/env XDG_DATA_HOME="$E2E_DIR/xdg" "$E2E_BUILD/bin/kelvorn_chain_json" "${board[*]}" "${dev[@]}" - - "usercode KV_FPGA6"
+e2e_run /usr/bin/env LD_LIBRARY_PATH="$E2E_DIR/lib" XDG_DATA_HOME="$E2E_DIR/xdg" "$E2E_DIR/bin/kelvorn_chain_json" "${board[*]}" "${dev[@]}" - - "usercode KV_FPGA6"
 expect_eq "$E2E_OUT" '{"device":1,"usercode":"0x12345678"}' "the default BSDL path: \$XDG_DATA_HOME/kelvorn/bsdl"
-e2e_run /usr/bin/env XDG_DATA_HOME="$E2E_DIR/xdg" "$E2E_BUILD/bin/kelvorn_chain_json" "${board[*]}" "${dev[@]}" - "" "usercode KV_FPGA6"
+e2e_run /usr/bin/env LD_LIBRARY_PATH="$E2E_DIR/lib" XDG_DATA_HOME="$E2E_DIR/xdg" "$E2E_DIR/bin/kelvorn_chain_json" "${board[*]}" "${dev[@]}" - "" "usercode KV_FPGA6"
 expect_eq "$E2E_OUT" "status argument: no device on the chain is KV_FPGA6" "kv_bsdl_path \"\": no directories"
 
 # A drive held until kv_release: the pins stay driven after the call, and
 # nothing more is driven once it is released (--dump-pins: what the boundary
 # registers drove, written at the end).
-e2e_run kelvorn_chain_json "${board[*]} --dump-pins $d/pins" "${dev[@]}" know "$bsdl" "hold 1 OUT0=1" "release" "release"
+e2e_run /usr/bin/env LD_LIBRARY_PATH="$E2E_DIR/lib" "$E2E_DIR/bin/kelvorn_chain_json" "${board[*]} --dump-pins $d/pins" "${dev[@]}" know "$bsdl" "hold 1 OUT0=1" "release" "release"
 expect_eq "$E2E_STATUS|$E2E_OUT|$(cat "$d/pins")" '0|{"device":1,"driving":{"OUT0":1},"two_state_at_safe_level":[],"hold_s":null}
 ok
 ok|1.OUT0 1' "a drive held until kv_release: the pin driven"
