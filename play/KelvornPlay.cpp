@@ -21,8 +21,6 @@ namespace {
 // The progress line is redrawn at most this often, and is this wide.
 constexpr uint64_t kRefreshNs = 100000000;
 constexpr int kBarWidth = 24;
-// Why a file that changed since it was checked is not played.
-constexpr const char* kChanged = "changed since it was checked (size or modification time); nothing played";
 // Mismatch lines (with --ignore-tdo) and overrun warnings shown at most; the summary counts the rest.
 constexpr uint64_t kMaxLines = 10;
 
