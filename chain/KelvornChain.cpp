@@ -40,6 +40,8 @@ struct Options {
     unsigned maxDevices = kDefaultMaxDevices;
     double frequency = 0;
     double hold = -1;  // seconds; < 0: until a signal
+    jtag::TestRequest test;  // the test command's parts, packages, pulls and power nets
+    std::string junit;       // test: the JUnit XML file
 };
 
 using jtag::defaultBsdlPath;
@@ -51,7 +53,8 @@ void describeOptions(CLI::App& app, Options* o) {
     app.add_option("fpga", o->fpga, "the device name");
     app.add_option("address", o->address, "the PCI address, dddd:bb:dd.f");
     app.add_option("command", o->words,
-                   "sample DEV | watch DEV | drive DEV PORT=0|1|z... | connect DEV.PORT DEV.PORT | usercode DEV "
+                   "sample DEV | watch DEV | drive DEV PORT=0|1|z... | connect DEV.PORT DEV.PORT | usercode DEV | "
+                   "test NETLIST "
                    "(DEV: a position or a BSDL entity name); none: discover the chain");
     app.add_flag("--json", o->json, "every command's answer, or its failure, as JSON");
     app.add_flag("--list-devices", o->listDevices,
@@ -76,8 +79,22 @@ void describeOptions(CLI::App& app, Options* o) {
     app.add_option("--hold", o->hold, "drive: seconds to hold the pins (default: until Ctrl-C)")
         ->type_name("S")
         ->check(CLI::Range(0.0, 86400.0));
+    app.add_option("--part", o->test.parts, "test: the netlist's component REF is the chain device DEV (repeatable)")
+        ->type_name("REF=DEV")
+        ->allow_extra_args(false);
+    app.add_option("--package", o->test.packages, "test: the package of the device at POS, instead of its file's default")
+        ->type_name("POS=NAME")
+        ->allow_extra_args(false);
+    app.add_option("--pull", o->test.pulls, "test: NET has a pull-up or pull-down the netlist does not show")
+        ->type_name("NET=up|down")
+        ->allow_extra_args(false);
+    app.add_option("--power", o->test.power, "test: NET is a power net, never driven")
+        ->type_name("NET")
+        ->allow_extra_args(false);
+    app.add_option("--junit", o->junit, "test: write the result as JUnit XML to FILE, one testcase per net")
+        ->type_name("FILE");
     app.add_flag("--i-know-the-board", o->iKnowTheBoard,
-                 "allow drive and connect on a device whose BSDL file was found, not given with --bsdl");
+                 "allow drive, connect and test on a device whose BSDL file was found, not given with --bsdl");
     app.add_flag("--test-mode", o->testMode, "the lock file (and register files) of test mode, under /tmp");
 }
 
@@ -87,7 +104,8 @@ const char* kDescription =
     "from, manufacturer, part and version), then the count and total IR length.\n"
     "Statuses: 0 done; 1 the interface refused (lock held, unknown device); 2 usage; 3 no backend\n"
     "serves the name on this board; 4 a dead or inconsistent chain; 5 a BSDL file cannot be read or\n"
-    "none describes the device; 6 a drive refused; 7 connect: the net is not connected.\n\n"
+    "none describes the device; 6 a drive refused; 7 connect: the net is not connected; 8 test: a\n"
+    "fault found; 9 test: the netlist cannot be read or does not fit the chain.\n\n"
     "  kelvorn-chain [options] <fpga> <pci address> [command]\n"
     "  kelvorn-chain --list-devices [--json]\n";
 
@@ -151,6 +169,14 @@ class SignalsHeld {
         sigprocmask(SIG_BLOCK, &set_, &old_);
     }
     ~SignalsHeld() { sigprocmask(SIG_SETMASK, &old_, nullptr); }
+    // Whether an ending signal waits to be taken.
+    bool pending() const {
+        sigset_t now;
+        sigpending(&now);
+        for (int s : Os::kEndingSignals)
+            if (sigismember(&now, s)) return true;
+        return false;
+    }
     // Waits ns (< 0: for ever); true when a signal ended the wait (it is then taken).
     bool wait(long long ns) {
         if (ns < 0) {
@@ -183,6 +209,7 @@ class Program {
             return command == "usercode" ? usercode(o_.words[1]) : sample(o_.words[1], command == "watch");
         if (command == "drive" && args >= 2) return drive();
         if (command == "connect" && args == 2) return connect(o_.words[1], o_.words[2]);
+        if (command == "test" && args == 1) return test(o_.words[1]);
         return fail(kChainUsage, "not understood: " + command + " with " + std::to_string(args) +
                                      " argument" + (args == 1 ? "" : "s") + " (see --help)");
     }
@@ -290,6 +317,29 @@ class Program {
             std::printf("%s\n", jtag::connectJson(r).c_str());
         else
             std::printf("%s -> %s: %s\n", r.from.c_str(), r.to.c_str(), r.result.c_str());
+        return r.status;
+    }
+
+    int test(const std::string& netlist) {
+        jtag::TestRequest q = o_.test;
+        q.netlist = netlist;
+        jtag::TestResult r;
+        {
+            SignalsHeld held;  // the parts in EXTEST until it ends; a signal ends it between scans
+            r = chain_.test(q, [&held] { return held.pending(); });
+        }
+        if (r.report.stopped) return kChainOk;  // the signal taken now ends the program
+        if (!r.ok() && r.status != jtag::kChainFaultFound) return failWith(r);
+        if (!o_.junit.empty()) {
+            FILE* f = std::fopen(o_.junit.c_str(), "w");
+            std::string xml = jtag::nettest::junit(r.report, netlist);
+            if (!f || std::fwrite(xml.data(), 1, xml.size(), f) != xml.size() || std::fclose(f) != 0)
+                return fail(jtag::kChainBadNetlist, "cannot write " + o_.junit);
+        }
+        if (o_.json)
+            std::printf("%s\n", jtag::testJson(r).c_str());
+        else
+            std::printf("%s", jtag::nettest::text(r.report).c_str());
         return r.status;
     }
 

@@ -24,6 +24,8 @@ using jtag::kChainDead;          // a dead or inconsistent chain
 using jtag::kChainBadBsdl;       // a BSDL file cannot be read, or none describes what a command needs
 using jtag::kChainDriveRefused;  // a drive refused (no output cell, or not allowed)
 using jtag::kChainNotConnected;  // connect: the net is not connected
+using jtag::kChainFaultFound;    // test: a net failed
+using jtag::kChainBadNetlist;    // test: the netlist cannot be read or does not fit the chain
 static_assert(kChainUsage == device::kUsage && kChainNoBackend == device::kNoBackend,
               "the causes every tool shares have one status in all of them");
 

@@ -263,6 +263,110 @@ ConnectResult ChainCommands::connect(const std::string& fromText, const std::str
     return r;
 }
 
+namespace {
+
+// "LEFT=RIGHT" split at the first '='; false when either side is empty.
+bool pair(const std::string& text, std::string* left, std::string* right) {
+    size_t eq = text.find('=');
+    if (eq == std::string::npos || eq == 0 || eq + 1 == text.size()) return false;
+    *left = text.substr(0, eq);
+    *right = text.substr(eq + 1);
+    return true;
+}
+
+class ChainBoard : public nettest::Board {
+  public:
+    ChainBoard(ChainAccess& access, const nettest::Plan& p, const std::function<bool()>& stop)
+        : access_(access), p_(p), stop_(stop) {}
+    std::vector<BitVector> scan(const std::vector<BitVector>& registers) override {
+        std::map<unsigned, BitVector> regs;
+        for (size_t i = 0; i < registers.size(); ++i) regs[p_.parts[i].position] = registers[i];
+        std::map<unsigned, BitVector> got = access_.data(regs);
+        std::vector<BitVector> out;
+        for (const nettest::Part& part : p_.parts) out.push_back(got[part.position]);
+        return out;
+    }
+    void extest() override {
+        std::map<unsigned, BitVector> ir;
+        for (const nettest::Part& part : p_.parts) ir[part.position] = bsdlOpcode(*part.device, {"EXTEST"});
+        access_.instructions(ir);
+    }
+    bool stop() override { return stop_ && stop_(); }
+
+  private:
+    ChainAccess& access_;
+    const nettest::Plan& p_;
+    const std::function<bool()>& stop_;
+};
+
+}  // namespace
+
+TestResult ChainCommands::test(const TestRequest& q, const std::function<bool()>& stop) {
+    netlist::Netlist n;
+    std::string error;
+    if (!netlist::readFile(q.netlist, &n, &error)) return failed<TestResult>(failure(kChainBadNetlist, error));
+    std::map<unsigned, std::string> packages;
+    for (const std::string& item : q.packages) {
+        std::string pos, name;
+        unsigned p;
+        if (!pair(item, &pos, &name)) return failed<TestResult>(failure(kChainUsage, "--package " + item + ": wants POS=NAME"));
+        CommandResult named = resolve(pos, &p);
+        if (!named.ok()) return failed<TestResult>(named);
+        packages[p] = name;
+    }
+    std::set<std::string> refs;
+    for (const netlist::Net& net : n.nets)
+        for (const netlist::Node& node : net.nodes) refs.insert(node.ref);
+    std::vector<nettest::Part> parts;
+    std::set<unsigned> taken;
+    for (const std::string& item : q.parts) {
+        nettest::Part part;
+        std::string dev;
+        if (!pair(item, &part.ref, &dev)) return failed<TestResult>(failure(kChainUsage, "--part " + item + ": wants REF=DEV"));
+        CommandResult why = resolve(dev, &part.position);
+        if (!why.ok()) return failed<TestResult>(why);
+        if (!taken.insert(part.position).second)
+            return failed<TestResult>(failure(kChainUsage, "--part " + item + ": device " + std::to_string(part.position) + " is already a part"));
+        if (!refs.count(part.ref))
+            return failed<TestResult>(failure(kChainBadNetlist, q.netlist + ": no net touches " + part.ref));
+        part.device = bsdl(part.position, true, &why);
+        if (!part.device) return failed<TestResult>(failure(kChainBadNetlist, "--part " + item + ": " + why.error));
+        if (packages.count(part.position)) part.package = packages[part.position];
+        parts.push_back(part);
+    }
+    if (parts.empty()) return failed<TestResult>(failure(kChainUsage, "test: give the netlist's parts with --part REF=DEV"));
+    nettest::Options options;
+    for (const std::string& item : q.pulls) {
+        std::string net, how;
+        if (!pair(item, &net, &how) || (how != "up" && how != "down"))
+            return failed<TestResult>(failure(kChainUsage, "--pull " + item + ": wants NET=up or NET=down"));
+        options.pulls[net] = how == "up";
+    }
+    options.power.insert(q.power.begin(), q.power.end());
+    nettest::Plan plan;
+    if (!nettest::plan(n, parts, options, &plan, &error)) return failed<TestResult>(failure(kChainBadNetlist, error));
+    for (const nettest::Part& part : parts) {
+        CommandResult allowed = mayDrive(part.position, "test");
+        if (!allowed.ok()) return failed<TestResult>(allowed);
+    }
+
+    // Every part preloaded with the first pattern before EXTEST takes its pins.
+    std::map<unsigned, BitVector> ir;
+    for (const nettest::Part& part : parts) ir[part.position] = bsdlOpcode(*part.device, {"PRELOAD", "SAMPLE"});
+    access_.instructions(ir);
+    ChainBoard board(access_, plan, stop);
+    TestResult r;
+    r.report = nettest::run(plan, board);
+    tap_.reset();
+    if (!r.report.faults.empty() || r.report.failed()) {
+        r.status = kChainFaultFound;
+        r.error = std::to_string(r.report.failed()) + " of " + std::to_string(r.report.nets.size()) + " nets failed";
+    }
+    return r;
+}
+
+std::string testJson(const TestResult& r) { return jsonText(nettest::json(r.report)); }
+
 std::string sampleJson(const SampleResult& r) { return sampleJson(r.position, *r.bsdl, r.levels); }
 
 std::string usercodeJson(const UsercodeResult& r) {

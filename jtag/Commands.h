@@ -11,6 +11,7 @@
 // or when the caller says it knows the board.
 #pragma once
 #include <cstdint>
+#include <functional>
 #include <set>
 #include <string>
 #include <utility>
@@ -21,6 +22,7 @@
 #include "jtag/ChainAccess.h"
 #include "jtag/Discovery.h"
 #include "jtag/Json.h"
+#include "jtag/NetTest.h"
 #include "jtag/Tap.h"
 
 namespace jtag {
@@ -33,6 +35,8 @@ constexpr int kChainDead = 4;          // a dead or inconsistent chain
 constexpr int kChainBadBsdl = 5;       // a BSDL file cannot be read, or none describes what a command needs
 constexpr int kChainDriveRefused = 6;  // a drive refused (no output cell, or not allowed)
 constexpr int kChainNotConnected = 7;  // connect: the net is not connected
+constexpr int kChainFaultFound = 8;    // test: a net failed
+constexpr int kChainBadNetlist = 9;    // test: the netlist cannot be read or does not fit the chain
 
 // The directories searched for BSDL files by IDCODE when none are named:
 // the share directory beside the program (<exe>/../share/kelvorn/bsdl),
@@ -89,6 +93,18 @@ struct ConnectResult : CommandResult {
     std::string result;    // "connected", "stuck-0", "stuck-1", "inverted"; "" when it did not run
 };
 
+// What a board test is asked: the netlist file, which chain device each
+// part is ("REF=DEV"), packages other than the files' defaults
+// ("POS=NAME"), pulls ("NET=up|down") and power nets besides the netlist's.
+struct TestRequest {
+    std::string netlist;
+    std::vector<std::string> parts, packages, pulls, power;
+};
+
+struct TestResult : CommandResult {
+    nettest::Report report;  // status kChainOk: every tested net passed; kChainFaultFound: not
+};
+
 class ChainCommands {
   public:
     // given: the BSDL files the user gave (not found by IDCODE);
@@ -121,6 +137,12 @@ class ChainCommands {
     // in Test-Logic-Reset. Status kChainNotConnected unless "connected".
     ConnectResult connect(const std::string& from, const std::string& to);
 
+    // The whole board's interconnect test (jtag/NetTest.h): every part in
+    // EXTEST at once, the other devices in BYPASS; the chain is left in
+    // Test-Logic-Reset. stop(), asked between scans, ends it early (the
+    // report then says stopped).
+    TestResult test(const TestRequest& q, const std::function<bool()>& stop = {});
+
     ChainAccess& access() { return access_; }
 
   private:
@@ -141,6 +163,7 @@ std::string usercodeJson(const UsercodeResult& r);
 // hold_s: the seconds the drive holds; < 0: until a signal (null).
 std::string driveJson(const DriveResult& r, double holdSeconds);
 std::string connectJson(const ConnectResult& r);
+std::string testJson(const TestResult& r);
 // {"status":N,"error":"..."}: a failure.
 std::string failureJson(const CommandResult& r);
 
