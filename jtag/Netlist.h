@@ -54,6 +54,13 @@ bool readFile(const std::string& path, Netlist* out, std::string* error);
 // Whether a net's name says ground or supply: GND, AGND, DGND, PGND, VSS,
 // GROUND, VCC*, VDD*, VEE, VPP, VBAT, VIN, or a voltage such as +3V3, 3.3V,
 // +5V, -12V, 1V8 (any case; a hierarchical prefix such as "/" ignored).
+// The words without '*' may be followed by '_' or a digit and more (GND_ISO,
+// VBAT2), a voltage by '_' and more or by letters (+3V3_AUX, +5VA). Where a
+// name is in doubt the answer leans to power, which leaves a net untested
+// rather than driven: VCCINT_SENSE (a supply's sense line) is power. A
+// reference such as DDR_VREF is not a supply by name; the chips' pins on it
+// are typed power_in, which isPower sees. VIN_DET is power (VIN and '_'),
+// VINT is not.
 bool powerName(const std::string& name);
 // Whether a net is a power net by the netlist alone: its name, or a node
 // whose pin type is power_in or power_out.

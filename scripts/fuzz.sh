@@ -17,9 +17,9 @@ ninja -C "$dir" fuzz
 mkdir -p "$dir/artifacts"
 # Per target: the longest input tried. XVC's is short: a shift at the
 # slowest clock a client may ask for is paced edge by edge.
-declare -A max_len=([svf]=16384 [xsvf]=16384 [remote_bitbang]=4096 [xvc]=512 [pciaddress]=64 [bsdl]=65536)
+declare -A max_len=([svf]=16384 [xsvf]=16384 [remote_bitbang]=4096 [xvc]=512 [pciaddress]=64 [bsdl]=65536 [netlist]=65536)
 status=0
-for t in svf xsvf remote_bitbang xvc pciaddress bsdl; do
+for t in svf xsvf remote_bitbang xvc pciaddress bsdl netlist; do
   corpus=$dir/corpus/$t
   mkdir -p "$corpus"
   inputs=(tests/fuzz/corpus/$t)
