@@ -320,6 +320,8 @@ int kvStatus(int chain) {
         case jtag::kChainBadBsdl: return KV_E_BSDL;
         case jtag::kChainDriveRefused: return KV_E_DRIVE_REFUSED;
         case jtag::kChainNotConnected: return KV_E_NOT_CONNECTED;
+        case jtag::kChainFaultFound: return KV_E_FAULT_FOUND;
+        case jtag::kChainBadNetlist: return KV_E_NETLIST;
         default: return KV_E_ARGUMENT;
     }
 }
@@ -531,7 +533,7 @@ const char* kv_status_name(int status) {
     static const char* const names[] = {"ok",         "argument", "no backend", "locked",   "refused",
                                         "unreadable", "syntax",   "unsupported", "mismatch", "cancelled",
                                         "dead chain", "bsdl",     "sim",        "memory",   "reentrant",
-                                        "closed",     "drive refused", "not connected"};
+                                        "closed",     "drive refused", "not connected", "fault found", "netlist"};
     return status >= 0 && status < static_cast<int>(sizeof names / sizeof names[0]) ? names[status] : "unknown";
 }
 
@@ -809,6 +811,44 @@ int kv_connect(kv_device* device, const char* from, const char* to, const char**
             r.answer = jtag::connectJson(c);
             r.hasAnswer = true;
             return c.ok() ? r.ok() : failed(r, jtag::CommandResult{c.status, c.from + " -> " + c.to + ": " + c.result});
+        },
+        handsOut(json));
+}
+
+int kv_test_netlist(kv_device* device, const kv_test_request* request, const char** json) {
+    return onHandle(
+        device,
+        [&](Handle* d, Reply& r) {
+            if (!request || !request->netlist) return r.fail(KV_E_ARGUMENT, "no netlist");
+            jtag::TestRequest q;
+            q.netlist = request->netlist;
+            auto words = [&](const char* const* items, size_t n, std::vector<std::string>* out) {
+                for (size_t i = 0; i < n; ++i) {
+                    if (!items || !items[i]) return false;
+                    out->push_back(items[i]);
+                }
+                return true;
+            };
+            if (!words(request->parts, request->n_parts, &q.parts) ||
+                !words(request->packages, request->n_packages, &q.packages) ||
+                !words(request->pulls, request->n_pulls, &q.pulls) || !words(request->power, request->n_power, &q.power))
+                return r.fail(KV_E_ARGUMENT, "a null string among the test's parts, packages, pulls or power nets");
+            if (int status = chainReady(d, r)) return status;
+            jtag::ChainCommands commands = commandsOn(d);
+            d->driving = true;  // the chain is reset whatever ends the call
+            jtag::TestResult t = commands.test(q);
+            d->driving = false;  // the test ends in Test-Logic-Reset
+            if (!t.ok() && t.status != jtag::kChainFaultFound) return failed(r, t);
+            if (request->junit) {
+                std::string xml = jtag::nettest::junit(t.report, q.netlist);
+                FILE* f = std::fopen(request->junit, "w");
+                bool written = f && std::fwrite(xml.data(), 1, xml.size(), f) == xml.size();
+                if (f && std::fclose(f) != 0) written = false;
+                if (!written) return r.fail(KV_E_UNREADABLE, std::string("cannot write ") + request->junit);
+            }
+            r.answer = jtag::testJson(t);
+            r.hasAnswer = true;
+            return t.ok() ? r.ok() : failed(r, t);
         },
         handsOut(json));
 }

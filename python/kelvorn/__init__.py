@@ -40,8 +40,8 @@ from typing import Any, Callable, Dict, Iterator, List, Mapping, Optional, Seque
 
 __all__ = ["open", "Device", "Error", "BadArgument", "NoBackend", "Locked", "Refused", "Unreadable", "BadSyntax",
            "Unsupported", "TdoMismatch", "Cancelled", "DeadChain", "BsdlError", "SimError", "OutOfMemory",
-           "Reentrant", "Closed", "DriveRefused", "NotConnected", "DeviceFacts", "Sample", "Usercode", "Drive",
-           "Connect", "PlayResult", "LIBRARY", "SIM_LIBRARY", "MAX_BITS"]
+           "Reentrant", "Closed", "DriveRefused", "NotConnected", "FaultFound", "BadNetlist", "DeviceFacts", "Sample",
+           "Usercode", "Drive", "Connect", "NetResult", "Fault", "BoardTest", "PlayResult", "LIBRARY", "SIM_LIBRARY", "MAX_BITS"]
 
 LIBRARY = "libkelvorn.so.1"
 SIM_LIBRARY = "libkelvorn-sim.so.1"
@@ -65,6 +65,8 @@ E_REENTRANT = 14
 E_CLOSED = 15
 E_DRIVE_REFUSED = 16
 E_NOT_CONNECTED = 17
+E_FAULT_FOUND = 18
+E_NETLIST = 19
 
 # The longest data register shift_dr shifts (KV_MAX_BITS): 2**30 bits, 128 MiB.
 MAX_BITS = 1 << 30
@@ -148,6 +150,44 @@ class Connect(_Record):
     @property
     def connected(self) -> bool:
         return self.result == "connected"
+
+
+@dataclass(frozen=True)
+class NetResult(_Record):
+    """A net of the board test: its class ("testable", "pulled",
+    "untestable", "power"), result ("pass", "fail", "untestable"), every
+    pin as "REF.PIN", and why it is untestable."""
+    name: str
+    class_: str
+    result: str
+    pins: List[str]
+    reason: Optional[str] = None
+    _keys = {"class": "class_"}
+
+
+@dataclass(frozen=True)
+class Fault(_Record):
+    """A fault the board test found: kind "open", "short", "stuck-0" or
+    "stuck-1"; a short's behaviour is "wired-and", "wired-or" or the net
+    that dominates."""
+    kind: str
+    nets: List[str]
+    pins: List[str]
+    behaviour: Optional[str]
+
+
+@dataclass(frozen=True)
+class BoardTest(_Record):
+    """A board's interconnect test: every net, the faults, the patterns
+    applied and the DR scans they took."""
+    nets: List[NetResult]
+    faults: List[Fault]
+    patterns: int
+    scans: int
+
+    @property
+    def passed(self) -> bool:
+        return not self.faults and all(n.result != "fail" for n in self.nets)
 
 
 @dataclass(frozen=True)
@@ -263,11 +303,21 @@ class NotConnected(Error):
         self.connect = connect
 
 
+class FaultFound(Error):
+    """The board test found a fault (test() returns the report instead of raising it)."""
+
+
+class BadNetlist(Error):
+    """The netlist cannot be read, or does not fit the chain: a part with
+    no BSDL file, a pin not in a part's pin map."""
+
+
 _ERRORS: Dict[int, Type[Error]] = {
     E_ARGUMENT: BadArgument, E_NO_BACKEND: NoBackend, E_LOCKED: Locked, E_REFUSED: Refused,
     E_UNREADABLE: Unreadable, E_SYNTAX: BadSyntax, E_UNSUPPORTED: Unsupported, E_MISMATCH: TdoMismatch,
     E_CANCELLED: Cancelled, E_DEAD_CHAIN: DeadChain, E_BSDL: BsdlError, E_SIM: SimError, E_MEMORY: OutOfMemory,
     E_REENTRANT: Reentrant, E_CLOSED: Closed, E_DRIVE_REFUSED: DriveRefused, E_NOT_CONNECTED: NotConnected,
+    E_FAULT_FOUND: FaultFound, E_NETLIST: BadNetlist,
 }
 
 
@@ -310,6 +360,21 @@ class _PlayResult(ctypes.Structure):
         ("bits", ctypes.c_uint64),
         ("tck_cycles", ctypes.c_uint64),
         ("seconds", ctypes.c_double),
+    ]
+
+
+class _TestRequest(ctypes.Structure):
+    _fields_ = [
+        ("netlist", ctypes.c_char_p),
+        ("parts", ctypes.POINTER(ctypes.c_char_p)),
+        ("n_parts", ctypes.c_size_t),
+        ("packages", ctypes.POINTER(ctypes.c_char_p)),
+        ("n_packages", ctypes.c_size_t),
+        ("pulls", ctypes.POINTER(ctypes.c_char_p)),
+        ("n_pulls", ctypes.c_size_t),
+        ("power", ctypes.POINTER(ctypes.c_char_p)),
+        ("n_power", ctypes.c_size_t),
+        ("junit", ctypes.c_char_p),
     ]
 
 
@@ -358,6 +423,7 @@ def _load(name: str) -> ctypes.CDLL:
             "kv_release": (ctypes.c_int, [dev]),
             "kv_connect": (ctypes.c_int, [dev, ctypes.c_char_p, ctypes.c_char_p, ctypes.POINTER(ctypes.c_char_p)]),
             "kv_bsdl_path": (ctypes.c_int, [dev, ctypes.c_char_p]),
+            "kv_test_netlist": (ctypes.c_int, [dev, ctypes.POINTER(_TestRequest), ctypes.POINTER(ctypes.c_char_p)]),
             "kv_play": (ctypes.c_int, [dev, ctypes.c_char_p, ctypes.c_int, _PROGRESS, ctypes.c_void_p,
                                        ctypes.POINTER(_PlayResult)]),
             "kv_play_buffer": (ctypes.c_int, [dev, ctypes.c_char_p, ctypes.c_size_t, ctypes.c_char_p, ctypes.c_int,
@@ -564,6 +630,46 @@ class Device:
         self._check(status, h)
         answer = json.loads(text.value or b"{}")
         return Connect(from_=answer["from"], to=answer["to"], result=answer["result"])
+
+    def test(self, netlist: Union[str, "os.PathLike[str]"], parts: Mapping[str, DeviceName],
+             packages: Optional[Mapping[int, str]] = None, pulls: Optional[Mapping[str, str]] = None,
+             power: Sequence[str] = (), junit: Optional[Union[str, "os.PathLike[str]"]] = None) -> BoardTest:
+        """Tests the whole board from its netlist (as kelvorn-chain test):
+        parts maps each reference designator to its chain device (a position
+        or an entity name), packages a position to a package other than its
+        BSDL file's default, pulls a net to "up" or "down"; power names
+        power nets besides the netlist's; junit: a file for JUnit XML. The
+        report is returned whether or not a fault was found (.passed);
+        BadNetlist when the netlist cannot be read or does not fit."""
+        if not isinstance(parts, Mapping) or not parts:
+            raise TypeError("parts must be a non-empty mapping of reference to device")
+
+        def array(items: List[bytes]) -> Any:
+            return (ctypes.c_char_p * max(len(items), 1))(*items)
+
+        part_words = [_text("reference", ref) + b"=" + _device(dev) for ref, dev in parts.items()]
+        package_words = [str(_count("position", p, 0, _UINT_MAX)).encode() + b"=" + _text("package", n)
+                         for p, n in (packages or {}).items()]
+        pull_words = []
+        for net, how in (pulls or {}).items():
+            if how not in ("up", "down"):
+                raise ValueError(f"{net}: a pull is 'up' or 'down', not {how!r}")
+            pull_words.append(_text("net", net) + b"=" + how.encode())
+        power_words = [_text("net", net) for net in power]
+        keep = [array(part_words), array(package_words), array(pull_words), array(power_words)]
+        request = _TestRequest(os.fsencode(netlist), keep[0], len(part_words), keep[1], len(package_words),
+                               keep[2], len(pull_words), keep[3], len(power_words),
+                               None if junit is None else os.fsencode(junit))
+        text = ctypes.c_char_p()
+        h = self._h()
+        status = int(self._lib.kv_test_netlist(h, ctypes.byref(request), ctypes.byref(text)))
+        if status != E_FAULT_FOUND:
+            self._check(status, h)
+        answer = json.loads(text.value or b"{}")
+        return BoardTest(nets=[NetResult(name=n["name"], class_=n["class"], result=n["result"], pins=n["pins"],
+                                         reason=n.get("reason")) for n in answer["nets"]],
+                         faults=[Fault(**f) for f in answer["faults"]],
+                         patterns=answer["patterns"], scans=answer["scans"])
 
     def play(self, path: Union[str, bytes, "os.PathLike[str]"], progress: Optional[Progress] = None,
              format: str = "auto") -> PlayResult:

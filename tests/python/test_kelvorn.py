@@ -288,16 +288,16 @@ HEADER = Path(os.environ["KELVORN_TEST_DATA"]).parent.parent / "libkelvorn" / "i
 
 def test_statuses_are_the_headers_each_with_its_exception():
     defined = dict(re.findall(r"^#define KV_(OK|E_[A-Z_]+) (\d+)", HEADER.read_text(), re.M))
-    assert len(defined) == 18 and defined["E_NOT_CONNECTED"] == "17"
+    assert len(defined) == 20 and defined["E_NETLIST"] == "19"
     assert {name: getattr(kelvorn, name) for name in defined} == {name: int(v) for name, v in defined.items()}
     # One Error subclass per status, and the status is the class's.
-    classes = {status: type(kelvorn._error(status, "x")) for status in range(1, 18)}
-    assert len(set(classes.values())) == 17 and all(issubclass(c, kelvorn.Error) and c is not kelvorn.Error
+    classes = {status: type(kelvorn._error(status, "x")) for status in range(1, 20)}
+    assert len(set(classes.values())) == 19 and all(issubclass(c, kelvorn.Error) and c is not kelvorn.Error
                                                    for c in classes.values())
     assert (classes[kelvorn.E_CANCELLED], classes[kelvorn.E_CLOSED], classes[kelvorn.E_REENTRANT],
             classes[kelvorn.E_MISMATCH]) == (kelvorn.Cancelled, kelvorn.Closed, kelvorn.Reentrant, kelvorn.TdoMismatch)
     lib = kelvorn._load(kelvorn.SIM_LIBRARY)
-    assert [lib.kv_status_name(s) for s in (16, 17, 18)] == [b"drive refused", b"not connected", b"unknown"]
+    assert [lib.kv_status_name(s) for s in (16, 17, 19, 20)] == [b"drive refused", b"not connected", b"netlist", b"unknown"]
 
 
 # Three BSDL devices; two nets between the first two, one input held low.

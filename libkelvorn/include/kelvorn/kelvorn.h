@@ -81,6 +81,8 @@ typedef struct kv_device kv_device;
 #define KV_E_CLOSED 15     /* the handle is closed (or never was one), or was closed during the call */
 #define KV_E_DRIVE_REFUSED 16 /* kv_drive, kv_connect: no output cell, ports that share a control, a file not given */
 #define KV_E_NOT_CONNECTED 17 /* kv_connect: the net is stuck or inverted */
+#define KV_E_FAULT_FOUND 18   /* kv_test_netlist: a net failed (the JSON document names the faults) */
+#define KV_E_NETLIST 19       /* kv_test_netlist: the netlist cannot be read or does not fit the chain */
 
 /* The longest data register kv_shift_dr shifts, in bits (128 MiB packed):
  * the longest scan the SVF and XSVF readers take. */
@@ -210,6 +212,30 @@ int kv_release(kv_device* device);
  * KV_E_NOT_CONNECTED, the status when the result is not "connected". The
  * driving device is allowed as for kv_drive. */
 int kv_connect(kv_device* device, const char* from, const char* to, const char** json);
+
+/* A whole board's interconnect test from its netlist (as kelvorn-chain's
+ * test command): every part in EXTEST at once, every net driven from one
+ * boundary-scan pin and read at the others; opens, shorts and stuck nets
+ * named. parts: "REF=DEV" (DEV a position or an entity name), packages
+ * "POS=NAME", pulls "NET=up|down", power "NET" (each may be NULL with its
+ * count 0); junit: a file to write the result to as JUnit XML, or NULL.
+ * Each part's BSDL file must be given (kv_add_bsdl) or the handle opened
+ * with KV_I_KNOW_THE_BOARD. *json receives {"nets":[...],"faults":[...],
+ * "patterns":K,"scans":S}, also with KV_E_FAULT_FOUND. The chain is left
+ * in Test-Logic-Reset. */
+typedef struct kv_test_request {
+    const char* netlist;
+    const char* const* parts;
+    size_t n_parts;
+    const char* const* packages;
+    size_t n_packages;
+    const char* const* pulls;
+    size_t n_pulls;
+    const char* const* power;
+    size_t n_power;
+    const char* junit;
+} kv_test_request;
+int kv_test_netlist(kv_device* device, const kv_test_request* request, const char** json);
 
 /* ---- players ---- */
 
