@@ -32,10 +32,10 @@ std::string readError(const std::string& text) {
 }
 
 const char* const kCurrent = R"N((export (version "E")
-  (design (source "b.kicad_sch") (sheet (number "1") (name "/") (title_block (comment (number "1") (value "")))))
+  (design (source "b.sch") (sheet (number "1") (name "/") (title_block (comment (number "1") (value "")))))
   (components
     (comp (ref "R1") (value "10k") (footprint "R_0603") (libsource (lib "Device") (part "R"))
-      (property (name "Sheetfile") (value "b.kicad_sch")) (sheetpath (names "/") (tstamps "/")) (tstamps "5d1e"))
+      (property (name "Sheetfile") (value "b.sch")) (sheetpath (names "/") (tstamps "/")) (tstamps "5d1e"))
     (comp (ref "U1") (value "kv_io48")))
   (libparts (libpart (lib "Device") (part "R") (pins (pin (num "1") (name "") (type "passive")))))
   (libraries (library (logical "Device") (uri "/x")))
