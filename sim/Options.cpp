@@ -67,6 +67,7 @@ std::string parseBsdlDevice(const std::vector<std::string>& fields, DeviceDesc* 
         if (key == "usercode" && !parseNumber(value, 0xffffffffUL, &code)) return "usercode= wants a 32-bit number: " + f;
         if (key == "usercode") d->boundary.usercode = static_cast<uint32_t>(code);
         if (key == "package" && !device->package(value)) return device->file + " has no package " + value;
+        if (key == "package") d->boundary.package = value;
     }
     d->boundary.bsdl = std::move(device);
     return "";
@@ -160,6 +161,7 @@ std::string chainText(const std::vector<DeviceDesc>& chain) {
     for (const DeviceDesc& d : chain) {
         if (d.boundary.bsdl) {
             s += (s.empty() ? "bsdl=" : ",bsdl=") + d.boundary.bsdl->file;
+            if (!d.boundary.package.empty()) s += ":package=" + d.boundary.package;
             if (d.boundary.usercode) {
                 std::snprintf(buf, sizeof buf, ":usercode=0x%08x", d.boundary.usercode);
                 s += buf;
