@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <map>
 
 #include "sim/Options.h"
 
@@ -165,6 +166,26 @@ void finishBoardOptions(BoardOptions* o) {
         if (error.empty()) error = sim::checkPin(o->config.chain, pin);
         if (!error.empty()) throw CLI::ValidationError("--pin", error);
         o->config.pins[pin] = p[eq + 1] == '1';
+    }
+    if (o->netlist.empty() && !o->parts.empty()) throw CLI::ValidationError("--part", "names parts of a --netlist");
+    if (!o->netlist.empty()) {
+        std::map<std::string, unsigned> parts;
+        for (const std::string& p : o->parts) {
+            size_t eq = p.find('=');
+            unsigned long position;
+            if (eq == std::string::npos || eq == 0 || !sim::parseNumber(p.substr(eq + 1), 0xffff, &position))
+                throw CLI::ValidationError("--part", "wants REF=POS: " + p);
+            std::string error = sim::checkPin(o->config.chain, {static_cast<unsigned>(position), "*"});
+            if (error.rfind("no BSDL device", 0) == 0) throw CLI::ValidationError("--part", error);
+            if (!parts.emplace(p.substr(0, eq), static_cast<unsigned>(position)).second)
+                throw CLI::ValidationError("--part", p.substr(0, eq) + " given twice");
+        }
+        if (parts.empty()) throw CLI::ValidationError("--netlist", "wants --part REF=POS for each device on it");
+        jtag::netlist::Netlist netlist;
+        std::string error;
+        if (!jtag::netlist::readFile(o->netlist, &netlist, &error) ||
+            !(error = sim::netlistWires(netlist, parts, o->config.chain, &o->config.wires)).empty())
+            throw CLI::ValidationError("--netlist", error);
     }
     for (const std::string& n : o->nets) {
         size_t eq = n.find('=');
