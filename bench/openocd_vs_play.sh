@@ -52,7 +52,7 @@ cpu_of() {
 
 # "reads R writes W tck-cycles C" from a --stats line in a file: "R W C".
 stats_of() {
-  sed -n 's/^sim stats: reads \([0-9]*\) writes \([0-9]*\) tck-cycles \([0-9]*\)$/\1 \2 \3/p' "$1"
+  sed -n 's/^sim stats: reads \([0-9]*\) writes \([0-9]*\) tck-cycles \([0-9]*\) contention [0-9]*$/\1 \2 \3/p' "$1"
 }
 
 # One row of the table: name, wall s, CPU s, "R W C".

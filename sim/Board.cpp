@@ -131,7 +131,7 @@ std::vector<DeviceDesc> defaultChain() { return {{0x0a5c7035, 8}, {0x1b4d2093, 6
 
 Board::Board(BoardConfig config) : config_(std::move(config)), chain_(config_.chain) {
     chain_.pinsAre(config_.pins);
-    chain_.netsAre(config_.nets);
+    chain_.wiresAre(config_.wires);
     std::memcpy(configSpace_ + kCaveCreekConfigOffset, &kCaveCreekGpioBaseRegister, 4);
 }
 
@@ -374,8 +374,10 @@ bool Board::finish() {
     if (!config_.dumpMemory.empty() && !writeMemoryDump()) written_ = false;
     if (!config_.dumpPins.empty() && !writePinDump()) written_ = false;
     if (config_.stats)
-        std::fprintf(stderr, "sim stats: reads %llu writes %llu tck-cycles %llu\n", static_cast<unsigned long long>(reads_),
-                     static_cast<unsigned long long>(writes_), static_cast<unsigned long long>(chain_.tckCycles()));
+        std::fprintf(stderr, "sim stats: reads %llu writes %llu tck-cycles %llu contention %llu\n",
+                     static_cast<unsigned long long>(reads_), static_cast<unsigned long long>(writes_),
+                     static_cast<unsigned long long>(chain_.tckCycles()),
+                     static_cast<unsigned long long>(chain_.contention()));
     return written_;
 }
 

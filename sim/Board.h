@@ -38,10 +38,10 @@ struct BoardConfig {
     bool showWrites = false;   // every register write on stderr, with what it did to the pins
     std::string vcd;           // the pins and the TAP state as a Value Change Dump into this file (sim/Vcd.h)
     bool vcdRealTime = false;  // its time: ns on the monotonic clock since the first sample, not accesses
-    // BSDL devices' input pins that nothing drives (default 1), and nets
-    // between two devices' pins.
+    // BSDL devices' input pins that nothing drives (default 1), and how
+    // their pins are wired.
     std::map<PinRef, bool> pins;
-    std::vector<std::pair<PinRef, PinRef>> nets;
+    Wires wires;
     // TDO as the chip sees it: -1 the chain's, 0 or 1 stuck there (no chain, or a broken one).
     int tdoStuck = -1;
     // What the run leaves when it ends (Board::finish):
@@ -49,7 +49,7 @@ struct BoardConfig {
     // What BSDL devices' boundary registers last drove onto their pins under
     // EXTEST, one line per driven pin: "POS.PORT LEVEL".
     std::string dumpPins;
-    bool stats = false;      // "sim stats: reads R writes W tck-cycles C" on stderr
+    bool stats = false;      // "sim stats: reads R writes W tck-cycles C contention N" on stderr
     // Test-only: a change to the device's wiring (a swapped pin) before the
     // chain is hung on it.
     std::function<void(Wiring&)> rewire;

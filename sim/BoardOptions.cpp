@@ -1,8 +1,10 @@
 #include "sim/BoardOptions.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <map>
 
 #include "sim/Options.h"
 
@@ -16,6 +18,66 @@ std::string writable(const std::string& path) {
     if (!f) return "cannot write " + path + ": " + std::strerror(errno);
     std::fclose(f);
     return "";
+}
+
+// "NET=VALUE": the net's index and the value, or throws naming the option.
+size_t netValue(const Wires& w, const std::string& text, const char* option, const char* values, std::string* value) {
+    size_t eq = text.rfind('=');
+    int net = eq == std::string::npos ? -1 : w.named(text.substr(0, eq));
+    if (eq == std::string::npos) throw CLI::ValidationError(option, std::string("wants NET=") + values + ": " + text);
+    if (net < 0) throw CLI::ValidationError(option, "no net " + text.substr(0, eq));
+    *value = text.substr(eq + 1);
+    return static_cast<size_t>(net);
+}
+
+// --open, --short, --stuck and --pull on the nets --netlist and --net made.
+void finishWires(BoardOptions* o) {
+    Wires& w = o->config.wires;
+    std::string value;
+    for (const std::string& p : o->pulls) {
+        size_t net = netValue(w, p, "--pull", "up|down", &value);
+        if (value != "up" && value != "down") throw CLI::ValidationError("--pull", "wants NET=up|down: " + p);
+        w.nets[net].pull = value == "up";
+    }
+    for (const std::string& s : o->stucks) {
+        size_t net = netValue(w, s, "--stuck", "0|1", &value);
+        if (value != "0" && value != "1") throw CLI::ValidationError("--stuck", "wants NET=0|1: " + s);
+        w.nets[net].stuck = value == "1";
+    }
+    std::vector<bool> shorted(w.nets.size(), false);
+    for (const std::string& s : o->shorts) {
+        size_t colon = s.rfind(':');
+        std::string how = colon == std::string::npos ? "and" : s.substr(colon + 1);
+        WireShort ws;
+        size_t start = 0;
+        for (size_t end = 0; end != std::string::npos && end < colon; start = end + 1) {
+            end = s.find(',', start);
+            std::string name = s.substr(start, std::min(end, colon) - start);
+            int net = w.named(name);
+            if (net < 0) throw CLI::ValidationError("--short", "no net " + name);
+            if (shorted[static_cast<size_t>(net)]) throw CLI::ValidationError("--short", "net " + name + " is in two shorts");
+            shorted[static_cast<size_t>(net)] = true;
+            ws.nets.push_back(static_cast<size_t>(net));
+        }
+        if (ws.nets.size() < 2) throw CLI::ValidationError("--short", "wants two nets or more: " + s);
+        int dominant = w.named(how);
+        if (how == "and" || how == "or") {
+            ws.kind = how == "and" ? WireShort::Kind::wiredAnd : WireShort::Kind::wiredOr;
+        } else if (dominant >= 0 && std::count(ws.nets.begin(), ws.nets.end(), static_cast<size_t>(dominant))) {
+            ws.kind = WireShort::Kind::dominant;
+            ws.dominant = static_cast<size_t>(dominant);
+        } else {
+            throw CLI::ValidationError("--short", "ends with :and, :or or :NET, a net of the short: " + s);
+        }
+        w.shorts.push_back(ws);
+    }
+    for (const std::string& p : o->opens) {
+        sim::PinRef pin;
+        std::string error = sim::parsePin(p, &pin);
+        if (error.empty()) error = sim::checkPin(o->config.chain, pin);
+        if (!error.empty()) throw CLI::ValidationError("--open", error);
+        w.open.push_back(pin);
+    }
 }
 
 }  // namespace
@@ -56,13 +118,31 @@ void addBoardOptions(CLI::App& app, BoardOptions* o) {
         ->type_name("FILE")
         ->check(writable);
     app.add_flag("--stats", o->config.stats,
-                 "after the run, print \"sim stats: reads R writes W tck-cycles C\" on stderr: the register accesses "
-                 "of the chip the chain hangs on, and the rising TCK edges the chain saw");
+                 "after the run, print \"sim stats: reads R writes W tck-cycles C contention N\" on stderr: the "
+                 "register accesses of the chip the chain hangs on, the rising TCK edges the chain saw, and the "
+                 "updates after which drivers fought on a net");
     app.add_option("--pin", o->pins, "the level on an input pin of a BSDL device that nothing drives (default 1)")
         ->type_name("POS.PORT=0|1")
         ->allow_extra_args(false);  // one value each time: never the arguments after it
-    app.add_option("--net", o->nets, "a wire between two BSDL devices' pins: what one drives under EXTEST the other reads")
+    app.add_option("--net", o->nets, "a wire between two BSDL devices' pins (joining the nets either is on already)")
         ->type_name("POS.PORT=POS.PORT")
+        ->allow_extra_args(false);
+    app.add_option("--netlist", o->netlist, "the board's netlist: its nets between pins of the parts --part names")
+        ->type_name("FILE");
+    app.add_option("--part", o->parts, "the netlist's component REF is the BSDL device at position POS of the chain")
+        ->type_name("REF=POS")
+        ->allow_extra_args(false);
+    app.add_option("--open", o->opens, "cut the pin from its net")->type_name("POS.PORT")->allow_extra_args(false);
+    app.add_option("--short", o->shorts,
+                   "join nets into one node, resolved wired-AND (and, the default), wired-OR (or), or by the drivers of "
+                   "the net named last when one of them is enabled")
+        ->type_name("NET,NET[,NET...][:and|:or|:NET]")
+        ->allow_extra_args(false);
+    app.add_option("--stuck", o->stucks, "the net reads this level whatever drives it")
+        ->type_name("NET=0|1")
+        ->allow_extra_args(false);
+    app.add_option("--pull", o->pulls, "the level of the net when nothing drives it (default up)")
+        ->type_name("NET=up|down")
         ->allow_extra_args(false);
     app.add_option("--dump-pins", o->config.dumpPins,
                    "after the run, write what BSDL devices' boundary registers last drove onto their pins under "
@@ -87,6 +167,26 @@ void finishBoardOptions(BoardOptions* o) {
         if (!error.empty()) throw CLI::ValidationError("--pin", error);
         o->config.pins[pin] = p[eq + 1] == '1';
     }
+    if (o->netlist.empty() && !o->parts.empty()) throw CLI::ValidationError("--part", "names parts of a --netlist");
+    if (!o->netlist.empty()) {
+        std::map<std::string, unsigned> parts;
+        for (const std::string& p : o->parts) {
+            size_t eq = p.find('=');
+            unsigned long position;
+            if (eq == std::string::npos || eq == 0 || !sim::parseNumber(p.substr(eq + 1), 0xffff, &position))
+                throw CLI::ValidationError("--part", "wants REF=POS: " + p);
+            std::string error = sim::checkPin(o->config.chain, {static_cast<unsigned>(position), "*"});
+            if (error.rfind("no BSDL device", 0) == 0) throw CLI::ValidationError("--part", error);
+            if (!parts.emplace(p.substr(0, eq), static_cast<unsigned>(position)).second)
+                throw CLI::ValidationError("--part", p.substr(0, eq) + " given twice");
+        }
+        if (parts.empty()) throw CLI::ValidationError("--netlist", "wants --part REF=POS for each device on it");
+        jtag::netlist::Netlist netlist;
+        std::string error;
+        if (!jtag::netlist::readFile(o->netlist, &netlist, &error) ||
+            !(error = sim::netlistWires(netlist, parts, o->config.chain, &o->config.wires)).empty())
+            throw CLI::ValidationError("--netlist", error);
+    }
     for (const std::string& n : o->nets) {
         size_t eq = n.find('=');
         sim::PinRef a, b;
@@ -95,8 +195,9 @@ void finishBoardOptions(BoardOptions* o) {
         if (error.empty()) error = sim::checkPin(o->config.chain, a);
         if (error.empty()) error = sim::checkPin(o->config.chain, b);
         if (!error.empty()) throw CLI::ValidationError("--net", error);
-        o->config.nets.emplace_back(a, b);
+        o->config.wires.join(a, b);
     }
+    finishWires(o);
     o->config.vcdRealTime = o->vcdTime == "real";
     o->config.tdoStuck = o->tdo == "stuck-0" ? 0 : o->tdo == "stuck-1" ? 1 : -1;
 }

@@ -19,10 +19,13 @@ struct BoardOptions {
     std::string vcdTime = "access";
     std::string tdo = "chain";
     std::vector<std::string> pins, nets;
+    std::string netlist;
+    std::vector<std::string> parts, opens, shorts, stucks, pulls;
 };
 
 // --platform, --cpu, --chain, --hold, --show-writes, --vcd, --vcd-time,
-// --dump-memory, --stats, --pin, --net, --dump-pins, --tdo.
+// --dump-memory, --stats, --pin, --net, --netlist, --part, --open, --short,
+// --stuck, --pull, --dump-pins, --tdo.
 void addBoardOptions(CLI::App& app, BoardOptions* o);
 // After the parse: what the options say together, into o->config; throws
 // CLI::ValidationError naming the option that is wrong.

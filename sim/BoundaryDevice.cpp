@@ -80,14 +80,18 @@ void BoundaryDevice::updateBoundary(const jtag::BitVector& bits) {
 bool BoundaryDevice::drives(const std::string& port, bool* level) const {
     if (!drive_ || highz_) return false;
     for (const Cell& c : desc_.bsdl->boundary) {
-        if (!drivesPin(c.function) || upper(c.port) != upper(port)) continue;
-        bool enabled = c.controlCell < 0 || c.disableValue == 'X' ||
-                       update_[static_cast<size_t>(c.controlCell)] != (c.disableValue == '1');
-        if (!enabled) return false;
-        *level = update_[c.number];
-        return true;
+        if (drivesPin(c.function) && upper(c.port) == upper(port)) return drivesCell(c.number, level);
     }
     return false;
+}
+
+bool BoundaryDevice::drivesCell(unsigned number, bool* level) const {
+    if (!drive_ || highz_) return false;
+    const Cell& c = desc_.bsdl->boundary[number];
+    bool enabled = c.controlCell < 0 || c.disableValue == 'X' ||
+                   update_[static_cast<size_t>(c.controlCell)] != (c.disableValue == '1');
+    if (enabled) *level = update_[number];
+    return enabled;
 }
 
 void BoundaryDevice::record() {

@@ -26,6 +26,7 @@ namespace sim {
 struct BoundaryDesc {
     std::shared_ptr<const jtag::bsdl::Device> bsdl;
     uint32_t usercode = 0;
+    std::string package;  // the pin map a netlist's pins are read through; "" the file's default
 };
 
 class BoundaryDevice {
@@ -43,7 +44,7 @@ class BoundaryDevice {
     // The instruction now in force (at Update-IR or Test-Logic-Reset).
     void instructionIs(uint32_t value);
     Register selected() const { return register_; }
-    // The boundary register's capture: levels(port) gives an input cell's pin.
+    // The boundary register's capture: level(cell) gives an input cell's pin.
     template <class PinLevel>
     void captureBoundary(jtag::BitVector* bits, PinLevel level) const {
         const jtag::bsdl::Device& d = *desc_.bsdl;
@@ -54,7 +55,7 @@ class BoundaryDevice {
                          c.function == jtag::bsdl::Cell::Function::bidir ||
                          c.function == jtag::bsdl::Cell::Function::observe_only;
             if (input && c.port != "*")
-                bits->set(c.number, level(c.port));
+                bits->set(c.number, level(c.number));
             else if (c.function != jtag::bsdl::Cell::Function::internal)
                 bits->set(c.number, update_[c.number]);
         }
@@ -64,6 +65,10 @@ class BoundaryDevice {
 
     // Whether the device drives a port now, and at what level.
     bool drives(const std::string& port, bool* level) const;
+    // The same for the port an output cell drives, by the cell's number.
+    bool drivesCell(unsigned number, bool* level) const;
+    // Whether the instruction in force lets the update stage drive pins.
+    bool driving() const { return drive_ && !highz_; }
     // What the update stage last drove onto each output pin under EXTEST,
     // by port, in cell order; a pin whose output was disabled is left out.
     const std::vector<std::pair<std::string, bool>>& lastDriven() const { return lastDriven_; }

@@ -42,6 +42,34 @@ struct PinRef {
     bool operator==(const PinRef& o) const;
 };
 
+// How the pins of BSDL devices are wired, as the options give it (the model
+// is in docs/simulator.md). A net joins pins; a short makes several nets
+// one node; an open pin is cut from its net.
+struct WireNet {
+    std::string name;  // the netlist's, or "POS.PORT" of the first pin
+    std::vector<PinRef> pins;
+    int pull = -1;   // level with no driver enabled: 1 up, 0 down; -1 not given (up)
+    int stuck = -1;  // the level the net reads whatever drives it; -1 none
+};
+struct WireShort {
+    enum class Kind { wiredAnd, wiredOr, dominant };
+    std::vector<size_t> nets;  // indices into Wires::nets
+    Kind kind = Kind::wiredAnd;
+    size_t dominant = 0;  // Kind::dominant: the net whose drivers decide when one is enabled
+};
+struct Wires {
+    std::vector<WireNet> nets;
+    std::vector<WireShort> shorts;
+    std::vector<PinRef> open;
+    // The net holding a pin; -1 none.
+    int netOf(const PinRef& pin) const;
+    // The net of that name (without case); -1 none.
+    int named(const std::string& name) const;
+    // One net holding both pins: a new one, the other joining one's net, or
+    // two nets merged (under the first one's name).
+    void join(const PinRef& a, const PinRef& b);
+};
+
 class JtagChain {
   public:
     // Devices in scan order: the one nearest TDO first.
@@ -69,12 +97,17 @@ class JtagChain {
     uint64_t tckCycles() const { return tckCycles_; }
 
     // The levels of BSDL devices' input pins that nothing on the chain
-    // drives (default 1: a pull-up), and the nets between two devices' pins:
-    // what one drives under EXTEST, the other reads.
-    void pinsAre(std::map<PinRef, bool> levels) { pins_ = std::move(levels); }
-    void netsAre(std::vector<std::pair<PinRef, PinRef>> nets) { nets_ = std::move(nets); }
-    // The level on a BSDL device's pin now.
+    // drives (default 1: a pull-up), and how their pins are wired. Pins not
+    // of a BSDL device on the chain are left out.
+    void pinsAre(const std::map<PinRef, bool>& levels);
+    void wiresAre(const Wires& wires);
+    // Nets of two pins each.
+    void netsAre(const std::vector<std::pair<PinRef, PinRef>>& nets);
+    // The level on a BSDL device's pin now (slow: by name).
     bool pinLevel(size_t position, const std::string& port) const;
+    // Update-DR and Update-IR edges after which some node had enabled
+    // drivers at both levels.
+    uint64_t contention() const { return contention_; }
     // The BSDL device at a position; null for another kind.
     const BoundaryDevice* boundary(size_t i) const { return devices_[i].bsd ? &*devices_[i].bsd : nullptr; }
 
@@ -117,15 +150,43 @@ class JtagChain {
         bool memorySelected() const { return prog && prog->registerLength(instruction) > 0; }
         void capture(const JtagChain& chain, size_t position);
         void rising(bool tms, bool tdi, const JtagChain& chain, size_t position);
-        void falling();
+        bool falling();
         void reset();
     };
 
+    // A boundary-scan port of a BSDL device: its output cell and where the
+    // wiring puts it.
+    struct Pin {
+        unsigned position = 0;
+        int outCell = -1;  // the cell that drives it; -1 an input only
+        int node = -1;     // -1: on no net (or cut from it)
+        bool idle = true;  // the level read when it is on no net and does not drive (--pin)
+    };
+    // Nets joined by a short (or one net alone): what its pins read.
+    struct Node {
+        WireShort::Kind kind = WireShort::Kind::wiredAnd;
+        std::vector<int> drivers;   // pins with an output cell; Kind::dominant: those of the other nets
+        std::vector<int> dominant;  // Kind::dominant: the deciding net's
+        int stuck = -1;
+        bool pull = true;
+    };
+
+    bool drives(const Pin& p, bool* level) const;
+    // The resolution of the enabled drivers in a list; -1 when none is.
+    int resolve(const std::vector<int>& drivers, bool wiredOr) const;
+    bool levelOf(int pin) const;
+    bool fight(const Node& n) const;
+    void rebuild();
+
     std::vector<Device> devices_;
-    std::map<PinRef, bool> pins_;
-    std::vector<std::pair<PinRef, PinRef>> nets_;
+    std::map<PinRef, bool> levels_;
+    Wires wires_;
+    std::vector<Pin> pins_;
+    std::vector<std::vector<int>> cellPins_;  // per position, by cell number: the pin of an input cell's port; -1
+    std::vector<Node> nodes_;
+    std::vector<int> fightNodes_;  // nodes with two drivers or more
     bool tck_ = false;
-    uint64_t tckCycles_ = 0;
+    uint64_t tckCycles_ = 0, contention_ = 0;
 };
 
 }  // namespace sim

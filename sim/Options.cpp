@@ -67,6 +67,7 @@ std::string parseBsdlDevice(const std::vector<std::string>& fields, DeviceDesc* 
         if (key == "usercode" && !parseNumber(value, 0xffffffffUL, &code)) return "usercode= wants a 32-bit number: " + f;
         if (key == "usercode") d->boundary.usercode = static_cast<uint32_t>(code);
         if (key == "package" && !device->package(value)) return device->file + " has no package " + value;
+        if (key == "package") d->boundary.package = value;
     }
     d->boundary.bsdl = std::move(device);
     return "";
@@ -154,12 +155,54 @@ std::string checkPin(const std::vector<DeviceDesc>& chain, const PinRef& pin) {
     return d.entity + " has no boundary cell for " + pin.port;
 }
 
+std::string netlistWires(const jtag::netlist::Netlist& netlist, const std::map<std::string, unsigned>& parts,
+                         const std::vector<DeviceDesc>& chain, Wires* wires) {
+    std::set<std::string> refs;
+    for (const jtag::netlist::Component& c : netlist.components) refs.insert(c.ref);
+    for (const jtag::netlist::Net& n : netlist.nets)
+        for (const jtag::netlist::Node& node : n.nodes) refs.insert(node.ref);
+    // Per part: its port by package pin.
+    std::map<std::string, std::map<std::string, std::string>> ports;
+    for (const auto& [ref, position] : parts) {
+        if (!refs.count(ref)) return netlist.file + ": no component " + ref + " (--part " + ref + ")";
+        const jtag::bsdl::Device& d = *chain[position].boundary.bsdl;
+        const jtag::bsdl::PinMap* map = d.package(chain[position].boundary.package);
+        if (!map) return d.file + " has no pin map for " + ref;
+        for (const auto& [port, pins] : map->pins)
+            for (const std::string& pin : pins) ports[ref][pin] = port;
+    }
+    for (const jtag::netlist::Net& n : netlist.nets) {
+        WireNet net{n.name, {}};
+        for (const jtag::netlist::Node& node : n.nodes) {
+            auto part = ports.find(node.ref);
+            if (part == ports.end()) continue;  // not a part on the chain: does nothing here
+            unsigned position = parts.at(node.ref);
+            auto port = part->second.find(node.pin);
+            if (port == part->second.end()) {
+                const DeviceDesc& d = chain[position];
+                const jtag::bsdl::PinMap* map = d.boundary.bsdl->package(d.boundary.package);
+                return netlist.file + ":" + std::to_string(node.line) + ": pin " + node.pin + " of " + node.ref +
+                       " is not in the pin map " + map->name + " of " + d.boundary.bsdl->entity;
+            }
+            PinRef pin{position, port->second};
+            if (checkPin(chain, pin).empty()) net.pins.push_back(pin);  // TCK, supplies: no cell to drive or read
+        }
+        if (net.pins.empty()) continue;
+        bool up;
+        jtag::netlist::Node via;
+        if (jtag::netlist::pullOf(netlist, n, &up, &via)) net.pull = up;
+        wires->nets.push_back(net);
+    }
+    return "";
+}
+
 std::string chainText(const std::vector<DeviceDesc>& chain) {
     std::string s;
     char buf[96];
     for (const DeviceDesc& d : chain) {
         if (d.boundary.bsdl) {
             s += (s.empty() ? "bsdl=" : ",bsdl=") + d.boundary.bsdl->file;
+            if (!d.boundary.package.empty()) s += ":package=" + d.boundary.package;
             if (d.boundary.usercode) {
                 std::snprintf(buf, sizeof buf, ":usercode=0x%08x", d.boundary.usercode);
                 s += buf;

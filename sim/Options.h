@@ -3,9 +3,11 @@
 // "" when the text is good, else what is wrong, in a form that follows the
 // option's name on one line.
 #pragma once
+#include <map>
 #include <string>
 #include <vector>
 
+#include "jtag/Netlist.h"
 #include "sim/JtagChain.h"
 
 namespace sim {
@@ -29,6 +31,13 @@ std::string chainText(const std::vector<DeviceDesc>& chain);
 std::string parsePin(const std::string& text, PinRef* pin);
 // "" when the pin is a boundary-scan pin of a BSDL device on the chain.
 std::string checkPin(const std::vector<DeviceDesc>& chain, const PinRef& pin);
+// The nets of a netlist between pins of the parts given (component
+// reference -> position of a BSDL device on the chain), added to *wires:
+// a node's pin is a package pin, mapped to its port through the device's
+// pin map; ports without a boundary cell and nodes of other components are
+// left out; a pull resistor to a supply or ground sets the net's pull.
+std::string netlistWires(const jtag::netlist::Netlist& netlist, const std::map<std::string, unsigned>& parts,
+                         const std::vector<DeviceDesc>& chain, Wires* wires);
 // "" when a device on the chain has memory, else what is wrong.
 std::string needMemory(const std::vector<DeviceDesc>& chain);
 

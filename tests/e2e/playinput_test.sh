@@ -69,7 +69,7 @@ expect_eq "$E2E_STATUS $E2E_ERR" \
 sim --stats play "${device[@]}" - < <(printf 'SIR 8 TDI (01);\nSDR 8 TDI (zz);\n')
 expect_eq "$E2E_STATUS $E2E_ERR" \
   "4 kelvorn-play: -:2: SDR: expected a hex digit or ')' in TDI, found 'z'
-sim stats: reads 0 writes 0 tck-cycles 0" "syntax error from a pipe: nothing touched"
+sim stats: reads 0 writes 0 tck-cycles 0 contention 0" "syntax error from a pipe: nothing touched"
 
 # ---- a 17 MB SVF through a pipe ----
 
@@ -123,7 +123,7 @@ printf '#!/bin/sh\nmount -t tmpfs -o size=4m tmpfs /tmp || exit 99\nTMPDIR=/tmp 
 chmod +x "$E2E_DIR/smalltmp"
 mknod "$E2E_DIR/dev/zero" c 1 5
 room="cannot keep a copy of it in /tmp: after 3932160 bytes, more would leave less than 262144 bytes free there; set TMPDIR to a file system with more room, or give a regular file instead"
-nothing=$'\nsim stats: reads 0 writes 0 tck-cycles 0'
+nothing=$'\nsim stats: reads 0 writes 0 tck-cycles 0 contention 0'
 e2e_run "$E2E_DIR/smalltmp" "$E2E_DIR/bin/kelvorn-sim" --chain "$chain" --stats play "${device[@]}" - < <(yes)
 expect_eq "$E2E_STATUS $E2E_ERR" "7 kelvorn-play: -: $room$nothing" "yes through a pipe: the copy stops"
 e2e_run "$E2E_DIR/smalltmp" "$E2E_DIR/bin/kelvorn-sim" --chain "$chain" --stats play "${device[@]}" /dev/zero
@@ -164,7 +164,7 @@ for sig in INT TERM HUP QUIT; do
   kill -s "$sig" "$E2E_BG"
   e2e_wait
   expect_eq "$E2E_STATUS" "$((128 + $(kill -l "$sig")))" "SIG$sig: died of the signal"
-  expect_eq "$(sed -E 's/[0-9]+/N/g' <<<"$E2E_ERR")" "sim stats: reads N writes N tck-cycles N" "SIG$sig: stats line"
+  expect_eq "$(sed -E 's/[0-9]+/N/g' <<<"$E2E_ERR")" "sim stats: reads N writes N tck-cycles N contention N" "SIG$sig: stats line"
   expect_eq "$(stat -c %s "$d/sig.mem")" 2048 "SIG$sig: memory dumped"
   # The last value of TCK (C), TMS (M) and TDI (I): no longer driven.
   expect_eq "$(for v in C M I; do grep -E "^[01z]$v\$" "$d/sig.vcd" | tail -n 1; done | paste -sd' ')" "zC zM zI" \

@@ -58,15 +58,15 @@ e2e_run kelvorn-sim --stats --chain 0x0a5c7035:8:mem=4x16:erase=5,0x1b4d2093:6 -
   --vcd /tmp/scan.vcd scan rotanMotub 0000:03:00.0
 expect_eq "$E2E_STATUS $E2E_OUT" "0 0x0a5c7035
 0x1b4d2093" "scan with a programmable device"
-expect_eq "$E2E_ERR" "sim stats: reads 1072 writes 2149 tck-cycles 1068" "scan: stats"
+expect_eq "$E2E_ERR" "sim stats: reads 1072 writes 2149 tck-cycles 1068 contention 0" "scan: stats"
 expect_eq "$(od -An -tx1 "$(e2e_tmp_dir)/mem.bin" | tr -d ' \n')" "ffffffffffffffff" "scan: memory dump"
 expect_eq "$(sed -n '1p;13,15p' "$(e2e_tmp_dir)/scan.vcd" | paste -sd' ')" \
   '$version kelvorn-sim $end $enddefinitions $end #0 $dumpvars' "scan: VCD header"
 expect_eq "$(tail -n2 "$(e2e_tmp_dir)/scan.vcd" | paste -sd' ')" "#3221 zM" "scan: VCD ends at the last access"
-expect_run 1 "Kelvorn" "sim stats: reads 20 writes 20 tck-cycles 1" "stats after a pin command" \
+expect_run 1 "Kelvorn" "sim stats: reads 20 writes 20 tck-cycles 1 contention 0" "stats after a pin command" \
   kelvorn-sim --stats --platform mosavo -- fodak 0000:00:14.0 tck 1
 expect_run 1 "Kelvorn
-Unsupported gpio 58" "sim stats: reads 0 writes 0 tck-cycles 0" "stats after the module's exit()" \
+Unsupported gpio 58" "sim stats: reads 0 writes 0 tck-cycles 0 contention 0" "stats after the module's exit()" \
   kelvorn-sim --stats --platform gozip -- pabev_misc 0000:00:14.0 tck 1
 e2e_run kelvorn-sim --dump-memory /tmp/none.bin scan rotanMotub 0000:03:00.0
 expect_eq "$E2E_STATUS $E2E_ERR" "105 --dump-memory: no device on the chain has memory (mem=ROWSxBITS)

@@ -50,7 +50,7 @@ struct OnChain {
         intf->extest = static_cast<uint32_t>(jtag::bsdlOpcode(*cpld, {"EXTEST"}).value(0, cpld->irLength));
     }
     std::vector<sim::DeviceDesc> devices() {
-        return {{0, 0, {}, {cpld, 0xcafe0001}}, {0, 0, {}, {fpga, 0x12345678}}};
+        return {{0, 0, {}, {cpld, 0xcafe0001, ""}}, {0, 0, {}, {fpga, 0x12345678, ""}}};
     }
     std::string driven(unsigned position, const char* port) const {
         bool level;

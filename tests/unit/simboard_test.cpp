@@ -203,7 +203,7 @@ TEST(SimBoard, VcdHasThePinsAndTapStateOneTimeUnitPerAccessAndStatsCountThem) {
     }
     EXPECT_EQ(::testing::internal::GetCapturedStderr(),
               "kelvorn-sim: no model for window oddHam (I/O ports), plain memory behind it\n"
-              "sim stats: reads 1 writes 12 tck-cycles 2\n");
+              "sim stats: reads 1 writes 12 tck-cycles 2 contention 0\n");
     EXPECT_EQ(contents(c.vcd), std::string(kVcdHeader) +
                                    "#0\n$dumpvars\nzC\nzM\nzI\n1O\n0S3\n0S2\n0S1\n0S0\n$end\n"
                                    "#1\n0C\n#2\n0M\n#3\n0I\n"
@@ -232,7 +232,7 @@ TEST(SimBoard, StatsAndMemoryDumpAreWrittenOnceAlsoWhenTheRunEndsInExit) {
             std::exit(3);
         },
         // Cycles: reset 5; IR scans 5 and 4 to Shift-IR, 12 bits, 2 to Run-Test/Idle; DR scans 3 + 17 + 2; idle 5.
-        ::testing::ExitedWithCode(3), "^sim stats: reads 0 writes 1 tck-cycles 91\n$");
+        ::testing::ExitedWithCode(3), "^sim stats: reads 0 writes 1 tck-cycles 91 contention 0\n$");
     EXPECT_EQ(contents(c.dumpMemory), std::string("\xff\xff\x34\x12\xff\xff", 6));
     // A board that is destroyed finishes once; exit() afterwards adds nothing.
     EXPECT_EXIT(
@@ -240,6 +240,6 @@ TEST(SimBoard, StatsAndMemoryDumpAreWrittenOnceAlsoWhenTheRunEndsInExit) {
             { Board(c).install(); }
             std::exit(0);
         },
-        ::testing::ExitedWithCode(0), "^sim stats: reads 0 writes 0 tck-cycles 0\n$");
+        ::testing::ExitedWithCode(0), "^sim stats: reads 0 writes 0 tck-cycles 0 contention 0\n$");
     EXPECT_EQ(contents(c.dumpMemory), std::string(6, '\xff'));
 }
