@@ -204,7 +204,9 @@ bool plan(const netlist::Netlist& n, const std::vector<Part>& parts, const Optio
         int best = -1;
         for (size_t i : net.scanPins) {
             const Pin& pin = p.pins[i];
-            if (!pin.exclusive) continue;
+            bool read = std::any_of(net.scanPins.begin(), net.scanPins.end(),
+                                    [&](size_t j) { return j != i && p.pins[j].input >= 0; });
+            if (!pin.exclusive || !read) continue;  // another pin must read what it drives
             if (best < 0 || (pin.input >= 0 && p.pins[static_cast<size_t>(best)].input < 0)) best = static_cast<int>(i);
         }
         net.driver = best;
@@ -525,9 +527,9 @@ std::string faultText(const Fault& f) {
     if (f.kind == "open") return "open: " + joined(f.nets) + " at " + joined(f.pins);
     if (f.kind == "short")
         return "short: " + joined(f.nets) + " (" +
-               (f.behaviour == "wired-and" || f.behaviour == "wired-or" || f.behaviour == "unknown"
-                    ? f.behaviour
-                    : f.behaviour + " dominates") +
+               (f.behaviour == "wired-and" || f.behaviour == "wired-or" ? f.behaviour
+                : f.behaviour == "unknown"                           ? "to a net not driven"
+                                                                     : f.behaviour + " dominates") +
                ")";
     return f.kind + ": " + joined(f.nets);
 }
@@ -616,7 +618,10 @@ std::string junit(const Report& r, const std::string& suite) {
     }
     std::string counts = "tests=\"" + std::to_string(r.nets.size()) + "\" failures=\"" + std::to_string(r.failed()) +
                          "\" errors=\"0\" skipped=\"" + std::to_string(r.untestable()) + "\"";
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites " + counts + ">\n  <testsuite name=\"" +
+    // The suites' element carries no skipped count in the common schema.
+    std::string totals = "tests=\"" + std::to_string(r.nets.size()) + "\" failures=\"" + std::to_string(r.failed()) +
+                         "\" errors=\"0\"";
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites " + totals + ">\n  <testsuite name=\"" +
            xml(suite) + "\" " + counts + " time=\"0\">\n" + cases + "  </testsuite>\n</testsuites>\n";
 }
 
