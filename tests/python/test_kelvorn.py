@@ -380,3 +380,26 @@ def test_a_play_counts_its_own_cycles():
     assert isinstance(result, kelvorn.PlayResult) and (result.scans, result.bits, result["scans"]) == (1, 8, 1)
     # The reset (5), on through Run-Test/Idle to Shift-IR (5), 8 bits, back to Run-Test/Idle (2).
     assert result.tck_cycles == 5 + 5 + 8 + 2
+
+
+def test_board_test_names_the_faults_the_command_line_names(tmp_path):
+    data = BSDL.parent
+    chain = f"bsdl={BSDL / 'kv_io48.bsd'},bsdl={BSDL / 'kv_dap4.bsd'},bsdl={BSDL / 'KV_BGA36.BSD'}"
+    sim = f"{CPU} --chain {chain} --netlist {data / 'netlist' / 'board.net'} --part U1=0 --part U2=2"
+    # The faults and records tests/e2e/nettest_test.sh sees from kelvorn-chain on the same board.
+    with kelvorn.open(FPGA, ADDRESS, sim=f"{sim} --open 0.io(10) --stuck D8=1") as dev:
+        dev.add_bsdl(BSDL / "kv_io48.bsd")
+        dev.add_bsdl(BSDL / "KV_BGA36.BSD")
+        report = dev.test(data / "netlist" / "board.txt", parts={"U1": 0, "U2": "KV_BGA36"},
+                          junit=tmp_path / "result.xml")
+        assert not report.passed and (report.patterns, report.scans) == (14, 16)
+        assert report.faults == [kelvorn.Fault(kind="open", nets=["A0"], pins=["U1.16"], behaviour=None),
+                                 kelvorn.Fault(kind="stuck-1", nets=["D8"], pins=["U1.14", "U2.C1"], behaviour=None)]
+        ext0 = next(n for n in report.nets if n.name == "EXT0")
+        assert (ext0["class"], ext0.result, ext0.reason, ext0.pins) == ("untestable", "untestable",
+                                                                         "one boundary-scan pin", ["J1.1", "U1.19"])
+        assert (tmp_path / "result.xml").read_text().count("<testcase ") == 22
+        with pytest.raises(kelvorn.BadNetlist, match=r"no net touches U7"):
+            dev.test(data / "netlist" / "board.txt", parts={"U7": 0})
+        with pytest.raises(TypeError):
+            dev.test(data / "netlist" / "board.txt", parts={"U1": 1.5})  # type: ignore[dict-item]
