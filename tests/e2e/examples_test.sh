@@ -16,7 +16,7 @@ src=$(cd "$(dirname "$0")/../.." && pwd)
 # the files go where the runs see them.
 mkdir -p "$E2E_DIR/bin" "$E2E_DIR/share"
 cp "$E2E_BUILD"/bin/kelvorn* "$E2E_DIR/bin/"
-cp -r "$src/tests/data/bsdl" "$E2E_DIR/share/"
+cp -r "$src/tests/data/bsdl" "$src/tests/data/netlist" "$E2E_DIR/share/"
 export KELVORN_SHARE=$E2E_DIR/share
 export PATH=$E2E_DIR/bin:$PATH
 head -c 1048576 /dev/urandom >"$E2E_DIR/dev/urandom"
@@ -107,10 +107,10 @@ done
 
 # The blocks that run, and the few that do not, by name: a doc that loses
 # its examples, or a marker that hides one, shows here.
-expect_eq "$ran" 13 "examples run"
+expect_eq "$ran" 14 "examples run"
 printf '%s\n' "${skipped[@]}" >"$E2E_DIR/skipped"
 expect_eq "$(cat "$E2E_DIR/skipped")" "README.md example 1: builds and tests the whole tree (CI runs it)
-docs/man/kelvorn-chain.1.md example 4: real board
+docs/man/kelvorn-chain.1.md example 5: real board
 docs/man/kelvorn-play.1.md example 2: real board
 docs/man/kelvorn-serve.1.md example 3: real board
 docs/man/kelvorn.1.md example 2: real board
