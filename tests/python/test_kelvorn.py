@@ -197,38 +197,6 @@ def test_cancel_lock_and_refusals(tmp_path):
     assert caught.value.message.startswith("TDO stuck at 1: no device drives it")
 
 
-def test_threads_each_get_their_own_answers():
-    """Eight threads on one device: every JSON whole, every message the thread's own."""
-    import threading
-    wrong = []
-    with kelvorn.open(FPGA, ADDRESS, sim=board()) as dev:
-        dev.add_bsdl(BSDL)
-        devices, pins = dev.discover(), dev.sample(0)
-
-        def work(t):
-            for i in range(150):
-                try:
-                    if i % 3 == 0:
-                        assert dev.discover() == devices
-                    elif i % 3 == 1:
-                        assert dev.sample(0) == pins
-                    else:
-                        dev.shift_dr(3 + t, 0, 8)
-                        wrong.append(f"thread {t}: no error")
-                except kelvorn.Error as e:
-                    if (e.status, e.message) != (kelvorn.E_ARGUMENT, f"no device at position {3 + t} (the chain has 3)"):
-                        wrong.append(f"thread {t}: {e.status} {e.message}")
-                except Exception as e:  # a JSON cut short, an assertion
-                    wrong.append(f"thread {t}: {e!r}")
-
-        threads = [threading.Thread(target=work, args=(t,)) for t in range(8)]
-        for t in threads:
-            t.start()
-        for t in threads:
-            t.join()
-    assert wrong == []
-
-
 def test_callbacks_and_closes_from_elsewhere():
     with kelvorn.open(FPGA, ADDRESS, sim=board()) as dev:
         # From its own progress callback a call on the device is refused: the
