@@ -10,7 +10,6 @@
 source "$(dirname "$0")/lib.sh" "$1"
 
 src=$(cd "$(dirname "$0")/../.." && pwd)
-cache() { sed -n "s/^$1:[A-Z]*=//p" "$E2E_BUILD/CMakeCache.txt"; }
 cc=$(cache CMAKE_C_COMPILER)
 libdir=$(cache CMAKE_INSTALL_LIBDIR)
 # Programs that load a sanitized library need its runtime first.

@@ -10,8 +10,8 @@ source "$(dirname "$0")/lib.sh" "$1"
 
 src=$(cd "$(dirname "$0")/../.." && pwd)
 readme=${KELVORN_README:-$src/README.md}
-libdir=$(sed -n 's/^CMAKE_INSTALL_LIBDIR:[A-Z]*=//p' "$E2E_BUILD/CMakeCache.txt")
-version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$E2E_BUILD/CMakeCache.txt")
+libdir=$(cache CMAKE_INSTALL_LIBDIR)
+version=$(cache CMAKE_PROJECT_VERSION)
 
 # ---- the staged root ----
 
