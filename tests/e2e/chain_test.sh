@@ -137,6 +137,8 @@ done <<'EOF'
 6|drive: d(0)=1 and d(1)=z share control cell 4: one cannot be released while another is driven|drive 0 d(1)=z d(0)=1
 6|drive: d(0)=1 and d(1)=z share control cell 4: one cannot be released while another is driven|drive 0 d(0)=1 d(1)=z
 6|drive: d(2) shares control cell 7 with d(3), not named: it would drive that port too|drive 0 led=1 d(2)=0
+6|drive: d(3) shares control cell 7 with d(2), not named: it would drive that port too|drive 0 d(3)=1
+6|drive: vcc has no output cell|drive 0 vcc=1
 6|drive: led is named twice|drive 0 led=1 led=0
 6|connect: d(0) shares control cell 4 with d(1), not named: it would drive that port too|connect 0.d(0) 1.BUS
 EOF

@@ -7,7 +7,7 @@ source "$(dirname "$0")/lib.sh" "$1"
 
 src=$(cd "$(dirname "$0")/../.." && pwd)
 bin=$E2E_BUILD/bin
-version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$E2E_BUILD/CMakeCache.txt")
+version=$(cache CMAKE_PROJECT_VERSION)
 
 # ---- the pages ----
 

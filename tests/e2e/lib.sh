@@ -37,6 +37,8 @@ e2e_pci() {  # address resource size
   mkdir -p "$E2E_DIR/pci/$1"
   truncate -s "$(($3))" "$E2E_DIR/pci/$1/$2"
 }
+# An entry of the build's CMake cache: cache CMAKE_C_COMPILER.
+cache() { sed -n "s/^$1:[A-Z]*=//p" "$E2E_BUILD/CMakeCache.txt"; }
 e2e_lock_dir() { echo "$E2E_DIR/lock"; }
 e2e_tmp_dir() { echo "$E2E_DIR/tmp"; }
 

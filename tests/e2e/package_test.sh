@@ -10,8 +10,8 @@ source "$(dirname "$0")/lib.sh" "$1"
 
 src=$(cd "$(dirname "$0")/../.." && pwd)
 readme=${KELVORN_README:-$src/README.md}
-libdir=$(sed -n 's/^CMAKE_INSTALL_LIBDIR:[A-Z]*=//p' "$E2E_BUILD/CMakeCache.txt")
-version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$E2E_BUILD/CMakeCache.txt")
+libdir=$(cache CMAKE_INSTALL_LIBDIR)
+version=$(cache CMAKE_PROJECT_VERSION)
 
 # ---- the staged root ----
 
@@ -159,87 +159,6 @@ run_session() {  # block
     [ "$(cat "$dir/status.$i")" = 0 ] || { echo "  $(cat "$dir/cmd.$i")"; sed 's/^/  | /' "$dir/out.$i"; }
   done
 }
-
-# The extraction and the runner, on sample READMEs.
-sample=$E2E_DIR/sample.md
-cat >"$sample" <<'EOF'
-# A sample
-
-```sh
-echo not this block
-```
-
-<!-- first-session -->
-
-```sh
-# comments and blank lines are skipped
-
-kelvorn-sim scan rotanMotub 0000:03:00.0 >ids.txt   # a file the next commands read
-
-# after a blank line, a comment
-board=(--chain "bsdl=$KELVORN_SHARE/bsdl/kv_cpld64.bsd"
-       --pin '0.d(2)=0')
-kelvorn-sim "${board[@]}" chain rotanMotub 0000:03:00.0 \
-    sample 0 | grep -c 'd(2) 0'
-# 1
-test "$(wc -l <ids.txt)" = 2 && head -c 8 /dev/urandom | wc -c
-#8
-```
-
-```sh
-echo nor this one
-```
-EOF
-first_session "$sample" >"$E2E_DIR/sample.sh"
-expect_eq "$?/$(grep -c . "$E2E_DIR/sample.sh")/$(head -n1 "$E2E_DIR/sample.sh")/$(tail -n1 "$E2E_DIR/sample.sh")" \
-  '0/10/# comments and blank lines are skipped/#8' \
-  "extraction: the block after the marker, whole"
-expect_eq "$(split_session "$E2E_DIR/sample.sh" "$(mktemp -d "$E2E_DIR/split.XXXXXX")")" 4 \
-  "a command over lines is one command"
-expect_eq "$(run_session "$E2E_DIR/sample.sh")" "1: status 0
-2: status 0
-3: status 0
-4: status 0" "sample session: each command runs, in one shell, in one directory"
-expect_eq "$(cat "$work/ids.txt")" "0x0a5c7035
-0x1b4d2093" "sample session: the installed simulator's scan"
-# A command that prints otherwise is found; one that fails ends the session there, shown.
-printf 'echo one\n# one\necho two\n# three\ntest -e image.bin\ntrue\n' >"$E2E_DIR/failing.sh"
-expect_eq "$(run_session "$E2E_DIR/failing.sh")" "1: status 0
-2: status 0
-2: prints otherwise
-  1c1
-  < three
-  ---
-  > two
-3: status 1
-  test -e image.bin" "script: what a command prints otherwise, and a failing command that ends the session"
-# A transcript: its output is compared; one line wrong is found.
-cat >"$E2E_DIR/transcript.sh" <<'EOF'
-$ kelvorn-sim scan rotanMotub \
-      0000:03:00.0
-0x0a5c7035
-0x1b4d2093
-$ kelvorn-vectors --version
-kelvorn-vectors 9.9.9
-$ kelvorn-sim --version; echo "status $?"
-kelvorn-sim VERSION
-status 0
-EOF
-sed -i "s/VERSION/$version/" "$E2E_DIR/transcript.sh"
-expect_eq "$(run_session "$E2E_DIR/transcript.sh")" "1: status 0
-2: status 0
-2: prints otherwise
-  1c1
-  < kelvorn-vectors 9.9.9
-  ---
-  > kelvorn-vectors $version
-3: status 0" "transcript: each command's output compared"
-# No marker; a marker without an sh block.
-sed '/first-session/d' "$sample" >"$E2E_DIR/nomarker.md"
-first_session "$E2E_DIR/nomarker.md" >/dev/null
-expect_eq "$?" 1 "extraction: no marker, no session"
-printf '<!-- first-session -->\n```\nls\n```\n' >"$E2E_DIR/nosh.md"
-expect_eq "$(first_session "$E2E_DIR/nosh.md"; echo "status $?")" "status 1" "extraction: the marker wants a sh block"
 
 if ! grep -qxF '<!-- first-session -->' "$readme"; then
   if [ "$E2E_FAILED" != 0 ]; then e2e_done; exit 1; fi

@@ -15,7 +15,6 @@ ulimit -c 0  # SIGQUIT dumps no core here
 d=$E2E_DIR/files
 mkdir -p "$d"
 ln -s /proc/self/fd/0 "$E2E_DIR/dev/stdin"
-cache() { sed -n "s/^$1:[A-Z]*=//p" "$E2E_BUILD/CMakeCache.txt"; }
 # The summary line with the file's name as F and its duration as T.
 summary() {
   sed -E -e 's/^kelvorn-play: [^:]*: /kelvorn-play: F: /' -e 's/ at [0-9.]+ [kM]?Hz,/,/' -e 's/, [0-9]+\.[0-9]+ s(,|$)/, T s\1/' <<<"$1"

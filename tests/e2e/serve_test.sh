@@ -89,10 +89,10 @@ for f in image flipped; do
   fi
 done
 
-# SIGQUIT (Ctrl-\) or SIGTERM during a client's session: the server stops the
+# SIGQUIT (Ctrl-\), SIGTERM or SIGHUP during a client's session: the server stops the
 # normal way, its last act the pins' release (the VCD ends with TCK, TMS and
 # TDI undriven), status 0.
-for sig in QUIT TERM; do
+for sig in QUIT TERM HUP; do
   serve_start --vcd "$d/quit.vcd" -- rotanMotub 0000:03:00.0 || continue
   python3 - "$SERVE_PORT" "$E2E_DIR/client.ready" <<'EOF' &
 import socket, sys, time

@@ -1,8 +1,9 @@
 // The chain commands (jtag/Commands.h) on a simulated chain of two BSDL
 // devices driven straight through the JTAG layer: the boundary register is
-// loaded before EXTEST takes the pins, the release gives them up, refusals
-// move nothing, devices are found by position or entity name, a net is
-// told connected or stuck, USERCODE read.
+// loaded before EXTEST takes the pins, the release gives them up, devices
+// are found by position or entity name, a net is told connected or stuck,
+// USERCODE read. The refusals, in the tool's words and the library's, with
+// no pin driven: chain_test.sh and libchain_test.sh.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -85,40 +86,6 @@ TEST(ChainCommands, ADriveLoadsTheRegisterBeforeExtestTakesThePinsAndTheReleaseG
     commands.release();
     EXPECT_EQ(c.chain.state(), jtag::TapState::TestLogicReset);
     EXPECT_EQ(c.driven(0, "led") + c.driven(0, "d(2)") + c.driven(0, "d(3)"), "zzz");
-}
-
-TEST(ChainCommands, RefusalsMoveNothingAndSayWhy) {
-    OnChain c;
-    jtag::ChainCommands commands(c.tap, c.d, c.given, false);
-    uint64_t before = c.chain.tckCycles();
-    auto refusal = [&](unsigned p, std::vector<std::string> words) {
-        jtag::DrivePlan plan = commands.planDrive(p, words);
-        return std::to_string(plan.status) + " " + plan.error;
-    };
-    EXPECT_EQ(refusal(1, {"OUT0=1"}),
-              "6 drive refused: device 1's BSDL file was found, not given: EXTEST drives its pins and may fight the "
-              "board's own drivers; give it with --bsdl 1=FILE, or --i-know-the-board");
-    EXPECT_EQ(refusal(0, {"led=2"}), "2 led=2: wants PORT=0, PORT=1 or PORT=z");
-    EXPECT_EQ(refusal(0, {"clk=1"}), "6 drive: clk has no output cell");
-    jtag::ConnectResult net = commands.connect("1.BUS", "0.d(0)");
-    EXPECT_EQ(std::to_string(net.status) + " " + net.error + net.result,
-              "6 connect refused: device 1's BSDL file was found, not given: EXTEST drives its pins and may fight the "
-              "board's own drivers; give it with --bsdl 1=FILE, or --i-know-the-board");
-    unsigned p;
-    EXPECT_EQ(commands.resolve("7", &p).error, "no device at position 7 (the chain has 2)");
-    EXPECT_EQ(commands.resolve("STM32", &p).error, "no device on the chain is STM32");
-    EXPECT_EQ(commands.resolve("7", &p).status, jtag::kChainUsage);
-    EXPECT_EQ(c.chain.tckCycles(), before);
-    // The library's own words for how to give a file.
-    jtag::CommandHints hints;
-    hints.give = "kv_add_bsdl";
-    jtag::ChainCommands library(c.tap, c.d, c.given, false, hints);
-    EXPECT_EQ(library.planDrive(1, {"OUT0=1"}).error,
-              "drive refused: device 1's BSDL file was found, not given: EXTEST drives its pins and may fight the "
-              "board's own drivers; give it with kv_add_bsdl");
-    // Told it knows the board, any device.
-    jtag::ChainCommands known(c.tap, c.d, {}, true);
-    EXPECT_TRUE(known.planDrive(1, {"OUT0=1"}).ok());
 }
 
 // The results of connect, USERCODE and sample, as text and JSON, are

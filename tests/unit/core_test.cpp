@@ -2,7 +2,6 @@
 // functions, bit-field helpers, tracing and the register-window layer.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -16,30 +15,14 @@
 
 using ::testing::ElementsAre;
 
-// ---- lock file (its name: the registry's and the tool's tests; a stale one
-// between processes, truncated and not blocking: lock_test.sh) ----
+// ---- lock file (its name, taken before any window: the backends' tests;
+// its mode, a stale one between processes, truncated and not blocking:
+// lock_test.sh) ----
 
 // Standard output on /dev/full, with a line waiting in its buffer.
 void onFullDisk() {
     if (!std::freopen("/dev/full", "w", stdout)) std::abort();
     std::printf("waiting to be written\n");
-}
-
-TEST(Lock, TakenOnVarLockBeforeAnyWindow) {
-    FakeBoard board;
-    struct WindowIntf : StubIntf {
-        WindowIntf(const char* lock, std::vector<std::string>* c) : StubIntf(lock, c) {
-            ham = new Ham("probeHam", HamType::mappedFile, nullptr, 0, 0, "/sys/bus/pci/devices/0000:00:14.0/resource0");
-        }
-        Ptr<Ham> ham;
-    };
-    std::vector<std::string> calls;
-    new WindowIntf("0_0_20_jtag", &calls);
-    EXPECT_THAT(board.events, ElementsAre("lock /var/lock/0_0_20_jtag",
-                                          "window probeHam /sys/bus/pci/devices/0000:00:14.0/resource0"));
-    struct stat st;
-    ASSERT_EQ(::stat((board.lockDir + "/0_0_20_jtag").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0400u);
 }
 
 TEST(Lock, SecondInterfaceForTheSameDeviceIsRefused) {

@@ -2,7 +2,7 @@
 // process on a simulated board (a PEX 8600 switch, the default chain on
 // rotanMotub's pins) that logs every register write with the JTAG pins it
 // moved. Clients read the chain's IDCODEs through either protocol, send
-// what is wrong or random, stall, disconnect, crowd in; the test checks
+// what is wrong, stall, disconnect, crowd in; the test checks
 // what they receive, the server's lines, that TCK, TMS and TDI are
 // undriven at the end of every connection, and the exit status a signal
 // leaves.
@@ -21,7 +21,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <random>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -32,10 +31,8 @@
 #include "sim/Board.h"
 
 using ::testing::ContainsRegex;
-using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::SizeIs;
 
 namespace {
 
@@ -326,73 +323,6 @@ TEST(ServeSocket, XvcRefusalsEndOnlyTheirOwnConnection) {
                             p + peers[3] + " done: 13 bytes in, 18 bytes out, 0 TCK cycles, T s",
                             p + peers[4] + " done: 38 bytes in, 28 bytes out, 73 TCK cycles, T s",
                             "kelvorn-serve: stopped by SIGINT"));
-}
-
-// Random bytes, mostly made of what the protocol knows so that they get
-// somewhere before they go wrong (or do not).
-std::string randomBitbang(std::mt19937& draw) {
-    static const char kKnown[] = "01234567RrstuBb";
-    std::string s(draw() % 48, '\0');
-    for (char& c : s) c = static_cast<char>(draw() % 10 ? kKnown[draw() % (sizeof kKnown - 1)] : draw() % 256);
-    return s;
-}
-
-std::string randomXvc(std::mt19937& draw) {
-    static const uint32_t kPeriods[] = {0, 1, 150, 1000, 20000};
-    std::string s;
-    for (unsigned pieces = draw() % 5; pieces--;) {
-        switch (draw() % 5) {
-            case 0:
-                s += "getinfo:";
-                break;
-            case 1:
-                s += "settck:" + le(kPeriods[draw() % 5]);
-                break;
-            case 2:
-            case 3: {
-                uint32_t bits = draw() % 140;  // past 128 is too long for 16 bytes
-                s += "shift:" + le(bits);
-                for (size_t i = 0; i < 2 * ((bits + 7) / 8); ++i) s += static_cast<char>(draw());
-                break;
-            }
-            default:
-                for (unsigned n = 1 + draw() % 3; n--;) s += static_cast<char>(draw());
-        }
-    }
-    if (!s.empty() && draw() % 3 == 0) s.resize(draw() % s.size());
-    return s;
-}
-
-void tenThousandRandomClients(const std::vector<std::string>& options, std::string (*random)(std::mt19937&),
-                              std::vector<uint32_t> (*idcodes)(int), int stopSignal) {
-    constexpr int kClients = 10000;
-    Server server(options);
-    std::mt19937 draw(20240611);
-    for (int i = 0; i < kClients; ++i) {
-        int fd = connectTo(server.port());
-        sendAll(fd, random(draw));
-        ::shutdown(fd, SHUT_WR);
-        receive(fd);  // until the server closes
-        ::close(fd);
-    }
-    int fd = connectTo(server.port());
-    EXPECT_THAT(idcodes(fd), ElementsAre(kIdcodes[0], kIdcodes[1]));
-    ::close(fd);
-    ASSERT_TRUE(server.waitFor(" done: ", kClients + 1));
-    EXPECT_EQ(server.stop(stopSignal), 0);
-    std::string log = server.log();
-    std::vector<std::string> ends = pinsAtEachEnd(log);
-    EXPECT_THAT(ends, SizeIs(kClients + 1));
-    EXPECT_THAT(ends, Each(kReleased));
-    EXPECT_EQ(serverLines(log).back(), std::string("kelvorn-serve: stopped by SIG") + sigabbrev_np(stopSignal));
-}
-
-TEST(ServeSocket, TenThousandRandomRemoteBitbangClients) {
-    tenThousandRandomClients({}, randomBitbang, idcodesOverBitbang, SIGTERM);
-}
-
-TEST(ServeSocket, TenThousandRandomXvcClients) {
-    tenThousandRandomClients({"--protocol", "xvc", "--max-vector", "16"}, randomXvc, idcodesOverXvc, SIGHUP);
 }
 
 }  // namespace

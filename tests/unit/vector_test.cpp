@@ -3,8 +3,7 @@
 // and a 4096-bit round trip through the chain's BYPASS registers, the same
 // register file at the end; and what a long shift costs in register
 // accesses. Each comparison runs in a child process of its own, on a
-// fresh board; one more test checks that boards built one after another in
-// one process, as the benchmarks build them, each start from power-up.
+// fresh board.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -157,24 +156,6 @@ TEST_P(Vector, LongShiftCostsTwoWritesPerCycleAndNoRead) {
 
 INSTANTIATE_TEST_SUITE_P(EveryBackend, Vector, ::testing::ValuesIn(kBackends),
                          [](const auto& info) { return std::string(info.param.name); });
-
-// The benchmarks build one board after another in one process
-// (simtest::SimTarget): each must start from power-up, whatever the one
-// before it left (the SoC backend's detected platform, the locks, the
-// chip's counters, the chain's state), through either path.
-TEST(SimTarget, BoardsFollowOneAnotherInOneProcess) {
-    for (int round = 0; round < 2; ++round)
-        for (const Backend& b : kBackends) {
-            simtest::SimTarget target(b);
-            ASSERT_NE(target.intf, nullptr) << b.name;
-            EXPECT_EQ(target.board.chain().tckCycles(), 0u) << b.name;
-            PerPin perPin(target.intf);
-            jtag::Tap tap(round ? static_cast<XilIntf*>(&perPin) : target.intf);
-            EXPECT_THAT(jtag::readIdcodes(tap), ::testing::ElementsAre(0x0a5c7035u, 0x1b4d2093u))
-                << b.name << (round ? ", per pin" : "");
-            EXPECT_GT(target.board.writes(), 0u) << b.name;
-        }
-}
 
 // ---- the exact register traffic of a short shift ----
 
