@@ -332,14 +332,14 @@ class Program {
         if (!r.ok() && r.status != jtag::kChainFaultFound) return failWith(r);
         if (!o_.junit.empty()) {
             FILE* f = std::fopen(o_.junit.c_str(), "w");
-            std::string xml = jtag::nettest::junit(r.report, netlist);
+            std::string xml = jtag::interconnect::junit(r.report, netlist);
             if (!f || std::fwrite(xml.data(), 1, xml.size(), f) != xml.size() || std::fclose(f) != 0)
                 return fail(jtag::kChainBadNetlist, "cannot write " + o_.junit);
         }
         if (o_.json)
             std::printf("%s\n", jtag::testJson(r).c_str());
         else
-            std::printf("%s", jtag::nettest::text(r.report).c_str());
+            std::printf("%s", jtag::interconnect::text(r.report).c_str());
         return r.status;
     }
 

@@ -274,28 +274,28 @@ bool pair(const std::string& text, std::string* left, std::string* right) {
     return true;
 }
 
-class ChainBoard : public nettest::Board {
+class ChainBoard : public interconnect::Board {
   public:
-    ChainBoard(ChainAccess& access, const nettest::Plan& p, const std::function<bool()>& stop)
+    ChainBoard(ChainAccess& access, const interconnect::Plan& p, const std::function<bool()>& stop)
         : access_(access), p_(p), stop_(stop) {}
     std::vector<BitVector> scan(const std::vector<BitVector>& registers) override {
         std::map<unsigned, BitVector> regs;
         for (size_t i = 0; i < registers.size(); ++i) regs[p_.parts[i].position] = registers[i];
         std::map<unsigned, BitVector> got = access_.data(regs);
         std::vector<BitVector> out;
-        for (const nettest::Part& part : p_.parts) out.push_back(got[part.position]);
+        for (const interconnect::Part& part : p_.parts) out.push_back(got[part.position]);
         return out;
     }
     void extest() override {
         std::map<unsigned, BitVector> ir;
-        for (const nettest::Part& part : p_.parts) ir[part.position] = bsdlOpcode(*part.device, {"EXTEST"});
+        for (const interconnect::Part& part : p_.parts) ir[part.position] = bsdlOpcode(*part.device, {"EXTEST"});
         access_.instructions(ir);
     }
     bool stop() override { return stop_ && stop_(); }
 
   private:
     ChainAccess& access_;
-    const nettest::Plan& p_;
+    const interconnect::Plan& p_;
     const std::function<bool()>& stop_;
 };
 
@@ -317,10 +317,10 @@ TestResult ChainCommands::test(const TestRequest& q, const std::function<bool()>
     std::set<std::string> refs;
     for (const netlist::Net& net : n.nets)
         for (const netlist::Node& node : net.nodes) refs.insert(node.ref);
-    std::vector<nettest::Part> parts;
+    std::vector<interconnect::Part> parts;
     std::set<unsigned> taken;
     for (const std::string& item : q.parts) {
-        nettest::Part part;
+        interconnect::Part part;
         std::string dev;
         if (!pair(item, &part.ref, &dev)) return failed<TestResult>(failure(kChainUsage, "--part " + item + ": wants REF=DEV"));
         CommandResult why = resolve(dev, &part.position);
@@ -335,7 +335,7 @@ TestResult ChainCommands::test(const TestRequest& q, const std::function<bool()>
         parts.push_back(part);
     }
     if (parts.empty()) return failed<TestResult>(failure(kChainUsage, "test: give the netlist's parts with --part REF=DEV"));
-    nettest::Options options;
+    interconnect::Options options;
     for (const std::string& item : q.pulls) {
         std::string net, how;
         if (!pair(item, &net, &how) || (how != "up" && how != "down"))
@@ -343,20 +343,20 @@ TestResult ChainCommands::test(const TestRequest& q, const std::function<bool()>
         options.pulls[net] = how == "up";
     }
     options.power.insert(q.power.begin(), q.power.end());
-    nettest::Plan plan;
-    if (!nettest::plan(n, parts, options, &plan, &error)) return failed<TestResult>(failure(kChainBadNetlist, error));
-    for (const nettest::Part& part : parts) {
+    interconnect::Plan plan;
+    if (!interconnect::plan(n, parts, options, &plan, &error)) return failed<TestResult>(failure(kChainBadNetlist, error));
+    for (const interconnect::Part& part : parts) {
         CommandResult allowed = mayDrive(part.position, "test");
         if (!allowed.ok()) return failed<TestResult>(allowed);
     }
 
     // Every part preloaded with the first pattern before EXTEST takes its pins.
     std::map<unsigned, BitVector> ir;
-    for (const nettest::Part& part : parts) ir[part.position] = bsdlOpcode(*part.device, {"PRELOAD", "SAMPLE"});
+    for (const interconnect::Part& part : parts) ir[part.position] = bsdlOpcode(*part.device, {"PRELOAD", "SAMPLE"});
     access_.instructions(ir);
     ChainBoard board(access_, plan, stop);
     TestResult r;
-    r.report = nettest::run(plan, board);
+    r.report = interconnect::run(plan, board);
     tap_.reset();
     if (!r.report.faults.empty() || r.report.failed()) {
         r.status = kChainFaultFound;
@@ -365,7 +365,7 @@ TestResult ChainCommands::test(const TestRequest& q, const std::function<bool()>
     return r;
 }
 
-std::string testJson(const TestResult& r) { return jsonText(nettest::json(r.report)); }
+std::string testJson(const TestResult& r) { return jsonText(interconnect::json(r.report)); }
 
 std::string sampleJson(const SampleResult& r) { return sampleJson(r.position, *r.bsdl, r.levels); }
 

@@ -22,7 +22,7 @@
 #include "jtag/ChainAccess.h"
 #include "jtag/Discovery.h"
 #include "jtag/Json.h"
-#include "jtag/NetTest.h"
+#include "jtag/Interconnect.h"
 #include "jtag/Tap.h"
 
 namespace jtag {
@@ -102,7 +102,7 @@ struct TestRequest {
 };
 
 struct TestResult : CommandResult {
-    nettest::Report report;  // status kChainOk: every tested net passed; kChainFaultFound: not
+    interconnect::Report report;  // status kChainOk: every tested net passed; kChainFaultFound: not
 };
 
 class ChainCommands {
@@ -137,7 +137,7 @@ class ChainCommands {
     // in Test-Logic-Reset. Status kChainNotConnected unless "connected".
     ConnectResult connect(const std::string& from, const std::string& to);
 
-    // The whole board's interconnect test (jtag/NetTest.h): every part in
+    // The whole board's interconnect test (jtag/Interconnect.h): every part in
     // EXTEST at once, the other devices in BYPASS; the chain is left in
     // Test-Logic-Reset. stop(), asked between scans, ends it early (the
     // report then says stopped).

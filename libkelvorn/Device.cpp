@@ -840,7 +840,7 @@ int kv_test_netlist(kv_device* device, const kv_test_request* request, const cha
             d->driving = false;  // the test ends in Test-Logic-Reset
             if (!t.ok() && t.status != jtag::kChainFaultFound) return failed(r, t);
             if (request->junit) {
-                std::string xml = jtag::nettest::junit(t.report, q.netlist);
+                std::string xml = jtag::interconnect::junit(t.report, q.netlist);
                 FILE* f = std::fopen(request->junit, "w");
                 bool written = f && std::fwrite(xml.data(), 1, xml.size(), f) == xml.size();
                 if (f && std::fclose(f) != 0) written = false;

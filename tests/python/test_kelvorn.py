@@ -344,7 +344,7 @@ def test_board_test_names_the_faults_the_command_line_names(tmp_path):
     data = BSDL.parent
     chain = f"bsdl={BSDL / 'kv_io48.bsd'},bsdl={BSDL / 'kv_dap4.bsd'},bsdl={BSDL / 'KV_BGA36.BSD'}"
     sim = f"{CPU} --chain {chain} --netlist {data / 'netlist' / 'board.net'} --part U1=0 --part U2=2"
-    # The faults and records tests/e2e/nettest_test.sh sees from kelvorn-chain on the same board.
+    # The faults and records tests/e2e/interconnect_test.sh sees from kelvorn-chain on the same board.
     with kelvorn.open(FPGA, ADDRESS, sim=f"{sim} --open 0.io(10) --stuck D8=1") as dev:
         dev.add_bsdl(BSDL / "kv_io48.bsd")
         dev.add_bsdl(BSDL / "KV_BGA36.BSD")

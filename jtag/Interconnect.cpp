@@ -1,4 +1,4 @@
-#include "jtag/NetTest.h"
+#include "jtag/Interconnect.h"
 
 #include <algorithm>
 #include <cctype>
@@ -6,7 +6,7 @@
 
 #include "jtag/Boundary.h"
 
-namespace jtag::nettest {
+namespace jtag::interconnect {
 
 namespace {
 
@@ -625,4 +625,4 @@ std::string junit(const Report& r, const std::string& suite) {
            xml(suite) + "\" " + counts + " time=\"0\">\n" + cases + "  </testsuite>\n</testsuites>\n";
 }
 
-}  // namespace jtag::nettest
+}  // namespace jtag::interconnect

@@ -32,7 +32,7 @@
 #include "jtag/Json.h"
 #include "jtag/Netlist.h"
 
-namespace jtag::nettest {
+namespace jtag::interconnect {
 
 // A component of the netlist that is a device on the chain.
 struct Part {
@@ -141,4 +141,4 @@ Json json(const Report& r);
 // JUnit XML: one testcase per net, a failure with its faults, skipped when untestable.
 std::string junit(const Report& r, const std::string& suite);
 
-}  // namespace jtag::nettest
+}  // namespace jtag::interconnect

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "jtag/Boundary.h"
-#include "jtag/NetTest.h"
+#include "jtag/Interconnect.h"
 
 namespace {
 
@@ -22,22 +22,22 @@ struct TestBoard {
         std::string error;
         EXPECT_TRUE(netlist::readFile(kData + "netlist/board.net", &netlist, &error)) << error;
     }
-    std::vector<nettest::Part> parts() const { return {{"U1", 0, &u1, ""}, {"U2", 2, &u2, ""}}; }
+    std::vector<interconnect::Part> parts() const { return {{"U1", 0, &u1, ""}, {"U2", 2, &u2, ""}}; }
 };
 
 // A good board: each net's level is its enabled driver's, else its pull
 // (up unless planned down). Records every pattern's drivers and checks them.
-class Model : public nettest::Board {
+class Model : public interconnect::Board {
   public:
-    explicit Model(const nettest::Plan& p) : p_(p) {}
+    explicit Model(const interconnect::Plan& p) : p_(p) {}
     std::vector<BitVector> scan(const std::vector<BitVector>& regs) override {
         std::vector<BitVector> captured(regs.size());
         for (size_t i = 0; i < regs.size(); ++i) captured[i].assign(regs[i].size(), false);
         if (extest_) check(inForce_);
-        for (const nettest::PlannedNet& net : p_.nets) {
+        for (const interconnect::PlannedNet& net : p_.nets) {
             bool level = net.pulled ? net.pullUp : true;
             for (size_t i : net.scanPins) {
-                const nettest::Pin& pin = p_.pins[i];
+                const interconnect::Pin& pin = p_.pins[i];
                 if (pin.output >= 0 && driving(inForce_, pin)) level = inForce_[pin.part][pin.output];
             }
             for (size_t i : net.scanPins)
@@ -51,7 +51,7 @@ class Model : public nettest::Board {
     unsigned scans = 0, checked = 0;
 
   private:
-    bool driving(const std::vector<BitVector>& regs, const nettest::Pin& pin) const {
+    bool driving(const std::vector<BitVector>& regs, const interconnect::Pin& pin) const {
         return extest_ && (pin.control < 0 || regs[pin.part][pin.control] == pin.enable);
     }
     // Every output the registers enable is its net's one driver (or a
@@ -61,8 +61,8 @@ class Model : public nettest::Board {
             const bsdl::Device& d = *p_.parts[part].device;
             for (const boundary::PortDrive& port : boundary::drivenBy(d, regs[part])) {
                 if (port.level == 'z') continue;
-                const nettest::PlannedNet* on = nullptr;
-                for (const nettest::PlannedNet& net : p_.nets)
+                const interconnect::PlannedNet* on = nullptr;
+                for (const interconnect::PlannedNet& net : p_.nets)
                     for (size_t i : net.scanPins)
                         if (p_.pins[i].part == part && boundary::sameName(p_.pins[i].port, port.port)) on = &net;
                 if (!on) {
@@ -72,24 +72,24 @@ class Model : public nettest::Board {
                 ASSERT_GE(on->driver, 0) << port.port << " drives " << on->name << ", which has no driver";
                 EXPECT_TRUE(boundary::sameName(p_.pins[on->driver].port, port.port) && p_.pins[on->driver].part == part)
                     << port.port << " drives " << on->name << " beside its driver";
-                EXPECT_NE(on->cls, nettest::NetClass::power) << on->name;
+                EXPECT_NE(on->cls, interconnect::NetClass::power) << on->name;
             }
         }
         ++checked;
     }
-    const nettest::Plan& p_;
+    const interconnect::Plan& p_;
     std::vector<BitVector> inForce_;
     bool extest_ = false;
 };
 
-TEST(NetTest, PlansEveryNetOfTheTestBoard) {
+TEST(Interconnect, PlansEveryNetOfTheTestBoard) {
     TestBoard b;
-    nettest::Plan p;
+    interconnect::Plan p;
     std::string error;
-    ASSERT_TRUE(nettest::plan(b.netlist, b.parts(), {}, &p, &error)) << error;
+    ASSERT_TRUE(interconnect::plan(b.netlist, b.parts(), {}, &p, &error)) << error;
     std::map<std::string, std::string> got;
-    for (const nettest::PlannedNet& n : p.nets)
-        got[n.name] = std::string(nettest::className(n.cls)) + (n.driver >= 0 ? " from " + p.pins[n.driver].name : "") +
+    for (const interconnect::PlannedNet& n : p.nets)
+        got[n.name] = std::string(interconnect::className(n.cls)) + (n.driver >= 0 ? " from " + p.pins[n.driver].name : "") +
                       (n.reason.empty() ? "" : ": " + n.reason);
     EXPECT_EQ(got["D0"], "testable from U1.2");            // io(0), its own control: the first of two bidirectionals
     EXPECT_EQ(got["B0"], "testable from U2.D1");           // only U2 drives it
@@ -104,16 +104,16 @@ TEST(NetTest, PlansEveryNetOfTheTestBoard) {
     EXPECT_EQ(got["+3V3"], "power: a power net");
 }
 
-TEST(NetTest, AGoodBoardPassesInCountingPatternsWithNoNetDrivenTwice) {
+TEST(Interconnect, AGoodBoardPassesInCountingPatternsWithNoNetDrivenTwice) {
     TestBoard b;
     for (bool d9Power : {false, true}) {
-        nettest::Options o;
+        interconnect::Options o;
         if (d9Power) o.power.insert("D9");
-        nettest::Plan p;
+        interconnect::Plan p;
         std::string error;
-        ASSERT_TRUE(nettest::plan(b.netlist, b.parts(), o, &p, &error)) << error;
+        ASSERT_TRUE(interconnect::plan(b.netlist, b.parts(), o, &p, &error)) << error;
         Model board(p);
-        nettest::Report r = nettest::run(p, board);
+        interconnect::Report r = interconnect::run(p, board);
         EXPECT_TRUE(r.faults.empty());
         // 16 (15) driven nets: 5 bits, a pattern of each and of its
         // complement, one scan each and the preload.
@@ -124,36 +124,36 @@ TEST(NetTest, AGoodBoardPassesInCountingPatternsWithNoNetDrivenTwice) {
     }
 }
 
-TEST(NetTest, RefusesANetlistThatDoesNotFitItsParts) {
+TEST(Interconnect, RefusesANetlistThatDoesNotFitItsParts) {
     TestBoard b;
-    nettest::Plan p;
+    interconnect::Plan p;
     std::string error;
     netlist::Netlist n;
     ASSERT_TRUE(netlist::read("A: U1.2 U2.A2\nB: U2.G7 U1.3\n", "x.txt", &n, &error)) << error;
-    EXPECT_FALSE(nettest::plan(n, b.parts(), {}, &p, &error));
+    EXPECT_FALSE(interconnect::plan(n, b.parts(), {}, &p, &error));
     EXPECT_EQ(error, "x.txt:2: U2 pin G7 is not in the pin map of KV_BGA36 (package BGA36)");
-    std::vector<nettest::Part> parts = b.parts();
+    std::vector<interconnect::Part> parts = b.parts();
     parts[1].package = "QFN9";
-    EXPECT_FALSE(nettest::plan(b.netlist, parts, {}, &p, &error));
+    EXPECT_FALSE(interconnect::plan(b.netlist, parts, {}, &p, &error));
     EXPECT_EQ(error, b.netlist.file + ": U2 (KV_BGA36) has no package QFN9");
 }
 
-TEST(NetTest, ReportsAsTextJsonAndJunit) {
-    nettest::Report r;
-    r.nets = {{"D0", nettest::NetClass::testable, "fail", "", {"U1.2", "U2.A2"}},
-              {"D1", nettest::NetClass::testable, "fail", "", {"U1.3", "U2.A3"}},
-              {"X<&>", nettest::NetClass::untestable, "untestable", "one boundary-scan pin", {"J1.1"}}};
+TEST(Interconnect, ReportsAsTextJsonAndJunit) {
+    interconnect::Report r;
+    r.nets = {{"D0", interconnect::NetClass::testable, "fail", "", {"U1.2", "U2.A2"}},
+              {"D1", interconnect::NetClass::testable, "fail", "", {"U1.3", "U2.A3"}},
+              {"X<&>", interconnect::NetClass::untestable, "untestable", "one boundary-scan pin", {"J1.1"}}};
     r.faults = {{"short", {"D0", "D1"}, {"U1.2", "U2.A2", "U1.3", "U2.A3"}, "wired-and"}};
     r.patterns = 14;
     r.scans = 16;
-    EXPECT_EQ(nettest::text(r), "short: D0, D1 (wired-and)\n3 nets: 0 passed, 2 failed, 1 untestable; 14 patterns, 16 scans\n");
-    EXPECT_EQ(jsonText(nettest::json(r)),
+    EXPECT_EQ(interconnect::text(r), "short: D0, D1 (wired-and)\n3 nets: 0 passed, 2 failed, 1 untestable; 14 patterns, 16 scans\n");
+    EXPECT_EQ(jsonText(interconnect::json(r)),
               R"x({"nets":[{"name":"D0","class":"testable","result":"fail","pins":["U1.2","U2.A2"]},)x"
               R"x({"name":"D1","class":"testable","result":"fail","pins":["U1.3","U2.A3"]},)x"
               R"x({"name":"X<&>","class":"untestable","result":"untestable","pins":["J1.1"],"reason":"one boundary-scan pin"}],)x"
               R"x("faults":[{"kind":"short","nets":["D0","D1"],"pins":["U1.2","U2.A2","U1.3","U2.A3"],"behaviour":"wired-and"}],)x"
               R"x("patterns":14,"scans":16})x");
-    std::string xml = nettest::junit(r, "board.net");
+    std::string xml = interconnect::junit(r, "board.net");
     EXPECT_NE(xml.find(R"x(<testcase name="D1" classname="board.net" time="0"><failure message="short: D0, D1 (wired-and)" type="short">)x"),
               std::string::npos) << xml;
     EXPECT_NE(xml.find(R"(<testcase name="X&lt;&amp;&gt;" classname="board.net" time="0"><skipped message="untestable: one boundary-scan pin"/>)"),
