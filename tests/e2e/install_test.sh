@@ -79,6 +79,8 @@ share/kelvorn/bsdl/KV_FPGA6.BSD
 share/kelvorn/bsdl/kv_cpld64.bsd
 share/kelvorn/bsdl/kv_dap4.bsd
 share/kelvorn/bsdl/kv_io48.bsd
+share/kelvorn/netlist/board.net
+share/kelvorn/netlist/board.txt
 share/man/man3/libxilinx.3.gz
 share/man/man3/libkelvorn.3.gz
 share/man/man7/kelvorn-status.7.gz")" "installed libraries, Python package, manual pages, completion, units and package documents"
@@ -184,6 +186,8 @@ share/kelvorn/bsdl/KV_FPGA6.BSD
 share/kelvorn/bsdl/kv_cpld64.bsd
 share/kelvorn/bsdl/kv_dap4.bsd
 share/kelvorn/bsdl/kv_io48.bsd
+share/kelvorn/netlist/board.net
+share/kelvorn/netlist/board.txt
 share/man/man1/kelvorn-sim.1.gz
 share/man/man1/kelvorn-vectors.1.gz" "kelvorn-sim: the simulator, kelvorn-vectors, pages, completion, BSDL files"
 expect_eq "$(dpkg-deb -f "$(deb kelvorn-sim)" Recommends)" "kelvorn" "kelvorn-sim recommends kelvorn"
