@@ -75,9 +75,11 @@ share/man/man1/kelvorn-serve.1.gz
 share/man/man1/kelvorn.1.gz
 share/man/man1/kelvorn-sim.1.gz
 share/man/man1/kelvorn-vectors.1.gz
+share/kelvorn/bsdl/KV_BGA36.BSD
 share/kelvorn/bsdl/KV_FPGA6.BSD
 share/kelvorn/bsdl/kv_cpld64.bsd
 share/kelvorn/bsdl/kv_dap4.bsd
+share/kelvorn/bsdl/kv_io48.bsd
 share/man/man3/libxilinx.3.gz
 share/man/man3/libkelvorn.3.gz
 share/man/man7/kelvorn-status.7.gz")" "installed libraries, Python package, manual pages, completion, units and package documents"
@@ -178,9 +180,11 @@ share/bash-completion/completions/kelvorn-sim
 share/bash-completion/completions/kelvorn-vectors
 share/doc/kelvorn-sim/changelog.gz
 share/doc/kelvorn-sim/copyright
+share/kelvorn/bsdl/KV_BGA36.BSD
 share/kelvorn/bsdl/KV_FPGA6.BSD
 share/kelvorn/bsdl/kv_cpld64.bsd
 share/kelvorn/bsdl/kv_dap4.bsd
+share/kelvorn/bsdl/kv_io48.bsd
 share/man/man1/kelvorn-sim.1.gz
 share/man/man1/kelvorn-vectors.1.gz" "kelvorn-sim: the simulator, kelvorn-vectors, pages, completion, BSDL files"
 expect_eq "$(dpkg-deb -f "$(deb kelvorn-sim)" Recommends)" "kelvorn" "kelvorn-sim recommends kelvorn"

@@ -70,7 +70,7 @@ expect_eq "$(as_user kelvorn-chain --help | grep -oE -- '--bsdl-path [^ ]+')" \
   "--bsdl-path DIR[:DIR...]=$root/usr/bin/../share/kelvorn/bsdl:$work/.local/share/kelvorn/bsdl" \
   "kelvorn-chain --help: the default BSDL directory, beside the program"
 bsdl=$root/usr/share/kelvorn/bsdl
-expect_eq "$(ls "$bsdl" | paste -sd' ')" "KV_FPGA6.BSD kv_cpld64.bsd kv_dap4.bsd" "the BSDL directory: the simulated parts"
+expect_eq "$(ls "$bsdl" | paste -sd' ')" "KV_BGA36.BSD KV_FPGA6.BSD kv_cpld64.bsd kv_dap4.bsd kv_io48.bsd" "the BSDL directory: the simulated parts"
 # No --bsdl and no --bsdl-path: the names come from the installed directory.
 expect_eq "$(as_user kelvorn-sim --chain "bsdl=$bsdl/kv_cpld64.bsd,bsdl=$bsdl/KV_FPGA6.BSD,bsdl=$bsdl/kv_dap4.bsd" \
   chain rotanMotub 0000:03:00.0 2>&1; echo "status $?")" \
