@@ -46,9 +46,11 @@ constexpr unsigned kWiredPins = 256;  // bidirectional pins of each device, each
 // A device of kWiredPins bidirectional pins IO_i: cell 2i the control (0
 // disables), cell 2i+1 the pin. EXTEST is 0000, BYPASS 1111.
 std::shared_ptr<const jtag::bsdl::Device> wiredDevice() {
-    std::string f = "entity WIDE is\n generic (PHYSICAL_PIN_MAP : string := \"P\");\n port (TCK, TMS, TDI : in bit; TDO : out bit;\n";
+    std::string f = "entity WIDE is\n generic (PHYSICAL_PIN_MAP : string := \"P\");\n";
+    f += " port (TCK, TMS, TDI : in bit; TDO : out bit;\n";
     f += "  IO : inout bit_vector (0 to " + std::to_string(kWiredPins - 1) + "));\n use STD_1149_1_2001.all;\n";
-    f += " attribute PIN_MAP of WIDE : entity is PHYSICAL_PIN_MAP;\n constant P : PIN_MAP_STRING := \"TCK:1, TMS:2, TDI:3, TDO:4, IO:(";
+    f += " attribute PIN_MAP of WIDE : entity is PHYSICAL_PIN_MAP;\n";
+    f += " constant P : PIN_MAP_STRING := \"TCK:1, TMS:2, TDI:3, TDO:4, IO:(";
     for (unsigned i = 0; i < kWiredPins; ++i) f += (i ? ", " : "") + std::to_string(10 + i);
     f += ")\";\n attribute INSTRUCTION_LENGTH of WIDE : entity is 4;\n";
     f += " attribute INSTRUCTION_OPCODE of WIDE : entity is \"EXTEST (0000), SAMPLE (0001), BYPASS (1111)\";\n";
