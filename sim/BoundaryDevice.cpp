@@ -1,6 +1,7 @@
 #include "sim/BoundaryDevice.h"
 
 #include <cctype>
+#include <set>
 
 namespace sim {
 
@@ -31,6 +32,9 @@ bool drivesPin(Cell::Function f) {
 BoundaryDevice::BoundaryDevice(const BoundaryDesc& desc) : desc_(desc) {
     const jtag::bsdl::Device& d = *desc_.bsdl;
     update_.assign(d.boundaryLength, false);
+    std::set<std::string> ports;
+    for (const Cell& c : d.boundary)
+        if (drivesPin(c.function) && ports.insert(upper(c.port)).second) driveCells_.push_back(c.number);
     for (const jtag::bsdl::Instruction& i : d.instructions) {
         std::string name = upper(i.name);
         Opcode op{0, 0, Register::bypass, false, false};
@@ -95,19 +99,10 @@ bool BoundaryDevice::drivesCell(unsigned number, bool* level) const {
 }
 
 void BoundaryDevice::record() {
-    for (const Cell& c : desc_.bsdl->boundary) {
-        if (!drivesPin(c.function)) continue;
-        bool level;
-        bool driven = drives(c.port, &level);
-        auto it = lastDriven_.begin();
-        while (it != lastDriven_.end() && upper(it->first) != upper(c.port)) ++it;
-        if (driven && it == lastDriven_.end())
-            lastDriven_.emplace_back(c.port, level);
-        else if (driven)
-            it->second = level;
-        else if (it != lastDriven_.end())
-            lastDriven_.erase(it);
-    }
+    lastDriven_.clear();
+    bool level;
+    for (unsigned cell : driveCells_)
+        if (drivesCell(cell, &level)) lastDriven_.emplace_back(desc_.bsdl->boundary[cell].port, level);
 }
 
 }  // namespace sim

@@ -88,6 +88,7 @@ class BoundaryDevice {
     bool drive_ = false, highz_ = false;
     jtag::BitVector update_;
     std::vector<std::pair<std::string, bool>> lastDriven_;
+    std::vector<unsigned> driveCells_;  // the first output cell of each port, in cell order
 };
 
 }  // namespace sim

@@ -238,8 +238,8 @@ void JtagChain::rebuild() {
                 pins_.push_back(p);
             }
             Pin& p = pins_[static_cast<size_t>(it->second)];
-            bool out = c.function == jtag::bsdl::Cell::Function::output2 ||
-                       c.function == jtag::bsdl::Cell::Function::output3 || c.function == jtag::bsdl::Cell::Function::bidir;
+            using F = jtag::bsdl::Cell::Function;
+            bool out = c.function == F::output2 || c.function == F::output3 || c.function == F::bidir;
             if (out && p.outCell < 0) p.outCell = static_cast<int>(c.number);
             cellPins_[i][c.number] = it->second;
         }

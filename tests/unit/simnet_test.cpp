@@ -1,178 +1,202 @@
 // The simulated board's wiring between BSDL devices, through the options as
-// kelvorn-sim and libkelvorn-sim take them: nets from a netlist read through
-// each part's pin map, and the faults put in on purpose (an open pin,
-// shorts of each kind, a stuck net, pulls), with the contention counted.
-// The chain is driven at its pins: EXTEST on both devices, then boundary
-// scans whose captures show what each input pin reads.
+// kelvorn-sim and libkelvorn-sim take them: the interconnect test's board
+// from its netlist (tests/data/netlist), and the faults put in on purpose
+// (an open pin, shorts of each kind, a stuck net, pulls) with the
+// contention counted. The chain is driven at its pins: EXTEST on every
+// device, then boundary scans whose captures show what input pins read.
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <optional>
+#include <sstream>
 #include <string>
 
 #include "sim/BoardOptions.h"
+#include "sim/Options.h"
 
 namespace {
 
-const std::string kData = std::string(KELVORN_SOURCE_DIR) + "/tests/data/bsdl/";
-// Position 0 (nearest TDO): kv_cpld64, 12 cells, IR 8. Position 1: KV_FPGA6, 8 cells, IR 6.
-const std::string kChain = "--chain bsdl=" + kData + "kv_cpld64.bsd:package=CS48,bsdl=" + kData + "KV_FPGA6.BSD ";
+using jtag::bsdl::Cell;
+
+const std::string kSource = KELVORN_SOURCE_DIR;
+const std::string kBsdl = kSource + "/tests/data/bsdl/";
+// kv_cpld64 in its CS48 package nearest TDO, KV_FPGA6 behind it.
+const std::string kPair = "--chain bsdl=" + kBsdl + "kv_cpld64.bsd:package=CS48,bsdl=" + kBsdl + "KV_FPGA6.BSD ";
+// led -> SW(1); OUT0 -> clk and SW(0); BUS -> d(0).
+const std::string kNets = kPair + "--net 0.led=1.SW(1) --net 1.OUT0=0.clk --net 0.clk=1.SW(0) --net '1.BUS=0.d(0)' ";
+// The interconnect test's board: U1 kv_io48, U2 KV_BGA36.
+std::string board(const char* netlist) {
+    return "--chain bsdl=" + kBsdl + "kv_io48.bsd,bsdl=" + kBsdl + "KV_BGA36.BSD --netlist " + kSource +
+           "/tests/data/netlist/" + netlist + " --part U1=0 --part U2=1 ";
+}
 
 std::string optionError(const std::string& options) {
     sim::BoardConfig c;
-    return sim::parseBoardOptions(kChain + options, &c);
-}
-
-// A netlist in a file of the test's own.
-std::string netlistFile(const std::string& text) {
-    std::string path = ::testing::TempDir() + "simnet_board.net";
-    std::ofstream(path) << text;
-    return path;
-}
-
-// Boundary register contents: -1 a pin not driven. kv_cpld64: led (cell 3,
-// control 2 disabling at 1), d(0) (cell 5, control 4), d(1)-d(3) kept off
-// (controls 4 and 7). KV_FPGA6 from bit 12: OUT0 (cell 4, two-state), BUS
-// (cell 6, control 5 disabling at 0).
-uint64_t cpld(int led, int d0) {
-    return (led < 0 ? 1u << 2 : 0) | (led == 1 ? 1u << 3 : 0) | (d0 < 0 ? 1u << 4 : 0) | (d0 == 1 ? 1u << 5 : 0) |
-           1u << 7;
-}
-uint64_t fpga(int out0, int bus) {
-    return static_cast<uint64_t>((out0 == 1 ? 1u << 4 : 0) | (bus >= 0 ? 1u << 5 : 0) | (bus == 1 ? 1u << 6 : 0))
-           << 12;
+    return sim::parseBoardOptions(options, &c);
 }
 
 struct Bench {
-    explicit Bench(const std::string& options) : chain(config(options).chain) {
-        chain.pinsAre(config_.pins);
-        chain.wiresAre(config_.wires);
+    explicit Bench(const std::string& options) {
+        EXPECT_EQ(sim::parseBoardOptions(options, &config), "");
+        chain.emplace(config.chain);
+        chain->pinsAre(config.pins);
+        chain->wiresAre(config.wires);
+        std::vector<bool> ir;
+        for (const sim::DeviceDesc& d : config.chain) {
+            const jtag::bsdl::Device& b = *d.boundary.bsdl;
+            offsets.push_back(update.size());
+            update.resize(update.size() + b.boundaryLength);
+            for (const Cell& c : b.boundary)  // every three-state output off
+                if (c.controlCell >= 0)
+                    update[offsets.back() + static_cast<size_t>(c.controlCell)] = c.disableValue == '1';
+            const std::string& extest = b.instruction("EXTEST")->opcodes[0];
+            for (size_t i = extest.size(); i-- > 0;) ir.push_back(extest[i] == '1');
+        }
         for (int i = 0; i < 5; ++i) cycle(true);
         cycle(false);
-        scan(true, 14, 0);  // EXTEST (all zeros) on both
-    }
-    const sim::BoardConfig& config(const std::string& options) {
-        std::string error = sim::parseBoardOptions(kChain + options, &config_);
-        EXPECT_EQ(error, "");
-        return config_;
+        scan(true, ir);
     }
     bool cycle(bool tms, bool tdi = false) {
-        bool tdo = chain.tdo();
-        chain.tckIs(true, tms, tdi);
-        chain.tckIs(false, tms, tdi);
+        bool tdo = chain->tdo();
+        chain->tckIs(true, tms, tdi);
+        chain->tckIs(false, tms, tdi);
         return tdo;
     }
-    // From Run-Test/Idle through one IR or DR scan back to it.
-    uint64_t scan(bool ir, unsigned n, uint64_t in) {
+    // From Run-Test/Idle through one IR or DR scan back to it; the bit nearest TDO first.
+    std::vector<bool> scan(bool ir, const std::vector<bool>& in) {
         cycle(true);
         if (ir) cycle(true);
         cycle(false);
         cycle(false);
-        uint64_t out = 0;
-        for (unsigned i = 0; i < n; ++i) out |= static_cast<uint64_t>(cycle(i + 1 == n, (in >> i) & 1)) << i;
+        std::vector<bool> out;
+        for (size_t i = 0; i < in.size(); ++i) out.push_back(cycle(i + 1 == in.size(), in[i]));
         cycle(true);
         cycle(false);
         return out;
     }
-    // Loads both boundary registers, then captures what the pins read with
-    // them in force: two Update-DRs.
-    uint64_t drive(uint64_t bits) {
-        scan(false, 20, bits);
-        return scan(false, 20, bits);
+    // The cell of a pin "POS.PORT" that drives it (out) or reads it, as a bit of the scan.
+    size_t cell(const std::string& text, bool out, const Cell** found = nullptr) const {
+        sim::PinRef pin;
+        EXPECT_EQ(sim::parsePin(text, &pin), "");
+        for (const Cell& c : config.chain[pin.position].boundary.bsdl->boundary) {
+            bool drives = c.function == Cell::Function::output2 || c.function == Cell::Function::output3;
+            bool reads = c.function == Cell::Function::input;
+            bool fits = c.function == Cell::Function::bidir || (out ? drives : reads);
+            if (fits && c.port != "*" && sim::PinRef{pin.position, c.port} == pin) {
+                if (found) *found = &c;
+                return offsets[pin.position] + c.number;
+            }
+        }
+        ADD_FAILURE() << "no cell for " << text;
+        return 0;
     }
-    // Input pins in the capture: kv_cpld64 clk, d(0); KV_FPGA6 SW(0), SW(1), BUS.
-    std::string reads(uint64_t bits) {
-        bits = drive(bits);
+    // "POS.PORT=0|1|z ..." into the update stages, then two scans: what the
+    // input cells of "POS.PORT ..." captured with them in force, a character each.
+    std::string reads(const std::string& drive, const std::string& pins) {
+        std::istringstream words(drive);
+        for (std::string w; words >> w;) {
+            const Cell* c = nullptr;
+            size_t bit = cell(w.substr(0, w.find('=')), true, &c);
+            char level = w.back();
+            if (c->controlCell >= 0)  // the control cell of the same device
+                update[bit - c->number + static_cast<size_t>(c->controlCell)] =
+                    (c->disableValue == '1') == (level == 'z');
+            if (level != 'z') update[bit] = level == '1';
+        }
+        scan(false, update);
+        std::vector<bool> captured = scan(false, update);
+        std::istringstream names(pins);
         std::string s;
-        for (unsigned cell : {0, 5, 12, 13, 18}) s += (bits >> cell & 1) ? '1' : '0';
+        for (std::string p; names >> p;) s += captured[cell(p, false)] ? '1' : '0';
         return s;
     }
 
-    sim::BoardConfig config_;
-    sim::JtagChain chain;
+    sim::BoardConfig config;
+    std::optional<sim::JtagChain> chain;
+    std::vector<size_t> offsets;  // of each device's boundary register in a DR scan
+    std::vector<bool> update;
 };
-
-// led -> SW(1); OUT0 -> clk and SW(0); BUS -> d(0).
-const char kNets[] = "--net 0.led=1.SW(1) --net 1.OUT0=0.clk --net 0.clk=1.SW(0) --net '1.BUS=0.d(0)' ";
 
 }  // namespace
 
-TEST(SimNet, ANetlistWiresPackagePinsThroughEachPartsPinMapWithItsPullResistor) {
-    std::string file = netlistFile(
-        "# U1 in its CS48 package, U2 in FG256; J1 and R1 do nothing but pull /BUS down\n"
-        "LED: U1.B1 U2.A2\n"
-        "CLK: U2.B1 U1.A1 U2.A1 J1.1\n"
-        "/BUS: U2.B2 U1.B2 R1.1\n"
-        "GND: R1.2 J1.2 U2.G1\n"
-        "TCK: U1.D1 U2.T1 J1.3\n");
-    Bench b("--netlist " + file + " --part U1=0 --part U2=1 --pin 1.SW(1)=0");
-    EXPECT_EQ(b.config_.wires.nets.size(), 3u);  // GND and TCK join no boundary cell: no net
-    // clk d(0) SW(0) SW(1) BUS
-    EXPECT_EQ(b.reads(cpld(1, -1) | fpga(0, -1)), "00010");  // /BUS undriven: pulled down
-    EXPECT_EQ(b.reads(cpld(0, -1) | fpga(1, 1)), "11101");
-    EXPECT_EQ(b.reads(cpld(-1, 1) | fpga(1, -1)), "11111");  // LED undriven: pulled up by default, not --pin
-    EXPECT_EQ(b.chain.contention(), 0u);
+TEST(SimNet, TheInterconnectBoardFromItsNetlistCarriesEachDriveToEveryOtherPin) {
+    Bench b(board("board.txt"));
+    std::string text;
+    for (const sim::WireNet& n : b.config.wires.nets) {
+        text += n.name + (n.pull < 0 ? "" : n.pull ? "^" : "_") + ":";
+        for (const sim::PinRef& p : n.pins) text += " " + std::to_string(p.position) + "." + p.port;
+        text += "\n";
+    }
+    // Supplies, the connector's own net and the TAP pins join no boundary cell: no net.
+    EXPECT_EQ(text,
+              "A0: 0.io(10) 1.IO(10) 1.IN(0)\nA1: 0.io(11) 1.IO(11) 1.IN(1)\nB0: 0.in(0) 1.IO(12)\n"
+              "D0: 0.io(0) 1.IO(0)\nD1: 0.io(1) 1.IO(1)\nD2: 0.io(2) 1.IO(2)\nD3: 0.io(3) 1.IO(3)\n"
+              "D4: 0.io(4) 1.IO(4)\nD5: 0.io(5) 1.IO(5)\nD6: 0.io(6) 1.IO(6)\nD7: 0.io(7) 1.IO(7)\n"
+              "D8: 0.io(8) 1.IO(8)\nD9: 0.io(9) 1.IO(9)\nEXT0: 0.io(13)\nLED: 0.led 1.IN(3)\n"
+              "OE0: 0.oe_out(0) 1.IN(2)\nOE1: 0.oe_out(1) 1.IO(14)\nPD0_: 1.IO(13)\nPU0^: 0.io(12)\n");
+    Bench sexpr(board("board.net"));  // the same board, exported by a schematic editor
+    EXPECT_EQ(sexpr.config.wires.nets.size(), b.config.wires.nets.size());
 
-    // The pin map of the file's default package (TQ44) has no pin B1.
-    EXPECT_EQ(sim::parseBoardOptions("--chain bsdl=" + kData + "kv_cpld64.bsd,bsdl=" + kData +
-                                         "KV_FPGA6.BSD --netlist " + file + " --part U1=0 --part U2=1",
-                                     &b.config_),
-              "--netlist: " + file + ":2: pin B1 of U1 is not in the pin map TQ44 of kv_cpld64");
-    EXPECT_EQ(optionError("--netlist " + file + " --part U1=0 --part U9=1"),
-              "--netlist: " + file + ": no component U9 (--part U9)");
+    const char* pins = "1.IO(0) 0.io(0) 1.IO(10) 1.IN(0) 0.in(0) 1.IN(3) 1.IN(2) 1.IO(14) 0.io(12) 1.IO(13)";
+    // Undriven, OE0 and OE1 read the default pull-up, PU0 and PD0 their resistors'.
+    EXPECT_EQ(b.reads("0.io(0)=1 1.IO(10)=0 1.IO(12)=1 0.led=1", pins), "1100111110");
+    EXPECT_EQ(b.reads("0.io(0)=0 1.IO(10)=1 1.IO(12)=0 0.led=0 0.oe_out(0)=1 0.oe_out(1)=0", pins), "0011001010");
+    EXPECT_EQ(b.chain->contention(), 0u);
 }
 
 TEST(SimNet, AnOpenPinReadsItsOwnDriverOrItsPinLevelAndDrivesNothing) {
-    Bench b(std::string(kNets) + "--open 1.SW(1) --pin 1.SW(1)=0 --open 0.d(0)");
-    // clk d(0) SW(0) SW(1) BUS: SW(1) keeps its --pin level; BUS and d(0) never meet.
-    EXPECT_EQ(b.reads(cpld(1, 0) | fpga(1, 1)), "10101");
-    EXPECT_EQ(b.reads(cpld(1, -1) | fpga(0, -1)), "01001");  // d(0) reads the default 1, BUS its pull-up
-    EXPECT_EQ(b.chain.contention(), 0u);
+    Bench b(kNets + "--open 1.SW(1) --pin 1.SW(1)=0 --open 0.d(0)");
+    const char* pins = "0.clk 0.d(0) 1.SW(0) 1.SW(1) 1.BUS";
+    // SW(1) keeps its --pin level; BUS and d(0) never meet.
+    EXPECT_EQ(b.reads("0.led=1 0.d(0)=0 1.OUT0=1 1.BUS=1", pins), "10101");
+    EXPECT_EQ(b.reads("0.d(0)=z 1.OUT0=0 1.BUS=z", pins), "01001");  // d(0) reads the default 1, BUS its pull-up
+    EXPECT_EQ(b.chain->contention(), 0u);
 }
 
 TEST(SimNet, ShortsResolveWiredAndWiredOrOrByTheDecidingNetAndCountTheirFights) {
-    // led (net 0.led) and OUT0 (net 1.OUT0) fight: both nets read the node.
-    Bench wiredAnd(std::string(kNets) + "--short 0.led,1.OUT0");
-    EXPECT_EQ(wiredAnd.reads(cpld(1, -1) | fpga(0, -1)), "01001");
-    EXPECT_EQ(wiredAnd.chain.contention(), 2u);  // each Update-DR once, though two nets fight
-    EXPECT_EQ(wiredAnd.reads(cpld(1, -1) | fpga(1, -1)), "11111");
-    EXPECT_EQ(wiredAnd.chain.contention(), 2u);  // counted after each update: this one ends the fight
+    const char* pins = "0.clk 0.d(0) 1.SW(0) 1.SW(1) 1.BUS";
+    // led (net 0.led) and OUT0 (net 1.OUT0) fight on the short, d(0) and BUS on their net.
+    Bench wiredAnd(kNets + "--short 0.led,1.OUT0");
+    EXPECT_EQ(wiredAnd.reads("0.led=1 1.OUT0=0 0.d(0)=0 1.BUS=1", pins), "00000");
+    EXPECT_EQ(wiredAnd.chain->contention(), 2u);  // each Update-DR once, not once a node
+    EXPECT_EQ(wiredAnd.reads("1.OUT0=1 1.BUS=z", pins), "10110");
+    EXPECT_EQ(wiredAnd.chain->contention(), 2u);  // counted after each update: this one ends the fights
 
-    Bench wiredOr(std::string(kNets) + "--short 0.led,1.OUT0:or");
-    EXPECT_EQ(wiredOr.reads(cpld(0, -1) | fpga(1, -1)), "11111");
+    Bench wiredOr(kNets + "--short 0.led,1.OUT0:or");
+    EXPECT_EQ(wiredOr.reads("0.led=0 1.OUT0=1", pins), "11111");
 
-    Bench decides(std::string(kNets) + "--short '1.OUT0,0.led:0.led' --stuck 1.BUS=0");
-    EXPECT_EQ(decides.reads(cpld(1, 1) | fpga(0, 1)), "10110");  // BUS and d(0) read the stuck 0
-    EXPECT_EQ(decides.reads(cpld(-1, 1) | fpga(0, 1)), "00000");  // led off: OUT0 decides
-    EXPECT_EQ(decides.reads(cpld(-1, -1) | fpga(1, -1)), "10110");
+    Bench decides(kNets + "--short '1.OUT0,0.led:0.led' --stuck 1.BUS=0");
+    EXPECT_EQ(decides.reads("0.led=1 0.d(0)=1 1.OUT0=0 1.BUS=1", pins), "10110");  // BUS and d(0) read the stuck 0
+    EXPECT_EQ(decides.reads("0.led=z", pins), "00000");                           // led off: OUT0 decides
+    EXPECT_EQ(decides.reads("0.d(0)=z 1.OUT0=1 1.BUS=z", pins), "10110");
 }
 
 TEST(SimNet, StuckAndPulledNetsAndContentionOnAPlainNet) {
-    Bench b(std::string(kNets) + "--stuck 1.OUT0=1 --pull 0.led=down --pull '1.BUS=down'");
-    EXPECT_EQ(b.reads(cpld(-1, -1) | fpga(0, -1)), "10100");
-    EXPECT_EQ(b.reads(cpld(1, 1) | fpga(0, 1)), "11111");
-    EXPECT_EQ(b.chain.contention(), 0u);
+    Bench b(kNets + "--stuck 1.OUT0=1 --pull 0.led=down --pull '1.BUS=down'");
+    const char* pins = "0.clk 0.d(0) 1.SW(0) 1.SW(1) 1.BUS";
+    EXPECT_EQ(b.reads("1.OUT0=0", pins), "10100");
+    EXPECT_EQ(b.reads("0.led=1 0.d(0)=1 1.BUS=1", pins), "11111");
+    EXPECT_EQ(b.chain->contention(), 0u);
     // d(0) at 0 against BUS at 1: both read the wired-AND, once per Update-DR.
-    EXPECT_EQ(b.reads(cpld(1, 0) | fpga(0, 1)), "10110");
-    EXPECT_EQ(b.chain.contention(), 2u);
-    // EXTEST leaving with the fight in force: nothing drives, nothing counts.
-    b.scan(true, 14, 0x3fff);
-    EXPECT_EQ(b.chain.contention(), 2u);
+    EXPECT_EQ(b.reads("0.d(0)=0", pins), "10110");
+    EXPECT_EQ(b.chain->contention(), 2u);
+    // Leaving EXTEST with the fight in force: nothing drives, nothing counts.
+    b.scan(true, std::vector<bool>(14, true));
+    EXPECT_EQ(b.chain->contention(), 2u);
 }
 
 TEST(SimNet, OptionErrorsNameTheOptionAndWhatIsWrong) {
-    std::string file = netlistFile("A: U1.A1 U2.A1\n");
-    EXPECT_EQ(optionError("--part U1=0"), "--part: names parts of a --netlist");
-    EXPECT_EQ(optionError("--netlist " + file), "--netlist: wants --part REF=POS for each device on it");
-    EXPECT_EQ(optionError("--netlist " + file + " --part U1=2"), "--part: no BSDL device at position 2 of the chain");
-    EXPECT_EQ(optionError("--netlist " + file + " --part U1"), "--part: wants REF=POS: U1");
-    EXPECT_EQ(optionError("--netlist /nonexistent/board.net --part U1=0").rfind("--netlist: /nonexistent/board.net: ", 0),
-              0u);
-    EXPECT_EQ(optionError(std::string(kNets) + "--stuck 0.led=2"), "--stuck: wants NET=0|1: 0.led=2");
-    EXPECT_EQ(optionError(std::string(kNets) + "--pull LED=up"), "--pull: no net LED");
-    EXPECT_EQ(optionError(std::string(kNets) + "--short 0.led"), "--short: wants two nets or more: 0.led");
-    EXPECT_EQ(optionError(std::string(kNets) + "--short 0.led,1.OUT0:1.BUS"),
+    std::string file = ::testing::TempDir() + "simnet_board.net";
+    std::ofstream(file) << "# U1 in its default TQ44 package\nLED: U1.B1 U2.A2\n";
+    std::string tq44 = "--chain bsdl=" + kBsdl + "kv_cpld64.bsd,bsdl=" + kBsdl + "KV_FPGA6.BSD --netlist " + file;
+    EXPECT_EQ(optionError(tq44 + " --part U1=0 --part U2=1"),
+              "--netlist: " + file + ":2: pin B1 of U1 is not in the pin map TQ44 of kv_cpld64");
+    EXPECT_EQ(optionError(tq44 + " --part U1=0 --part U9=1"), "--netlist: " + file + ": no component U9 (--part U9)");
+    EXPECT_EQ(optionError(tq44 + " --part U1=2"), "--part: no BSDL device at position 2 of the chain");
+    EXPECT_EQ(optionError(kPair + "--part U1=0"), "--part: names parts of a --netlist");
+    EXPECT_EQ(optionError(kNets + "--stuck 0.led=2"), "--stuck: wants NET=0|1: 0.led=2");
+    EXPECT_EQ(optionError(kNets + "--pull LED=up"), "--pull: no net LED");
+    EXPECT_EQ(optionError(kNets + "--short 0.led,1.OUT0:1.BUS"),
               "--short: ends with :and, :or or :NET, a net of the short: 0.led,1.OUT0:1.BUS");
-    EXPECT_EQ(optionError(std::string(kNets) + "--short 0.led,1.OUT0 --short 1.BUS,0.LED"),
-              "--short: net 0.LED is in two shorts");
-    EXPECT_EQ(optionError("--open 1.TCK"), "--open: KV_FPGA6 has no boundary cell for TCK");
+    EXPECT_EQ(optionError(kNets + "--short 0.led,1.OUT0 --short 1.BUS,0.LED"), "--short: net 0.LED is in two shorts");
 }
