@@ -206,7 +206,7 @@ Planted plant(const Board& b, const std::map<std::string, unsigned>& parts, cons
     return p;
 }
 
-bool hasFault(const jtag::nettest::Report& r, const std::string& kind, std::vector<std::string> nets,
+bool hasFault(const jtag::interconnect::Report& r, const std::string& kind, std::vector<std::string> nets,
               const std::string& behaviour, const std::string& pin) {
     std::sort(nets.begin(), nets.end());
     for (const auto& f : r.faults) {
@@ -221,7 +221,7 @@ bool hasFault(const jtag::nettest::Report& r, const std::string& kind, std::vect
 
 // What the report should name and does not; "" when it names every
 // planted fault and nothing else.
-std::string missing(const jtag::nettest::Report& r, const Planted& p) {
+std::string missing(const jtag::interconnect::Report& r, const Planted& p) {
     std::string out;
     size_t expected = p.opens.size() + p.shorts.size() + p.stuck.size();
     for (const std::string& o : p.opens) {
@@ -238,18 +238,18 @@ std::string missing(const jtag::nettest::Report& r, const Planted& p) {
             out += "stuck-" + std::to_string(s.second) + " " + s.first + "; ";
     if (out.empty() && r.faults.size() != expected)
         out = std::to_string(r.faults.size()) + " faults, not " + std::to_string(expected);
-    if (!out.empty()) out += "\n" + jtag::nettest::text(r);
+    if (!out.empty()) out += "\n" + jtag::interconnect::text(r);
     return out;
 }
 
 void runTest(benchmark::State& state, bool faulty) {
     // The interface's lock is a file of the benchmark's own, never one
     // under /var/lock.
-    std::string lock = "/var/tmp/kelvorn_nettest_bench_" + std::to_string(getpid()) + ".lock";
+    std::string lock = "/var/tmp/kelvorn_interconnect_bench_" + std::to_string(getpid()) + ".lock";
     auto realCreat = Os::hooks().creat;
     Os::hooks().creat = [&lock](const char*, mode_t m) { return ::creat(lock.c_str(), m); };
     Board b = generate();
-    std::string path = "/var/tmp/kelvorn_nettest_bench_" + std::to_string(getpid()) + ".net";
+    std::string path = "/var/tmp/kelvorn_interconnect_bench_" + std::to_string(getpid()) + ".net";
     std::ofstream(path) << b.text;
 
     std::vector<std::shared_ptr<const jtag::bsdl::Device>> devices;
@@ -296,7 +296,7 @@ void runTest(benchmark::State& state, bool faulty) {
     int want = faulty ? jtag::kChainFaultFound : jtag::kChainOk;
     std::string wrong = r.status != want ? "status " + std::to_string(r.status) + ": " + r.error
                         : faulty         ? missing(r.report, planted)
-                                         : (r.report.faults.empty() ? "" : jtag::nettest::text(r.report));
+                                         : (r.report.faults.empty() ? "" : jtag::interconnect::text(r.report));
     if (!wrong.empty()) {
         std::fprintf(stderr, "%s\n", wrong.c_str());
         state.SkipWithError("the report does not name the board's faults");
@@ -311,7 +311,7 @@ void runTest(benchmark::State& state, bool faulty) {
     Os::hooks().creat = realCreat;
 
     unsigned driven = 0;
-    for (const auto& n : r.report.nets) driven += n.cls == jtag::nettest::NetClass::testable || n.cls == jtag::nettest::NetClass::pulled;
+    for (const auto& n : r.report.nets) driven += n.cls == jtag::interconnect::NetClass::testable || n.cls == jtag::interconnect::NetClass::pulled;
     double floor = static_cast<double>(r.report.scans) * (kDevices * kBoundary);  // every part in EXTEST: no BYPASS bit
     state.counters["nets"] = static_cast<double>(r.report.nets.size());
     state.counters["driven_nets"] = driven;
