@@ -9,12 +9,16 @@
 #include <cctype>
 #include <cmath>
 #include <cstdio>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <optional>
 #include <set>
 
+#include "chain/ViewServer.h"
+#include "device/Listen.h"
 #include "device/PciAddress.h"
 #include "device/Session.h"
 #include "os/SignalGate.h"
@@ -23,6 +27,7 @@
 #include "jtag/Discovery.h"
 #include "jtag/Jep106.h"
 #include "jtag/Json.h"
+#include "jtag/LiveView.h"
 
 namespace {
 
@@ -30,6 +35,7 @@ namespace {
 constexpr unsigned kDefaultMaxDevices = 64;
 constexpr unsigned kMostDevices = 1024;
 constexpr long kWatchIntervalNs = 100000000;  // watch samples ten times a second
+constexpr long kViewIntervalNs = 50000000;    // view samples twenty times a second: a change shows within 100 ms
 
 struct Options {
     std::string fpga, address;
@@ -42,6 +48,9 @@ struct Options {
     double hold = -1;  // seconds; < 0: until a signal
     jtag::TestRequest test;  // the test command's parts, packages, pulls and power nets
     std::string junit;       // test: the JUnit XML file
+    std::string listen = "127.0.0.1:0", listenHost = "127.0.0.1", listenPort = "0";  // view: where it serves
+    bool drive = false;      // view: clicks drive pins
+    std::string result;      // view: a board test's JSON report, its failing nets marked
 };
 
 using jtag::defaultBsdlPath;
@@ -54,7 +63,7 @@ void describeOptions(CLI::App& app, Options* o) {
     app.add_option("address", o->address, "the PCI address, dddd:bb:dd.f");
     app.add_option("command", o->words,
                    "sample DEV | watch DEV | drive DEV PORT=0|1|z... | connect DEV.PORT DEV.PORT | usercode DEV | "
-                   "test NETLIST "
+                   "test NETLIST | view "
                    "(DEV: a position or a BSDL entity name); none: discover the chain");
     app.add_flag("--json", o->json, "every command's answer, or its failure, as JSON");
     app.add_flag("--list-devices", o->listDevices,
@@ -93,6 +102,13 @@ void describeOptions(CLI::App& app, Options* o) {
         ->allow_extra_args(false);
     app.add_option("--junit", o->junit, "test: write the result as JUnit XML to FILE, one testcase per net")
         ->type_name("FILE");
+    app.add_option("--listen", o->listen, "view: the address and port to serve on (port 0: a free one)")
+        ->type_name("ADDR:PORT")
+        ->capture_default_str()
+        ->check([o](const std::string& s) { return device::parseListen(s, &o->listenHost, &o->listenPort); });
+    app.add_flag("--drive", o->drive, "view: a click on a pin drives it under EXTEST (the BSDL file given, as for drive)");
+    app.add_option("--result", o->result, "view: mark the pins of the failing nets of this test --json report (with --part)")
+        ->type_name("FILE");
     app.add_flag("--i-know-the-board", o->iKnowTheBoard,
                  "allow drive, connect and test on a device whose BSDL file was found, not given with --bsdl");
     app.add_flag("--test-mode", o->testMode, "the lock file (and register files) of test mode, under /tmp");
@@ -105,7 +121,8 @@ const char* kDescription =
     "Statuses: 0 done; 1 the interface refused (lock held, unknown device); 2 usage; 3 no backend\n"
     "serves the name on this board; 4 a dead or inconsistent chain; 5 a BSDL file cannot be read or\n"
     "none describes the device; 6 a drive refused; 7 connect: the net is not connected; 8 test: a\n"
-    "fault found; 9 test: the netlist cannot be read or does not fit the chain.\n\n"
+    "fault found; 9 test: the netlist cannot be read or does not fit the chain; 10 view: the\n"
+    "address cannot be listened on.\n\n"
     "  kelvorn-chain [options] <fpga> <pci address> [command]\n"
     "  kelvorn-chain --list-devices [--json]\n";
 
@@ -200,7 +217,7 @@ double secondsSince(const timespec& start) {
 class Program {
   public:
     Program(const Options& o, jtag::Tap& tap, const jtag::Discovery& d, const std::set<const void*>& given)
-        : o_(o), chain_(tap, d, given, o.iKnowTheBoard) {}
+        : o_(o), d_(d), chain_(tap, d, given, o.iKnowTheBoard) {}
 
     int run() {
         const std::string& command = o_.words[0];
@@ -210,6 +227,7 @@ class Program {
         if (command == "drive" && args >= 2) return drive();
         if (command == "connect" && args == 2) return connect(o_.words[1], o_.words[2]);
         if (command == "test" && args == 1) return test(o_.words[1]);
+        if (command == "view" && args == 0) return view();
         return fail(kChainUsage, "not understood: " + command + " with " + std::to_string(args) +
                                      " argument" + (args == 1 ? "" : "s") + " (see --help)");
     }
@@ -343,7 +361,37 @@ class Program {
         return r.status;
     }
 
+    int view() {
+        jtag::LiveView live(chain_, d_, o_.drive);
+        if (!o_.result.empty()) {
+            std::FILE* f = std::fopen(o_.result.c_str(), "r");
+            jtag::Json report = f ? jtag::Json::parse(f, nullptr, false) : jtag::Json();
+            if (f) std::fclose(f);
+            if (!f || report.is_discarded())
+                return fail(kChainUsage, "--result " + o_.result + ": " + (f ? "not JSON" : std::strerror(errno)));
+            jtag::CommandResult marked = live.marks(report, o_.test.parts);
+            if (!marked.ok()) return failWith(marked);
+        }
+        chain::ViewServer server(live);
+        std::string error;
+        if (!server.bind(o_.listenHost, o_.listenPort, &error))
+            return fail(jtag::kChainCannotListen, "view: cannot listen on " + o_.listen + ": " + error);
+        SignalsHeld held;  // before the server's threads start: they inherit it, and the signal comes here
+        server.start();
+        live.sample();
+        if (o_.json)
+            std::printf("%s\n", jtag::jsonText(jtag::Json{{"url", server.url()}}).c_str());
+        else
+            std::printf("view: %s\n", server.url().c_str());
+        std::fflush(stdout);
+        while (!held.wait(kViewIntervalNs)) server.publish(live.sample());
+        server.stop();
+        live.release();
+        return kChainOk;
+    }
+
     const Options& o_;
+    const jtag::Discovery& d_;
     jtag::ChainCommands chain_;
 };
 

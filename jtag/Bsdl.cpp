@@ -967,4 +967,14 @@ bool readFile(const std::string& path, Device* device, Error* error) {
     return read(text, path, device, error);
 }
 
+std::string functionName(Cell::Function f) {
+    for (const auto& [name, value] : functions())
+        if (value == f) {
+            std::string lower = name;
+            for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+            return lower;
+        }
+    return "";
+}
+
 }  // namespace jtag::bsdl

@@ -96,6 +96,9 @@ struct Device {
     bool matches(uint32_t idcode) const;  // an IDCODE this file describes, X bits aside
 };
 
+// A cell function as BSDL writes it, in lower case: "bidir", "output3", ...
+std::string functionName(Cell::Function f);
+
 struct Error {
     std::string file;
     unsigned line = 0;  // 1-based; the line where the fault was found

@@ -37,6 +37,7 @@ constexpr int kChainDriveRefused = 6;  // a drive refused (no output cell, or no
 constexpr int kChainNotConnected = 7;  // connect: the net is not connected
 constexpr int kChainFaultFound = 8;    // test: a net failed
 constexpr int kChainBadNetlist = 9;    // test: the netlist cannot be read or does not fit the chain
+constexpr int kChainCannotListen = 10; // view: the address cannot be listened on
 
 // The directories searched for BSDL files by IDCODE when none are named:
 // the share directory beside the program (<exe>/../share/kelvorn/bsdl),

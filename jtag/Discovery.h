@@ -13,6 +13,7 @@
 
 #include "jtag/Bsdl.h"
 #include "jtag/Chain.h"
+#include "jtag/Json.h"
 
 namespace jtag {
 
@@ -90,6 +91,7 @@ Discovery discover(Tap& tap, const BsdlCatalogue& catalogue, const DiscoveryOpti
 // maker the JEP106 list does not name: manufacturer null, jep106 its bank
 // and code).
 std::string discoveryJson(const Discovery& d);
+Json discoveryValue(const Discovery& d);
 // s as a JSON string, quoted and escaped.
 std::string jsonString(const std::string& s);
 

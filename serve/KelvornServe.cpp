@@ -20,6 +20,7 @@
 #include <memory>
 #include <vector>
 
+#include "device/Listen.h"
 #include "device/Session.h"
 #include "jtag/Tap.h"
 #include "os/SignalGate.h"
@@ -112,27 +113,6 @@ std::string addressText(const sockaddr* sa, socklen_t length) {
 
 std::string errorText(const char* what) { return std::string(what) + ": " + std::strerror(errno); }
 
-// "ADDRESS:PORT" or ":PORT"; an IPv6 address in brackets.
-std::string parseListen(const std::string& text, Options* o) {
-    const std::string wants = "wants ADDRESS:PORT or :PORT, for example 127.0.0.1:3335";
-    size_t colon = text.rfind(':');
-    if (colon == std::string::npos) return wants;
-    std::string host = text.substr(0, colon), port = text.substr(colon + 1);
-    if (host.size() >= 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
-    if (host.empty()) host = "127.0.0.1";
-    if (port.empty() || port.size() > 5 || port.find_first_not_of("0123456789") != std::string::npos ||
-        std::stoul(port) > 65535)
-        return wants;
-    addrinfo hints = {};
-    hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV | AI_PASSIVE;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    if (::getaddrinfo(host.c_str(), port.c_str(), &hints, &found) != 0) return "not a numeric address: " + host;
-    ::freeaddrinfo(found);
-    o->host = host;
-    o->port = port;
-    return "";
-}
 
 // The listening socket systemd handed over (socket activation: LISTEN_PID
 // names this process, LISTEN_FDS counts the sockets from fd 3 on), 0 when
@@ -375,7 +355,7 @@ bool parseOptions(int argc, char** argv, Options* o, int* status) {
     app.add_option("--listen", listen,
                    "ADDRESS:PORT or :PORT to listen on (default 127.0.0.1, port 3335 for remote-bitbang, 2542 for "
                    "xvc; port 0: any free port); unused when systemd hands over the socket")
-        ->check([o](const std::string& s) { return parseListen(s, o); });
+        ->check([o](const std::string& s) { return device::parseListen(s, &o->host, &o->port); });
     app.add_flag("--test-mode", o->testMode,
                  "the lock file and the register file of the backends that honour it under /tmp");
     app.add_option("--max-vector", o->maxVector, "xvc: the longest TMS or TDI vector a shift may carry, in bytes")
