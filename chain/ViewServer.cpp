@@ -140,7 +140,17 @@ void ViewServer::Impl::routes() {
     const std::string root = "/" + token + "/";
     // The token first: nothing else is looked at without it.
     server.set_pre_routing_handler([root](const httplib::Request& req, httplib::Response& res) {
-        if (req.path.compare(0, root.size(), root) == 0) return httplib::Server::HandlerResponse::Unhandled;
+        if (req.path.compare(0, root.size(), root) == 0) {
+            // Two lengths for one body: which bytes are the request is a guess
+            // (the next request's may be taken for this one's), so none is acted on.
+            if (req.get_header_value_count("Content-Length") > 1 ||
+                (req.has_header("Content-Length") && req.has_header("Transfer-Encoding"))) {
+                res.set_header("Connection", "close");
+                answer(res, 400, Json{{"status", jtag::kChainUsage}, {"error", "a request with two body lengths"}});
+                return httplib::Server::HandlerResponse::Handled;
+            }
+            return httplib::Server::HandlerResponse::Unhandled;
+        }
         if (req.path + "/" == root) {
             res.set_redirect(root);
             return httplib::Server::HandlerResponse::Handled;

@@ -323,7 +323,7 @@ def stress(url):
     for t in workers:
         t.join()
     codes = sorted(set(a.split(' ')[1] if a.startswith('HTTP/1.') else a for a in answers))
-    print('1000 malformed requests:', sum(answers.values()), 'answered;',
+    print('1000 malformed requests:', sum(answers.values()), 'sent;',
           'none accepted' if not any(a.startswith('HTTP/1.1 2') or a.startswith('HTTP/1.0 2') for a in answers)
           else 'ACCEPTED: ' + str({a: n for a, n in answers.items() if ' 2' in a[8:11]}),
           '| no 5xx' if not any(c.startswith('5') for c in codes) else f'| codes {codes}')

@@ -107,7 +107,7 @@ console errors: []" "drive from the page, two tabs"
   expect_eq "$(curl -s "${VIEW_URL}api/levels" | jq -c '[.driving, .levels["0"]["io(5)"]]')" '[{"0":{"led":"0","io(5)":"1"}},1]' \
     "api/levels: what the page shows"
   expect_eq "$(browser stress "$VIEW_URL")" "100 event streams, first lines: ['event: levels'] 100
-1000 malformed requests: 1000 answered; none accepted | no 5xx
+1000 malformed requests: 1000 sent; none accepted | no 5xx
 api/chain after: the same
 driving after: {\"0\": {\"io(5)\": \"1\", \"led\": \"0\"}}" "100 streams and 1000 malformed requests"
   view_interrupt
