@@ -122,6 +122,8 @@ def page(url, profile, fixed, wave):
         print(f'level {fixed}: page {e.get_attribute("data-level")}, api/levels {levels[fixed_pos][fixed_port]}')
         print(f'title {fixed}:', e.get_attribute('title').replace('\n', ' / '))
         print(f'changed {fixed}:', 'changed' in e.get_attribute('class').split())
+        print('fault marks:', ' '.join(f'{m.get_attribute("data-position")}.{m.get_attribute("data-pin")}'
+                                       for m in d.find_elements(By.CSS_SELECTOR, '.pin.fault')) or 'none')
 
         # The pin on the square wave: its level changes, then changes back.
         w = pin(d, wave_pos, wave_port)

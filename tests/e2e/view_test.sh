@@ -60,7 +60,12 @@ vcd_end() { for v in C M I S3 S2 S1 S0; do grep -E "^[01z]$v\$" "$1" | tail -n 1
 
 # ---- read only: what the page shows, and what it is ----
 
-if view_start --pin '0.in(1)=0' --pin '1.IN(2)=wave:200' --vcd "$d/view.vcd" --dump-pins "$d/pins" --; then
+# A board test's report with a failing net between U1 pin 2 and U2 ball A3: both outlined.
+cat >"$d/result.json" <<'EOF'
+{"nets":[{"name":"N1","result":"fail","pins":["U1.2","U2.A3"]},{"name":"N2","result":"pass","pins":["U1.3","U2.A2"]}],"faults":[{"kind":"open"}]}
+EOF
+if view_start --pin '0.in(1)=0' --pin '1.IN(2)=wave:200' --vcd "$d/view.vcd" --dump-pins "$d/pins" -- \
+  --result "$d/result.json" --part U1=0 --part U2=1; then
   expect_eq "$(browser page "$VIEW_URL" "$E2E_DIR/chromium" '0.in(1)' '1.IN(2)')" \
 "chain: 0 | 0x148300dd | Altera | kv_io48 | 5 | yes
 chain: 1 | 0x2b63603f | Atmel | KV_BGA36 | 6 | yes
@@ -71,6 +76,7 @@ grid 1 misplaced: none
 level 0.in(1): page 0, api/levels 0
 title 0.in(1): in(1), pin 35 / cell 1, input / level 0
 changed 0.in(1): False
+fault marks: 0.2 1.A3
 wave 1.IN(2): 1 -> 0 -> 1 (ringed)
 panel: IN(2) (pin E5, device 1) | drive buttons shown: False | release all shown: False
 search IO(1: 22 pins | 0.io(1) 0.io(10) 0.io(11) 0.io(12) 0.io(13) 0.io(14) 0.io(15) 0.io(16) 0.io(17) 0.io(18) 0.io(19) 1.IO(1) 1.IO(10) 1.IO(11) 1.IO(12) 1.IO(13) 1.IO(14) 1.IO(15) 1.IO(16) 1.IO(17) 1.IO(18) 1.IO(19)
@@ -90,6 +96,19 @@ POST /api/release: 403" "without the token: forbidden"
   view_interrupt
   expect_eq "$VIEW_STATUS|$(cat "$E2E_DIR/view.err")|$(cat "$d/pins")" "0||" "Ctrl-C: status 0, no pin driven"
   expect_eq "$(vcd_end "$d/view.vcd")" "zC zM zI 0S3 0S2 0S1 0S0" "Ctrl-C: TCK, TMS and TDI released, the TAP in Test-Logic-Reset"
+fi
+
+# ---- a still board: one snapshot, then keep-alive comments only ----
+
+# Nothing changes, nothing is driven: the stream is its first levels event
+# and a ping a second, however long it is read (it once sent snapshots in a
+# busy loop until the first event, and the browser spent itself parsing them).
+if view_start --; then
+  timeout 2.5 curl -sN "${VIEW_URL}api/events" >"$d/still.events"
+  expect_eq "$(grep -c '^event: ' "$d/still.events")|$(head -n1 "$d/still.events")|$(grep -c '^: ping$' "$d/still.events")" \
+    "1|event: levels|2" "a still board: one levels event, then pings"
+  view_interrupt
+  expect_eq "$VIEW_STATUS" 0 "a still board: Ctrl-C, status 0"
 fi
 
 # ---- drive from the page ----
