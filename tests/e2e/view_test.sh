@@ -105,8 +105,8 @@ fi
 # busy loop until the first event, and the browser spent itself parsing them).
 if view_start --; then
   timeout 2.5 curl -sN "${VIEW_URL}api/events" >"$d/still.events"
-  expect_eq "$(grep -c '^event: ' "$d/still.events")|$(head -n1 "$d/still.events")|$(grep -c '^: ping$' "$d/still.events")" \
-    "1|event: levels|2" "a still board: one levels event, then pings"
+  expect_eq "$(grep -c '^event: ' "$d/still.events")|$(head -n1 "$d/still.events")|$(grep -q '^: ping$' "$d/still.events" && echo pings)" \
+    "1|event: levels|pings" "a still board: one levels event, then pings"
   view_interrupt
   expect_eq "$VIEW_STATUS" 0 "a still board: Ctrl-C, status 0"
 fi
