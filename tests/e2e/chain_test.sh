@@ -245,6 +245,20 @@ kill -TERM "$E2E_BG"
 e2e_wait
 expect_eq "$E2E_STATUS|$(head -n1 <<<"$E2E_OUT")" "0|SW(0) 0 (pin A1)" "watch: until a signal"
 
+# A pin that toggles every 100 ms on the simulated board, watched for about a
+# second (timeout's own status is 124): only that port moves, each change
+# from the level before it, 0 first.
+_e2e_cmd "${sim[@]}" --pin 0.clk=wave:100 chain --bsdl-path "$bsdl" "${dev[@]}" watch 0
+env --default-signal=INT,QUIT timeout -s INT 1.2 "${E2E_ARGV[@]}" >"$E2E_DIR/bg.out" 2>"$E2E_DIR/bg.err"
+E2E_STATUS=$?
+E2E_OUT=$(cat "$E2E_DIR/bg.out")
+moves=$(grep -c -- ' -> ' <<<"$E2E_OUT")
+toggles=$(awk 'NR == 1 { last = $2; next }
+  $3 == "clk" && $5 == "->" && $4 == last && $6 == 1 - last { n++; last = $6 }
+  END { print n + 0 }' <<<"$E2E_OUT")
+expect_eq "$E2E_STATUS|$(head -n1 <<<"$E2E_OUT")|$(cat "$E2E_DIR/bg.err")" "124|clk 0 (pin 1)|" "watch a wave:100 pin: the first sample"
+expect_eq "$((toggles >= 4))|$((moves == toggles))" "1|1" "watch a wave:100 pin: $toggles toggles of clk, $moves changes in all"
+
 # ---- --json: one valid JSON document a line, whatever happens ----
 
 # A BSDL file whose name is not UTF-8, given and found.

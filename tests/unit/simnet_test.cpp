@@ -40,6 +40,8 @@ struct Bench {
         EXPECT_EQ(sim::parseBoardOptions(options, &config), "");
         chain.emplace(config.chain);
         chain->pinsAre(config.pins);
+        chain->wavesAre(config.waves);
+        chain->timeIs(0);
         chain->wiresAre(config.wires);
         std::vector<bool> ir;
         for (const sim::DeviceDesc& d : config.chain) {
@@ -185,7 +187,45 @@ TEST(SimNet, StuckAndPulledNetsAndContentionOnAPlainNet) {
     EXPECT_EQ(b.chain->contention(), 2u);
 }
 
+TEST(SimNet, ATogglingPinReadsItsHalfPeriodAndDrivesAnUndrivenNet) {
+    // SW(2) on no net every 100 ms; SW(1) on led's net every 30 ms, where the
+    // wave stands in for the pull and loses to an enabled driver.
+    Bench b(kNets + "--pin '1.SW(2)=wave:100' --pin '1.SW(1)=wave:30' --pin 1.SW(3)=0");
+    const char* pins = "1.SW(2) 1.SW(1) 1.SW(3) 1.BUS";
+    EXPECT_EQ(b.reads("", pins), "0001");
+    std::string seen;
+    for (uint64_t ms : {29, 30, 59, 60, 99, 100, 199, 200, 7230}) {
+        b.chain->timeIs(ms);
+        seen += b.reads("", pins) + " ";
+    }
+    EXPECT_EQ(seen, "0001 0101 0101 0001 0101 1101 1001 0001 0101 ");
+    b.chain->timeIs(90);
+    EXPECT_EQ(b.reads("0.led=0", pins), "0001");
+    EXPECT_EQ(b.reads("0.led=1", "1.SW(1)"), "1");
+    b.chain->timeIs(60);
+    EXPECT_EQ(b.reads("0.led=1", "1.SW(1)"), "1");
+    EXPECT_FALSE(b.chain->pinLevel(1, "sw(2)"));  // the clock frozen at 60 ms: still the first half
+    b.chain->timeIs(160);
+    EXPECT_TRUE(b.chain->pinLevel(1, "sw(2)"));
+
+    // The last --pin for a pin decides.
+    sim::BoardConfig c;
+    EXPECT_EQ(sim::parseBoardOptions(kPair + "--pin 1.SW(2)=wave:5 --pin 1.SW(2)=0 --pin 1.SW(3)=1 "
+                                             "--pin 1.SW(3)=wave:3600000",
+                                     &c),
+              "");
+    EXPECT_EQ(c.pins.size(), 1u);
+    EXPECT_FALSE(c.pins.at({1, "SW(2)"}));
+    EXPECT_EQ(c.waves.size(), 1u);
+    EXPECT_EQ(c.waves.at({1, "SW(3)"}), 3600000u);
+}
+
 TEST(SimNet, OptionErrorsNameTheOptionAndWhatIsWrong) {
+    const std::string wants = "--pin: wants POS.PORT=0, POS.PORT=1 or POS.PORT=wave:MS: ";
+    for (const char* bad : {"0.clk=wave:0", "0.clk=wave:x", "0.clk=wave:", "0.clk=wave:3600001", "0.clk=wave:0x10",
+                            "0.clk=wave:-5", "0.clk=2", "0.clk"})
+        EXPECT_EQ(optionError(kPair + "--pin " + bad), wants + bad);
+    EXPECT_EQ(optionError(kPair + "--pin 0.nothere=wave:10"), optionError(kPair + "--pin 0.nothere=1"));
     std::string file = ::testing::TempDir() + "simnet_board.net";
     std::ofstream(file) << "# U1 in its default TQ44 package\nLED: U1.B1 U2.A2\n";
     std::string tq44 = "--chain bsdl=" + kBsdl + "kv_cpld64.bsd,bsdl=" + kBsdl + "KV_FPGA6.BSD --netlist " + file;
