@@ -1,6 +1,6 @@
 // The BSDL reader on the project's test files (tests/data/bsdl, two makers'
-// layouts and a device without a boundary register) and on faults, each
-// named with its file and line; the JEP106 table.
+// layouts) and on faults, each named with its file and line; the JEP106
+// table.
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
