@@ -11,6 +11,7 @@
 #include <deque>
 #include <httplib.h>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "chain/ViewAssets.h"
@@ -106,8 +107,8 @@ void ViewServer::Impl::stream(httplib::Response& res) {
         answer(res, 503, Json{{"status", jtag::kChainUsage}, {"error", "too many event streams"}});
         return;
     }
-    // Where this stream is in the events: 0 until its first snapshot.
-    auto at = std::make_shared<uint64_t>(0);
+    // Where this stream is in the events; none until its first snapshot.
+    auto at = std::make_shared<std::optional<uint64_t>>();
     res.set_header("Cache-Control", "no-store");
     res.set_chunked_content_provider(
         "text/event-stream",
@@ -115,19 +116,18 @@ void ViewServer::Impl::stream(httplib::Response& res) {
             std::string out;
             {
                 std::unique_lock<std::mutex> hold(lock);
-                if (*at != 0 && !closed)
-                    moved.wait_for(hold, kPing, [&] { return closed || seq > *at; });
+                if (*at) moved.wait_for(hold, kPing, [&] { return closed || seq > **at; });
                 if (closed) return false;
-                if (*at == 0 || (!events.empty() && events.front().first > *at + 1)) {
+                if (!*at || (!events.empty() && events.front().first > **at + 1)) {
                     // New, or so far behind that events were dropped: the whole state again.
                     *at = seq;
                     hold.unlock();
-                    out = "event: levels\ndata: " + jtag::jsonText(snapshot(*at)) + "\n\n";
-                } else if (seq == *at) {
+                    out = "event: levels\ndata: " + jtag::jsonText(snapshot(**at)) + "\n\n";
+                } else if (seq == **at) {
                     out = ": ping\n\n";
                 } else {
                     for (const auto& [n, text] : events)
-                        if (n > *at) out += text;
+                        if (n > **at) out += text;
                     *at = seq;
                 }
             }
