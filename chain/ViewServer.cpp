@@ -107,8 +107,7 @@ void ViewServer::Impl::stream(httplib::Response& res) {
         answer(res, 503, Json{{"status", jtag::kChainUsage}, {"error", "too many event streams"}});
         return;
     }
-    // Where this stream is in the events; none until its first snapshot (a
-    // seq of 0 is a real place: no event yet on a board where nothing moved).
+    // Where this stream is in the events; none until its first snapshot.
     auto at = std::make_shared<std::optional<uint64_t>>();
     res.set_header("Cache-Control", "no-store");
     res.set_chunked_content_provider(
@@ -117,8 +116,7 @@ void ViewServer::Impl::stream(httplib::Response& res) {
             std::string out;
             {
                 std::unique_lock<std::mutex> hold(lock);
-                if (*at && !closed)
-                    moved.wait_for(hold, kPing, [&] { return closed || seq > **at; });
+                if (*at) moved.wait_for(hold, kPing, [&] { return closed || seq > **at; });
                 if (closed) return false;
                 if (!*at || (!events.empty() && events.front().first > **at + 1)) {
                     // New, or so far behind that events were dropped: the whole state again.

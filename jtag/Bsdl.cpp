@@ -2,15 +2,15 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <numeric>
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+
+#include "jtag/TextFile.h"
 
 namespace jtag::bsdl {
 
@@ -946,22 +946,9 @@ bool read(const std::string& text, const std::string& fileName, Device* device, 
 }
 
 bool readFile(const std::string& path, Device* device, Error* error) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        *error = {path, 0, std::string("cannot read: ") + std::strerror(errno)};
-        return false;
-    }
-    std::string text;
-    char buf[65536];
-    while (in.read(buf, sizeof buf) || in.gcount() > 0) {
-        text.append(buf, static_cast<size_t>(in.gcount()));
-        if (text.size() > kMaxFileBytes) {
-            *error = {path, 0, "larger than " + std::to_string(kMaxFileBytes >> 20) + " MiB: not a BSDL file"};
-            return false;
-        }
-    }
-    if (in.bad()) {
-        *error = {path, 0, std::string("cannot read: ") + std::strerror(errno)};
+    std::string text, why;
+    if (!readText(path, kMaxFileBytes, "a BSDL file", &text, &why)) {
+        *error = {path, 0, why};
         return false;
     }
     return read(text, path, device, error);

@@ -9,13 +9,6 @@ namespace jtag {
 
 namespace {
 
-CommandResult failure(int status, std::string what) {
-    CommandResult r;
-    r.status = status;
-    r.error = std::move(what);
-    return r;
-}
-
 bool allDigits(const std::string& s) {
     return !s.empty() && s.size() <= 6 && std::all_of(s.begin(), s.end(), [](char c) { return std::isdigit(static_cast<unsigned char>(c)); });
 }
@@ -89,10 +82,10 @@ std::vector<LiveView::Change> LiveView::sample() {
 
 CommandResult LiveView::drive(unsigned position, const std::string& port, char level) {
     std::lock_guard<std::mutex> hold(lock_);
-    if (!drive_) return failure(kChainDriveRefused, "drive refused: the view was started without --drive");
+    if (!drive_) return CommandResult{kChainDriveRefused, "drive refused: the view was started without --drive"};
     if (position >= d_.devices.size())
-        return failure(kChainUsage, "no device at position " + std::to_string(position) + " (the chain has " +
-                                        std::to_string(d_.devices.size()) + ")");
+        return CommandResult{kChainUsage, "no device at position " + std::to_string(position) + " (the chain has " +
+                                        std::to_string(d_.devices.size()) + ")"};
     Device* dev = find(position);
     if (!dev) {
         CommandResult why;
@@ -263,7 +256,7 @@ CommandResult LiveView::marks(const Json& report, const std::vector<std::string>
     for (const std::string& part : parts) {
         size_t eq = part.find('=');
         unsigned p;
-        if (eq == std::string::npos || eq == 0) return failure(kChainUsage, "--part " + part + ": wants REF=DEV");
+        if (eq == std::string::npos || eq == 0) return CommandResult{kChainUsage, "--part " + part + ": wants REF=DEV"};
         CommandResult named = chain_.resolve(part.substr(eq + 1), &p);
         if (!named.ok()) return named;
         std::string ref = part.substr(0, eq);
@@ -271,7 +264,7 @@ CommandResult LiveView::marks(const Json& report, const std::vector<std::string>
         positions[ref] = p;
     }
     if (!report.is_object() || !report.contains("nets") || !report["nets"].is_array())
-        return failure(kChainUsage, "not a board test's report (kelvorn-chain test --json): no \"nets\"");
+        return CommandResult{kChainUsage, "not a board test's report (kelvorn-chain test --json): no \"nets\""};
     Json marks = Json::object();
     for (const Json& net : report["nets"]) {
         if (!net.is_object() || net.value("result", "") != "fail" || !net.contains("pins") || !net["pins"].is_array()) continue;

@@ -1,12 +1,12 @@
 #include "jtag/Netlist.h"
 
 #include <cctype>
-#include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
 #include <unordered_map>
 #include <unordered_set>
+
+#include "jtag/TextFile.h"
 
 namespace jtag::netlist {
 
@@ -335,22 +335,9 @@ bool read(const std::string& text, const std::string& fileName, Netlist* out, st
 }
 
 bool readFile(const std::string& path, Netlist* out, std::string* error) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        *error = path + ": cannot read: " + std::strerror(errno);
-        return false;
-    }
-    std::string text;
-    char buf[65536];
-    while (in.read(buf, sizeof buf) || in.gcount() > 0) {
-        text.append(buf, static_cast<size_t>(in.gcount()));
-        if (text.size() > kMaxFileBytes) {
-            *error = path + ": larger than " + std::to_string(kMaxFileBytes >> 20) + " MiB: not a board's netlist";
-            return false;
-        }
-    }
-    if (in.bad()) {
-        *error = path + ": cannot read: " + std::strerror(errno);
+    std::string text, why;
+    if (!readText(path, kMaxFileBytes, "a board's netlist", &text, &why)) {
+        *error = path + ": " + why;
         return false;
     }
     return read(text, path, out, error);

@@ -10,10 +10,13 @@ set -euo pipefail
 # libsystemd-dev: socket activation; nlohmann-json3-dev: every JSON
 # document; systemd (systemd-socket-activate, systemd-analyze) and lintian:
 # the tests of the units and the packages;
-# python3, python3-pytest and mypy: the Python package, its tests and its types.
+# python3, python3-pytest and mypy: the Python package, its tests and its types;
+# libcpp-httplib-dev: kelvorn-chain view's HTTP server; chromium, chromium-driver
+# and python3-selenium: the test of its page in a real browser.
 pkgs=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev util-linux
       pkg-config dpkg-dev file openocd openfpgaloader go-md2man man-db bash-completion
-      libsystemd-dev nlohmann-json3-dev systemd lintian python3 python3-pytest mypy)
+      libsystemd-dev nlohmann-json3-dev systemd lintian python3 python3-pytest mypy
+      libcpp-httplib-dev chromium chromium-driver python3-selenium)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

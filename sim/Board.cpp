@@ -131,6 +131,7 @@ std::vector<DeviceDesc> defaultChain() { return {{0x0a5c7035, 8}, {0x1b4d2093, 6
 
 Board::Board(BoardConfig config) : config_(std::move(config)), chain_(config_.chain) {
     chain_.pinsAre(config_.pins);
+    chain_.wavesAre(config_.waves);
     chain_.wiresAre(config_.wires);
     std::memcpy(configSpace_ + kCaveCreekConfigOffset, &kCaveCreekGpioBaseRegister, 4);
 }

@@ -38,9 +38,11 @@ struct BoardConfig {
     bool showWrites = false;   // every register write on stderr, with what it did to the pins
     std::string vcd;           // the pins and the TAP state as a Value Change Dump into this file (sim/Vcd.h)
     bool vcdRealTime = false;  // its time: ns on the monotonic clock since the first sample, not accesses
-    // BSDL devices' input pins that nothing drives (default 1), and how
-    // their pins are wired.
+    // BSDL devices' input pins that nothing drives (default 1), those that
+    // toggle every so many ms instead (JtagChain::wavesAre), and how their
+    // pins are wired.
     std::map<PinRef, bool> pins;
+    std::map<PinRef, uint32_t> waves;
     Wires wires;
     // TDO as the chip sees it: -1 the chain's, 0 or 1 stuck there (no chain, or a broken one).
     int tdoStuck = -1;

@@ -80,6 +80,21 @@ void finishWires(BoardOptions* o) {
     }
 }
 
+// "wave:MS", MS milliseconds in decimal, 1 to an hour.
+bool wavePeriod(const std::string& value, unsigned long* ms) {
+    const std::string prefix = "wave:";
+    if (value.compare(0, prefix.size(), prefix) != 0 || value.size() == prefix.size() || value.size() > prefix.size() + 7)
+        return false;
+    unsigned long v = 0;
+    for (size_t i = prefix.size(); i < value.size(); ++i) {
+        if (value[i] < '0' || value[i] > '9') return false;
+        v = v * 10 + static_cast<unsigned long>(value[i] - '0');
+    }
+    if (v < 1 || v > 3600000) return false;
+    *ms = v;
+    return true;
+}
+
 }  // namespace
 
 BoardOptions::BoardOptions() : chain(chainText(config.chain)) {}
@@ -121,8 +136,10 @@ void addBoardOptions(CLI::App& app, BoardOptions* o) {
                  "after the run, print \"sim stats: reads R writes W tck-cycles C contention N\" on stderr: the "
                  "register accesses of the chip the chain hangs on, the rising TCK edges the chain saw, and the "
                  "updates after which drivers fought on a net");
-    app.add_option("--pin", o->pins, "the level on an input pin of a BSDL device that nothing drives (default 1)")
-        ->type_name("POS.PORT=0|1")
+    app.add_option("--pin", o->pins,
+                   "the level on an input pin of a BSDL device that nothing drives (default 1); wave:MS toggles it "
+                   "every MS milliseconds (1 to 3600000), 0 first, from the simulator's start")
+        ->type_name("POS.PORT=0|1|wave:MS")
         ->allow_extra_args(false);  // one value each time: never the arguments after it
     app.add_option("--net", o->nets, "a wire between two BSDL devices' pins (joining the nets either is on already)")
         ->type_name("POS.PORT=POS.PORT")
@@ -159,13 +176,21 @@ void finishBoardOptions(BoardOptions* o) {
     if (!o->config.dumpMemory.empty() && !noMemory.empty()) throw CLI::ValidationError("--dump-memory", noMemory);
     for (const std::string& p : o->pins) {
         size_t eq = p.rfind('=');
+        std::string value = eq == std::string::npos ? "" : p.substr(eq + 1);
+        unsigned long period = 0;
         sim::PinRef pin;
-        std::string error = eq == std::string::npos || eq + 2 != p.size() || (p[eq + 1] != '0' && p[eq + 1] != '1')
-                                ? "wants POS.PORT=0 or POS.PORT=1: " + p
+        std::string error = value != "0" && value != "1" && !wavePeriod(value, &period)
+                                ? "wants POS.PORT=0, POS.PORT=1 or POS.PORT=wave:MS: " + p
                                 : sim::parsePin(p.substr(0, eq), &pin);
         if (error.empty()) error = sim::checkPin(o->config.chain, pin);
         if (!error.empty()) throw CLI::ValidationError("--pin", error);
-        o->config.pins[pin] = p[eq + 1] == '1';
+        // The last --pin for a pin decides.
+        o->config.pins.erase(pin);
+        o->config.waves.erase(pin);
+        if (period)
+            o->config.waves[pin] = static_cast<uint32_t>(period);
+        else
+            o->config.pins[pin] = value == "1";
     }
     if (o->netlist.empty() && !o->parts.empty()) throw CLI::ValidationError("--part", "names parts of a --netlist");
     if (!o->netlist.empty()) {

@@ -1,5 +1,7 @@
 #include "sim/JtagChain.h"
 
+#include <time.h>
+
 #include <cassert>
 #include <cctype>
 
@@ -11,6 +13,12 @@ using jtag::TapState;
 namespace {
 
 constexpr unsigned kIdcodeBits = 32;
+
+uint64_t monotonicNs() {
+    timespec t{};
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return static_cast<uint64_t>(t.tv_sec) * 1000000000u + static_cast<uint64_t>(t.tv_nsec);
+}
 
 std::string upper(std::string s) {
     for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
@@ -79,6 +87,7 @@ JtagChain::JtagChain(std::vector<DeviceDesc> devices) {
     devices_.reserve(devices.size());
     for (const DeviceDesc& d : devices) devices_.emplace_back(d);
     rebuild();
+    startNs_ = monotonicNs();
 }
 
 const ProgDevice* JtagChain::firstProgrammable() const {
@@ -178,6 +187,8 @@ void JtagChain::tckIs(bool tck, bool tms, bool tdi) {
     tck_ = tck;
     if (tck) {
         ++tckCycles_;
+        // The controllers move together: this edge captures on every device or on none.
+        if (anyWave_ && devices_.front().state == TapState::CaptureDr) nowMs_ = elapsedMs();
         // Each device's TDI is the TDO that the next one (nearer TDI) has
         // held since the last falling edge; the last one sees the pin.
         for (size_t i = 0; i < devices_.size(); ++i) {
@@ -202,6 +213,20 @@ void JtagChain::pinsAre(const std::map<PinRef, bool>& levels) {
     rebuild();
 }
 
+void JtagChain::wavesAre(const std::map<PinRef, uint32_t>& periods) {
+    waves_ = periods;
+    rebuild();
+}
+
+void JtagChain::timeIs(uint64_t elapsedMs) {
+    fixedMs_ = static_cast<int64_t>(elapsedMs);
+    nowMs_ = elapsedMs;
+}
+
+uint64_t JtagChain::elapsedMs() const {
+    return fixedMs_ >= 0 ? static_cast<uint64_t>(fixedMs_) : (monotonicNs() - startNs_) / 1000000u;
+}
+
 void JtagChain::wiresAre(const Wires& wires) {
     wires_ = wires;
     rebuild();
@@ -220,6 +245,7 @@ void JtagChain::rebuild() {
     pins_.clear();
     nodes_.clear();
     fightNodes_.clear();
+    anyWave_ = false;
     cellPins_.assign(devices_.size(), {});
     std::map<PinRef, int> byRef;
     for (size_t i = 0; i < devices_.size(); ++i) {
@@ -235,6 +261,8 @@ void JtagChain::rebuild() {
                 p.position = ref.position;
                 auto level = levels_.find(ref);
                 if (level != levels_.end()) p.idle = level->second;
+                auto wave = waves_.find(ref);
+                if (wave != waves_.end() && wave->second > 0) p.wave = wave->second, anyWave_ = true;
                 pins_.push_back(p);
             }
             Pin& p = pins_[static_cast<size_t>(it->second)];
@@ -279,6 +307,7 @@ void JtagChain::rebuild() {
             for (const PinRef& o : wires_.open) open = open || o == ref;
             if (open) continue;
             pins_[static_cast<size_t>(it->second)].node = nodeOfNet[n];
+            if (node.wave == 0) node.wave = pins_[static_cast<size_t>(it->second)].wave;
             if (pins_[static_cast<size_t>(it->second)].outCell >= 0)
                 (inDominant[n] ? node.dominant : node.drivers).push_back(it->second);
         }
@@ -305,13 +334,14 @@ int JtagChain::resolve(const std::vector<int>& drivers, bool wiredOr) const {
 bool JtagChain::levelOf(int pin) const {
     const Pin& p = pins_[static_cast<size_t>(pin)];
     bool level;
-    if (p.node < 0) return drives(p, &level) ? level : p.idle;
+    if (p.node < 0) return drives(p, &level) ? level : p.wave ? waveLevel(nowMs_, p.wave) : p.idle;
     const Node& n = nodes_[static_cast<size_t>(p.node)];
     if (n.stuck >= 0) return n.stuck != 0;
     bool wiredOr = n.kind == WireShort::Kind::wiredOr;
     int r = n.kind == WireShort::Kind::dominant ? resolve(n.dominant, false) : -1;
     if (r < 0) r = resolve(n.drivers, wiredOr);
-    return r < 0 ? n.pull : r != 0;
+    if (r >= 0) return r != 0;
+    return n.wave ? waveLevel(nowMs_, n.wave) : n.pull;
 }
 
 bool JtagChain::fight(const Node& n) const {
@@ -324,6 +354,7 @@ bool JtagChain::fight(const Node& n) const {
 
 bool JtagChain::pinLevel(size_t position, const std::string& port) const {
     PinRef ref{static_cast<unsigned>(position), port};
+    if (anyWave_) nowMs_ = elapsedMs();
     if (const BoundaryDevice* d = position < devices_.size() ? boundary(position) : nullptr)
         for (const jtag::bsdl::Cell& c : d->bsdl().boundary)
             if (c.port != "*" && PinRef{ref.position, c.port} == ref) return levelOf(cellPins_[position][c.number]);

@@ -42,6 +42,10 @@ struct PinRef {
     bool operator==(const PinRef& o) const;
 };
 
+// The level of a pin that toggles every periodMs milliseconds (--pin
+// POS.PORT=wave:MS), elapsedMs after the simulator started: 0 first.
+inline bool waveLevel(uint64_t elapsedMs, uint32_t periodMs) { return (elapsedMs / periodMs) % 2 != 0; }
+
 // How the pins of BSDL devices are wired, as the options give it (the model
 // is in docs/simulator.md). A net joins pins; a short makes several nets
 // one node; an open pin is cut from its net.
@@ -100,10 +104,19 @@ class JtagChain {
     // drives (default 1: a pull-up), and how their pins are wired. Pins not
     // of a BSDL device on the chain are left out.
     void pinsAre(const std::map<PinRef, bool>& levels);
+    // Input pins that nothing drives and that toggle instead, each every so
+    // many milliseconds of the monotonic clock since the chain was made
+    // (waveLevel). Such a pin on a net gives the net its level when no
+    // driver on it is enabled, in place of the pull. A pin here and in
+    // pinsAre's levels toggles.
+    void wavesAre(const std::map<PinRef, uint32_t>& periods);
+    // Test-only: the milliseconds since the start that toggling pins read,
+    // from now on instead of the clock.
+    void timeIs(uint64_t elapsedMs);
     void wiresAre(const Wires& wires);
     // Nets of two pins each.
     void netsAre(const std::vector<std::pair<PinRef, PinRef>>& nets);
-    // The level on a BSDL device's pin now (slow: by name).
+    // The level on a BSDL device's pin now (slow: by name; reads the clock).
     bool pinLevel(size_t position, const std::string& port) const;
     // Update-DR and Update-IR edges after which some node had enabled
     // drivers at both levels.
@@ -161,6 +174,7 @@ class JtagChain {
         int outCell = -1;  // the cell that drives it; -1 an input only
         int node = -1;     // -1: on no net (or cut from it)
         bool idle = true;  // the level read when it is on no net and does not drive (--pin)
+        uint32_t wave = 0;  // not 0: idle toggles every this many ms instead (--pin POS.PORT=wave:MS)
     };
     // Nets joined by a short (or one net alone): what its pins read.
     struct Node {
@@ -169,23 +183,33 @@ class JtagChain {
         std::vector<int> dominant;  // Kind::dominant: the deciding net's
         int stuck = -1;
         bool pull = true;
+        uint32_t wave = 0;  // not 0: undriven, it reads a toggling pin on it instead of the pull
     };
 
     bool drives(const Pin& p, bool* level) const;
     // The resolution of the enabled drivers in a list; -1 when none is.
     int resolve(const std::vector<int>& drivers, bool wiredOr) const;
     bool levelOf(int pin) const;
+    // Milliseconds since the start: the clock's, or timeIs's.
+    uint64_t elapsedMs() const;
     bool fight(const Node& n) const;
     void rebuild();
 
     std::vector<Device> devices_;
     std::map<PinRef, bool> levels_;
+    std::map<PinRef, uint32_t> waves_;
     Wires wires_;
     std::vector<Pin> pins_;
     std::vector<std::vector<int>> cellPins_;  // per position, by cell number: the pin of an input cell's port; -1
     std::vector<Node> nodes_;
     std::vector<int> fightNodes_;  // nodes with two drivers or more
     bool tck_ = false;
+    // What toggling pins read: the elapsed time at the last capture (one
+    // clock read per Capture-DR, none when no pin toggles).
+    bool anyWave_ = false;
+    uint64_t startNs_ = 0;
+    int64_t fixedMs_ = -1;  // timeIs; -1 the clock
+    mutable uint64_t nowMs_ = 0;
     uint64_t tckCycles_ = 0, contention_ = 0;
 };
 

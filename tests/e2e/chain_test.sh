@@ -1,9 +1,9 @@
 # kelvorn-chain on simulated boards whose chain holds devices described by
 # BSDL files (tests/data/bsdl): discovery in text and JSON through three
 # backends, with the files and without; sample of pins set on the board,
-# connect over a wired net and an unwired pin, a board wired from its
-# netlist with an open pin, a stuck net and a short, drive seen in the pins
-# the boundary register drove, USERCODE; dead chains; BSDL files that cannot be
+# connect over a wired net and an unwired pin (the faults of a board wired
+# from its netlist: interconnect_test.sh), drive seen in the pins the
+# boundary register drove, USERCODE; dead chains; BSDL files that cannot be
 # read; the exit statuses.
 source "$(dirname "$0")/lib.sh" "$1"
 
@@ -108,34 +108,6 @@ e2e_run "${sim[@]}" "${net[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" connect 0.
 expect_eq "$E2E_STATUS|$E2E_ERR" "6|kelvorn-chain: connect refused: device 0's BSDL file was found, not given: EXTEST drives its pins and may fight the board's own drivers; give it with --bsdl 0=FILE, or --i-know-the-board" \
   "connect: refused without the BSDL given"
 
-# ---- a board wired from its netlist, broken on purpose ----
-
-cat >"$d/board.net" <<'EOF'
-# U1 kv_cpld64 (TQ44), U2 KV_FPGA6 (FG256); R1 pulls BUS down
-LED: U1.3 U2.A2
-BUS: U2.B2 U1.4 R1.1
-GND: R1.2
-EOF
-wired=("${sim[@]}" --netlist "$d/board.net" --part U1=0 --part U2=1)
-while read -r status result fault; do
-  e2e_run "${wired[@]}" $fault chain --i-know-the-board --bsdl-path "$bsdl" "${dev[@]}" connect 0.led '1.SW(1)'
-  expect_eq "$E2E_STATUS|$E2E_OUT" "$status|0.led -> 1.SW(1): $result" "netlist board: connect with ${fault:-no fault}"
-done <<'EOF'
-0 connected
-7 stuck-1 --open 1.SW(1) --pin 1.SW(1)=1
-7 stuck-0 --stuck LED=0
-EOF
-# led and d(0) on the short LED,BUS: a fight when they differ, counted after the updates that drive it.
-for level in 0 1; do
-  e2e_run "${wired[@]}" --short LED,BUS --stats chain --i-know-the-board --bsdl-path "$bsdl" --hold 0 "${dev[@]}" \
-    drive 0 led=1 "d(0)=$level" 'd(1)=0'
-  expect_eq "$E2E_STATUS|$(sed -E 's/reads [0-9]+ writes [0-9]+ tck-cycles [0-9]+/R W C/' <<<"$E2E_ERR")" \
-    "0|sim stats: R W C contention $((level ? 0 : 2))" "netlist board: drive d(0)=$level against led=1"
-done
-e2e_run "${sim[@]}" --netlist "$d/board.net" --part U1=0 --part U9=1 chain "${dev[@]}"
-expect_eq "$E2E_STATUS|$(head -n1 <<<"$E2E_ERR")" "105|--netlist: $d/board.net: no component U9 (--part U9)" \
-  "netlist board: a part the netlist does not hold"
-
 # ---- drive ----
 
 e2e_run "${sim[@]}" --dump-pins "$d/pins" --vcd "$d/drive.vcd" chain --bsdl "$bsdl/kv_cpld64.bsd" --bsdl-path "$bsdl" --hold 0 \
@@ -193,25 +165,19 @@ expect_eq "$E2E_STATUS|$E2E_ERR" "2|kelvorn-chain: --irlen 4294967296=8: wants P
 e2e_run "${sim[@]}" chain --bsdl "0=$bsdl/kv_cpld64.bsd" --bsdl "1=$bsdl/KV_FPGA6.BSD" "${dev[@]}" usercode 1
 expect_eq "$E2E_STATUS|$E2E_OUT" "0|1: USERCODE 0x12345678" "--bsdl repeated before the arguments"
 
-# A signal during the hold ends it the normal way: Test-Logic-Reset, status 0.
-e2e_start "${sim[@]}" --dump-pins "$d/pins" chain --i-know-the-board --bsdl-path "$bsdl" "${dev[@]}" drive 1 OUT0=1
-for ((i = 0; i < 50; i++)); do grep -q holding "$E2E_DIR/bg.out" && break; sleep 0.1; done
-kill -INT "$E2E_BG"
-e2e_wait
-expect_eq "$E2E_STATUS|$E2E_OUT|$(cat "$d/pins")" "0|1: EXTEST driving OUT0=1, every other output released; holding until Ctrl-C
-1: released (Test-Logic-Reset)|1.OUT0 1" "drive until Ctrl-C"
-
-# SIGQUIT and SIGTERM during a hold, as a shell that does not ignore them
-# sends them: the pins released (Test-Logic-Reset), TCK, TMS and TDI last
-# seen undriven in the waveform, status 0.
-for sig in QUIT TERM; do
-  _e2e_cmd "${sim[@]}" --vcd "$d/hold.vcd" chain --i-know-the-board --bsdl-path "$bsdl" "${dev[@]}" drive 1 OUT0=1
+# SIGINT, SIGQUIT and SIGTERM during a hold, as a shell that does not ignore
+# them sends them, end it the normal way: the pins released (Test-Logic-Reset),
+# TCK, TMS and TDI last seen undriven in the waveform, status 0.
+for sig in INT QUIT TERM; do
+  _e2e_cmd "${sim[@]}" --dump-pins "$d/pins" --vcd "$d/hold.vcd" chain --i-know-the-board --bsdl-path "$bsdl" "${dev[@]}" \
+    drive 1 OUT0=1
   env --default-signal=INT,QUIT "${E2E_ARGV[@]}" >"$E2E_DIR/bg.out" 2>"$E2E_DIR/bg.err" &
   E2E_BG=$!
   for ((i = 0; i < 50; i++)); do grep -q holding "$E2E_DIR/bg.out" && break; sleep 0.1; done
   kill -$sig "$E2E_BG"
   e2e_wait
-  expect_eq "$E2E_STATUS|$(tail -n1 <<<"$E2E_OUT")" "0|1: released (Test-Logic-Reset)" "SIG$sig during a drive hold: released"
+  expect_eq "$E2E_STATUS|$E2E_OUT|$(cat "$d/pins")" "0|1: EXTEST driving OUT0=1, every other output released; holding until Ctrl-C
+1: released (Test-Logic-Reset)|1.OUT0 1" "SIG$sig during a drive hold: released"
   expect_eq "$(for v in C M I; do grep -E "^[01z]$v\$" "$d/hold.vcd" | tail -n 1; done | paste -sd' ')" "zC zM zI" \
     "SIG$sig during a drive hold: TCK, TMS and TDI released last"
 done
@@ -244,6 +210,20 @@ for ((i = 0; i < 50; i++)); do grep -q BUS "$E2E_DIR/bg.out" && break; sleep 0.1
 kill -TERM "$E2E_BG"
 e2e_wait
 expect_eq "$E2E_STATUS|$(head -n1 <<<"$E2E_OUT")" "0|SW(0) 0 (pin A1)" "watch: until a signal"
+
+# A pin that toggles every 100 ms on the simulated board, watched for about a
+# second (timeout's own status is 124): only that port moves, each change
+# from the level before it, 0 first.
+_e2e_cmd "${sim[@]}" --pin 0.clk=wave:100 chain --bsdl-path "$bsdl" "${dev[@]}" watch 0
+env --default-signal=INT,QUIT timeout -s INT 1.2 "${E2E_ARGV[@]}" >"$E2E_DIR/bg.out" 2>"$E2E_DIR/bg.err"
+E2E_STATUS=$?
+E2E_OUT=$(cat "$E2E_DIR/bg.out")
+moves=$(grep -c -- ' -> ' <<<"$E2E_OUT")
+toggles=$(awk 'NR == 1 { last = $2; next }
+  $3 == "clk" && $5 == "->" && $4 == last && $6 == 1 - last { n++; last = $6 }
+  END { print n + 0 }' <<<"$E2E_OUT")
+expect_eq "$E2E_STATUS|$(head -n1 <<<"$E2E_OUT")|$(cat "$E2E_DIR/bg.err")" "124|clk 0 (pin 1)|" "watch a wave:100 pin: the first sample"
+expect_eq "$((toggles >= 4))|$((moves == toggles))" "1|1" "watch a wave:100 pin: $toggles toggles of clk, $moves changes in all"
 
 # ---- --json: one valid JSON document a line, whatever happens ----
 

@@ -111,6 +111,7 @@ expect_eq "$ran" 14 "examples run"
 printf '%s\n' "${skipped[@]}" >"$E2E_DIR/skipped"
 expect_eq "$(cat "$E2E_DIR/skipped")" "README.md example 1: builds and tests the whole tree (CI runs it)
 docs/man/kelvorn-chain.1.md example 5: real board
+docs/man/kelvorn-chain.1.md example 6: a server until Ctrl-C; tests/e2e/view_test.sh runs it with a browser
 docs/man/kelvorn-play.1.md example 2: real board
 docs/man/kelvorn-serve.1.md example 3: real board
 docs/man/kelvorn.1.md example 2: real board

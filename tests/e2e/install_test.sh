@@ -21,72 +21,33 @@ stage=$E2E_DIR/stage
 cmake --install "$E2E_BUILD" --prefix "$stage" >"$E2E_DIR/install.log" 2>&1
 expect_eq "$?" 0 "cmake --install: status"
 installed() { (cd "$stage" && find . ! -type d \( -type l -printf '%P -> %l\n' -o -printf '%P\n' \) | sort); }
-expect_eq "$(installed | grep -v '^bin/')" "$(sort <<<"include/kelvorn/XilIntfC.h
+# Each Debian package's documents; the programs' pages and completion; the simulated parts' files.
+packages="kelvorn kelvorn-sim libxilinx-dev libxilinx1 libkelvorn-dev libkelvorn-sim1 libkelvorn1 python3-kelvorn"
+tools="kelvorn kelvorn-chain kelvorn-play kelvorn-serve kelvorn-sim kelvorn-vectors"
+data="bsdl/KV_BGA36.BSD bsdl/KV_FPGA6.BSD bsdl/kv_cpld64.bsd bsdl/kv_dap4.bsd bsdl/kv_io48.bsd netlist/board.net netlist/board.txt"
+{
+  printf 'share/doc/%s/changelog.gz\nshare/doc/%s/copyright\n' $(for p in $packages; do echo "$p $p"; done)
+  printf 'share/man/man1/%s.1.gz\nshare/bash-completion/completions/%s\n' $(for t in $tools; do echo "$t $t"; done)
+  printf 'share/kelvorn/%s\n' $data
+  for l in xilinx kelvorn kelvorn-sim; do
+    [ $l = xilinx ] && echo "$libdir/libxilinx.a"
+    printf '%s\n' "$libdir/lib$l.so -> lib$l.so.1" "$libdir/lib$l.so.1 -> lib$l.so.1.0.0" "$libdir/lib$l.so.1.0.0" \
+      "$libdir/pkgconfig/$l.pc"
+  done
+  for t in kelvornConfig kelvornConfigVersion kelvornTargets kelvornTargets-$config kelvornLibTargets \
+    kelvornLibTargets-$config; do echo "$libdir/cmake/kelvorn/$t.cmake"; done
+} >"$E2E_DIR/manifest"
+expect_eq "$(installed | grep -v '^bin/')" "$(sort "$E2E_DIR/manifest" - <<<"include/kelvorn/XilIntfC.h
 include/kelvorn/kelvorn.h
-$libdir/cmake/kelvorn/kelvornConfig.cmake
-$libdir/cmake/kelvorn/kelvornConfigVersion.cmake
-$libdir/cmake/kelvorn/kelvornTargets-$config.cmake
-$libdir/cmake/kelvorn/kelvornTargets.cmake
-$libdir/cmake/kelvorn/kelvornLibTargets-$config.cmake
-$libdir/cmake/kelvorn/kelvornLibTargets.cmake
-$libdir/libxilinx.a
-$libdir/libxilinx.so -> libxilinx.so.1
-$libdir/libxilinx.so.1 -> libxilinx.so.1.0.0
-$libdir/libxilinx.so.1.0.0
-$libdir/libkelvorn.so -> libkelvorn.so.1
-$libdir/libkelvorn.so.1 -> libkelvorn.so.1.0.0
-$libdir/libkelvorn.so.1.0.0
-$libdir/libkelvorn-sim.so -> libkelvorn-sim.so.1
-$libdir/libkelvorn-sim.so.1 -> libkelvorn-sim.so.1.0.0
-$libdir/libkelvorn-sim.so.1.0.0
-$libdir/pkgconfig/xilinx.pc
-$libdir/pkgconfig/kelvorn.pc
-$libdir/pkgconfig/kelvorn-sim.pc
 lib/python3/dist-packages/kelvorn/__init__.py
 lib/python3/dist-packages/kelvorn/py.typed
 lib/systemd/system/kelvorn-serve@.service
 lib/systemd/system/kelvorn-serve@.socket
-share/bash-completion/completions/kelvorn
-share/bash-completion/completions/kelvorn-chain
-share/bash-completion/completions/kelvorn-play
-share/bash-completion/completions/kelvorn-serve
-share/bash-completion/completions/kelvorn-sim
-share/bash-completion/completions/kelvorn-vectors
-share/doc/kelvorn/changelog.gz
-share/doc/kelvorn/copyright
-share/doc/kelvorn-sim/changelog.gz
-share/doc/kelvorn-sim/copyright
-share/doc/libxilinx-dev/changelog.gz
-share/doc/libxilinx-dev/copyright
-share/doc/libxilinx1/changelog.gz
-share/doc/libxilinx1/copyright
-share/doc/libkelvorn-dev/changelog.gz
-share/doc/libkelvorn-dev/copyright
-share/doc/libkelvorn-sim1/changelog.gz
-share/doc/libkelvorn-sim1/copyright
-share/doc/libkelvorn1/changelog.gz
-share/doc/libkelvorn1/copyright
-share/doc/python3-kelvorn/changelog.gz
-share/doc/python3-kelvorn/copyright
-share/man/man1/kelvorn-chain.1.gz
-share/man/man1/kelvorn-play.1.gz
-share/man/man1/kelvorn-serve.1.gz
-share/man/man1/kelvorn.1.gz
-share/man/man1/kelvorn-sim.1.gz
-share/man/man1/kelvorn-vectors.1.gz
-share/kelvorn/bsdl/KV_BGA36.BSD
-share/kelvorn/bsdl/KV_FPGA6.BSD
-share/kelvorn/bsdl/kv_cpld64.bsd
-share/kelvorn/bsdl/kv_dap4.bsd
-share/kelvorn/bsdl/kv_io48.bsd
-share/kelvorn/netlist/board.net
-share/kelvorn/netlist/board.txt
 share/man/man3/libxilinx.3.gz
 share/man/man3/libkelvorn.3.gz
 share/man/man7/kelvorn-status.7.gz")" "installed libraries, Python package, manual pages, completion, units and package documents"
 # Tools come from kelvorn_install_tool(), and the simulator with kelvorn-vectors; never tests or benchmarks.
-expect_eq "$(ls "$stage/bin" | paste -sd' ')" "kelvorn kelvorn-chain kelvorn-play kelvorn-serve kelvorn-sim kelvorn-vectors" \
-  "installed tools"
+expect_eq "$(ls "$stage/bin" | paste -sd' ')" "$tools" "installed tools"
 # The simulated parts' BSDL files, as the tests read them, where kelvorn-chain looks by default.
 for f in "$src"/tests/data/bsdl/*.[bB][sS][dD]; do
   expect_eq "$(cmp "$f" "$stage/share/kelvorn/bsdl/${f##*/}" && echo same)" same "installed BSDL file ${f##*/}"
@@ -175,21 +136,9 @@ expect_eq "$(packaged kelvorn | grep -cE '(^bin/|/)kelvorn-(sim|vectors)')" 0 "k
 # The BSDL directory kelvorn-chain searches is kelvorn's, empty; the simulated parts are kelvorn-sim's.
 expect_eq "$(dpkg-deb -c "$(deb kelvorn)" | awk '$6 ~ /^\.\/usr\/share\/kelvorn\/./ { print $1, $6 }')" \
   "drwxr-xr-x ./usr/share/kelvorn/bsdl/" "kelvorn: the BSDL directory"
-expect_eq "$(packaged kelvorn-sim)" "bin/kelvorn-sim
-bin/kelvorn-vectors
-share/bash-completion/completions/kelvorn-sim
-share/bash-completion/completions/kelvorn-vectors
-share/doc/kelvorn-sim/changelog.gz
-share/doc/kelvorn-sim/copyright
-share/kelvorn/bsdl/KV_BGA36.BSD
-share/kelvorn/bsdl/KV_FPGA6.BSD
-share/kelvorn/bsdl/kv_cpld64.bsd
-share/kelvorn/bsdl/kv_dap4.bsd
-share/kelvorn/bsdl/kv_io48.bsd
-share/kelvorn/netlist/board.net
-share/kelvorn/netlist/board.txt
-share/man/man1/kelvorn-sim.1.gz
-share/man/man1/kelvorn-vectors.1.gz" "kelvorn-sim: the simulator, kelvorn-vectors, pages, completion, BSDL files"
+expect_eq "$(packaged kelvorn-sim)" "$(printf '%s\n' bin/kelvorn-{sim,vectors} share/bash-completion/completions/kelvorn-{sim,vectors} \
+  share/doc/kelvorn-sim/{changelog.gz,copyright} $(printf 'share/kelvorn/%s ' $data) share/man/man1/kelvorn-{sim,vectors}.1.gz | sort)" \
+  "kelvorn-sim: the simulator, kelvorn-vectors, pages, completion, BSDL files"
 expect_eq "$(dpkg-deb -f "$(deb kelvorn-sim)" Recommends)" "kelvorn" "kelvorn-sim recommends kelvorn"
 expect_eq "$(dpkg-deb --fsys-tarfile "$(deb libxilinx-dev)" | tar -xO "./usr/$libdir/pkgconfig/xilinx.pc" | head -n1)" \
   "prefix=/usr" "package: pkg-config prefix"

@@ -53,33 +53,22 @@ def test_discover_three_devices():
 
 
 def test_play_programs_the_image(tmp_path):
-    image = bytes((i * 37 + 11) % 256 for i in range(64 * 32 // 8))
-    (tmp_path / "image.bin").write_bytes(image)
-    subprocess.run([BUILD / "bin" / "kelvorn-vectors", "--chain", "0x0a5c7035:8,0x1b4d2093:6:mem=64x32,0x2468ace1:10",
-                    "--svf", tmp_path / "image.svf", tmp_path / "image.bin"], check=True)
-    seen = []
-    memory = tmp_path / "memory.bin"
-    sim = f"{CPU} --chain 0x0a5c7035:8,0x1b4d2093:6:mem=64x32,0x2468ace1:10 --dump-memory {memory}"
-    with kelvorn.open(FPGA, ADDRESS, sim=sim) as dev:
-        result = dev.play(tmp_path / "image.svf", progress=lambda done, total, bits: seen.append((done, total)))
-    assert memory.read_bytes() == image  # written when the board ends, at close
-    assert set(result) == {"statements", "scans", "bits", "tck_cycles", "seconds"}
-    assert result["scans"] == 8 + 2 * 64 and result["statements"] == 17 + 3 * 64
-    assert result["tck_cycles"] > result["bits"] > 0 and result["seconds"] > 0
-    size = (tmp_path / "image.svf").stat().st_size
-    assert seen[-1] == (size, size)  # the last call: the whole file
-
-
-def test_xsvf_plays_and_names_the_byte_of_a_mismatch(tmp_path):
+    # An SVF image through the library from C: libkelvorn_test.sh; here XSVF, named by its format.
     chain = "0x0a5c7035:8,0x1b4d2093:6:mem=64x32,0x2468ace1:10"
-    image = bytes(range(256))
+    image = bytes((i * 37 + 11) % 256 for i in range(64 * 32 // 8))
     (tmp_path / "image.bin").write_bytes(image)
     subprocess.run([BUILD / "bin" / "kelvorn-vectors", "--chain", chain, "--xsvf", tmp_path / "image.xsvf",
                     tmp_path / "image.bin"], check=True)
-    memory = tmp_path / "memory.bin"
+    memory, seen = tmp_path / "memory.bin", []
     with kelvorn.open(FPGA, ADDRESS, sim=f"{CPU} --chain {chain} --dump-memory {memory}") as dev:
-        assert dev.play(tmp_path / "image.xsvf", format="xsvf")["scans"] == 8 + 2 * 64
-    assert memory.read_bytes() == image
+        result = dev.play(tmp_path / "image.xsvf", format="xsvf",
+                          progress=lambda done, total, bits: seen.append((done, total)))
+    assert memory.read_bytes() == image  # written when the board ends, at close
+    assert set(result) == {"statements", "scans", "bits", "tck_cycles", "seconds"}
+    assert (result["scans"], result["statements"]) == (8 + 2 * 64, 20 + 8 + 2 * 64)
+    assert result["tck_cycles"] > result["bits"] > 0 and result["seconds"] > 0
+    size = (tmp_path / "image.xsvf").stat().st_size
+    assert seen[-1] == (size, size)  # the last call: the whole file
     # A device that takes far longer to program a row than the file waits:
     # the first row reads back erased.
     slow = chain.replace("mem=64x32", "mem=64x32:program=100000000")
@@ -118,6 +107,10 @@ def test_tdo_mismatch_names_its_line(tmp_path):
 
 def test_shift_ir_and_dr_through_bypass():
     with kelvorn.open(FPGA, ADDRESS, sim=board()) as dev:
+        dev.discover()  # thousands of cycles before a play, which counts its own: the reset (5), on through
+        result = dev.play_bytes(b"SIR 8 TDI (ff);")  # Run-Test/Idle to Shift-IR (5), 8 bits, to Run-Test/Idle (2)
+        assert isinstance(result, kelvorn.PlayResult) and (result.scans, result.bits, result["scans"]) == (1, 8, 1)
+        assert result.tck_cycles == 5 + 5 + 8 + 2
         # IDCODE (0x1) into the device in the middle; IR captures ...01.
         assert dev.shift_ir(1, 0x01) == 0x01
         assert dev.shift_dr(1, 0, 32) == 0x1b4d2093
@@ -203,15 +196,13 @@ def test_calls_from_the_callback_and_after_the_close():
     with kelvorn.open(FPGA, ADDRESS, sim=board()) as dev:
         # From its own progress callback a call on the device is refused: the
         # play stops with that, and the device stays open and usable.
-        for call in (dev.close, lambda: dev.play_bytes(b"RUNTEST 10 TCK;")):
-            def progress(done, total, bits, call=call):
-                call()
-            with pytest.raises(kelvorn.Reentrant) as caught:
-                dev.play_bytes(b"STATE RESET;\nRUNTEST 100 TCK;\n", progress=progress)
-            assert caught.value.status == kelvorn.E_REENTRANT
-            assert caught.value.message.startswith("a call on the handle from within a call on it")
-            assert dev.sim_pins() == "TCK=z TDI=z TMS=z TDO=1"
-            assert dev.shift_ir(1, 0x01) == 0x01
+        # (close, play and discover alike: kelvorn_threads_test.c).
+        with pytest.raises(kelvorn.Reentrant) as caught:
+            dev.play_bytes(b"STATE RESET;\nRUNTEST 100 TCK;\n", progress=lambda done, total, bits: dev.close())
+        assert caught.value.status == kelvorn.E_REENTRANT
+        assert caught.value.message.startswith("a call on the handle from within a call on it")
+        assert dev.sim_pins() == "TCK=z TDI=z TMS=z TDO=1"
+        assert dev.shift_ir(1, 0x01) == 0x01
     with pytest.raises(kelvorn.Closed, match="rotanMotub 0000:03:00.0 is closed"):
         dev.discover()
     dev.close()  # closing twice does nothing
@@ -264,7 +255,7 @@ NETS = (f"{CPU} --chain bsdl={BSDL / 'kv_cpld64.bsd'}:usercode=0xcafe0001,"
         "--net 0.led=1.SW(1) --net 1.BUS=0.d(0) --pin 1.SW(2)=0")
 
 
-def test_usercode_drive_and_connect():
+def test_usercode_drive_connect_and_the_default_bsdl_path(tmp_path, monkeypatch):
     with kelvorn.open(FPGA, ADDRESS, sim=NETS, bsdl_path=[BSDL]) as dev:
         assert dev.usercode(1) == kelvorn.Usercode(device=1, usercode=0x12345678)
         assert dev.usercode("kv_cpld64").usercode == 0xcafe0001
@@ -295,9 +286,7 @@ def test_usercode_drive_and_connect():
         # Held, then another command: the chain is reset first and the command answers.
         dev.drive(1, {"BUS": 1})
         assert dev.sample(1).pins["SW(2)"] == 0
-
-
-def test_the_default_bsdl_path_is_found_through_xdg_data_home(tmp_path, monkeypatch):
+    # No bsdl_path: the default, found through XDG_DATA_HOME.
     shutil.copytree(BSDL, tmp_path / "kelvorn" / "bsdl")
     monkeypatch.setenv("XDG_DATA_HOME", str(tmp_path))
     with kelvorn.open(FPGA, ADDRESS, sim=NETS) as dev:
@@ -329,15 +318,6 @@ def test_wrong_arguments_are_errors_of_the_package_or_type_errors():
         with pytest.raises(ValueError, match="format"):
             dev.play_bytes(b"", format="vhdl")
         assert dev.usercode(1).usercode == 0x12345678  # none of that reached the chain
-
-
-def test_a_play_counts_its_own_cycles():
-    with kelvorn.open(FPGA, ADDRESS, sim=board()) as dev:
-        dev.discover()  # thousands of cycles before the play
-        result = dev.play_bytes(b"SIR 8 TDI (ff);")
-    assert isinstance(result, kelvorn.PlayResult) and (result.scans, result.bits, result["scans"]) == (1, 8, 1)
-    # The reset (5), on through Run-Test/Idle to Shift-IR (5), 8 bits, back to Run-Test/Idle (2).
-    assert result.tck_cycles == 5 + 5 + 8 + 2
 
 
 def test_board_test_names_the_faults_the_command_line_names(tmp_path):

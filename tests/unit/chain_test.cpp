@@ -55,15 +55,12 @@ TEST(Chain, FindsEachDeviceItsIdcodeAndTheIrLengths) {
     EXPECT_EQ(s.chain.instruction(0), sim::kIdcodeInstruction);
 }
 
+// TDO stuck at 0 or 1 and a chain past --max-devices, each with its words:
+// chain_test.sh. Here the edge: as many devices as are looked for is no fault.
 TEST(Chain, ADeadChainIsNamedForWhatItShows) {
-    EXPECT_EQ(Scanned({{0x0a5c7035, 8}}, 0).result.fault, Fault::tdoStuckLow);
-    EXPECT_EQ(Scanned({{0x0a5c7035, 8}}, 1).result.fault, Fault::tdoStuckHigh);
-    // Nine devices where at most eight are looked for.
     std::vector<sim::DeviceDesc> nine(9, {0x0a5c7035, 4});
     EXPECT_EQ(Scanned(nine, -1, 8).result.fault, Fault::tooLong);
     EXPECT_EQ(Scanned(nine, -1, 9).result.fault, Fault::none);
-    EXPECT_NE(jtag::describe(Fault::tdoStuckLow, 8).find("TDO stuck at 0"), std::string::npos);
-    EXPECT_NE(jtag::describe(Fault::tooLong, 8).find("more than 8 devices"), std::string::npos);
 }
 
 TEST(Chain, TheIrSplitIsDetectedWhereItIsOneAndAGuessWhereItIsNot) {

@@ -150,28 +150,4 @@ TEST(Netlist, PullUpsAndDowns) {
     EXPECT_FALSE(nl::pullOf(n, n.nets[8], &up, &via));  // RN1 is not R and a digit
 }
 
-TEST(Netlist, TheTestBoardsTwoFilesAreOneBoard) {
-    nl::Netlist a, b;
-    std::string e;
-    const std::string dir = KELVORN_SOURCE_DIR "/tests/data/netlist/";
-    ASSERT_TRUE(nl::readFile(dir + "board.net", &a, &e)) << e;
-    ASSERT_TRUE(nl::readFile(dir + "board.txt", &b, &e)) << e;
-    std::string plain;
-    for (const nl::Net& net : a.nets) {
-        plain += net.name + ":";
-        for (const nl::Node& d : net.nodes) plain += " " + d.ref + "." + d.pin;
-        plain += "\n";
-        if (nl::isPower(net) != (net.name == "GND" || net.name == "+3V3")) ADD_FAILURE() << net.name;
-    }
-    EXPECT_EQ(plain, netsText(b, false));
-    ASSERT_EQ(a.nets.size(), 22u);
-    EXPECT_EQ(a.components.size(), 7u);
-    bool up = false;
-    nl::Node via;
-    ASSERT_TRUE(nl::pullOf(a, a.nets[21], &up, &via));
-    EXPECT_EQ(a.nets[21].name + (up ? " up " : " down ") + via.ref + "." + via.pin, "PU0 up R1.1");
-    ASSERT_TRUE(nl::pullOf(a, a.nets[20], &up, &via));
-    EXPECT_EQ(a.nets[20].name + (up ? " up " : " down ") + via.ref + "." + via.pin, "PD0 down R2.1");
-}
-
 }  // namespace

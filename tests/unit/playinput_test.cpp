@@ -1,7 +1,8 @@
 // What the players read: PlayInput's stream over a file that changes
 // between its check and its play (each block compared before any byte of it
 // reaches the reader), its bounded copy of input that cannot be read twice,
-// and the readers' refusals of input that never ends or holds nothing.
+// and the SVF reader's bound on a statement that never ends. Files with
+// nothing to play: vectors_test and playinput_test.sh.
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -14,7 +15,6 @@
 
 #include "jtag/PlayInput.h"
 #include "jtag/Svf.h"
-#include "jtag/Xsvf.h"
 
 namespace {
 
@@ -50,9 +50,9 @@ struct Pass {
     std::string error;  // "byte N: what", or "" at the end of the file
 };
 
-Pass readAll(FILE* f, jtag::VectorFormat format = jtag::VectorFormat::svf) {
+Pass readAll(FILE* f) {
     Pass p;
-    std::unique_ptr<jtag::Reader> reader = jtag::readerFor(format, f);
+    std::unique_ptr<jtag::Reader> reader = jtag::readerFor(jtag::VectorFormat::svf, f);
     jtag::Action a;
     try {
         while (reader->next(&a)) ++p.actions;
@@ -232,25 +232,4 @@ TEST(SvfBound, AStatementWithoutItsEndIsASyntaxErrorAtItsLine) {
     EXPECT_EQ(read("SIR 8 TDI(0);\n\nSDR 8 TDI(00) ! " + std::string(bound, 'c') + "\n;"), "1 f:3: SDR: " + tooLong);
     EXPECT_EQ(read("SIR 8 TDI(0);\nSDR 8 TDI(00)" + std::string(bound, '\n') + ";"), "1 f:2: SDR: " + tooLong);
     EXPECT_EQ(read("\n" + std::string(bound + 1, 'A')), "f:2: " + tooLong);
-}
-
-// A file that holds nothing to play is refused, each format with its
-// reason; XCOMPLETE alone is a whole XSVF file, and anything after it is
-// refused at the XCOMPLETE.
-TEST(EmptyOrOverlong, NothingToPlayAndBytesAfterTheEndAreRefused) {
-    auto read = [](const std::string& text, jtag::VectorFormat format) {
-        FILE* f = text.empty() ? std::tmpfile() : ::fmemopen(const_cast<char*>(text.data()), text.size(), "r");
-        Pass p = readAll(f, format);
-        std::fclose(f);
-        return std::to_string(p.actions) + " " + p.error;
-    };
-    // The empty files, a file of comments and bytes right after XCOMPLETE:
-    // kelvorn-play's messages and statuses in playinput_test.sh.
-    EXPECT_EQ(read("ENDDR IDLE;\n", jtag::VectorFormat::svf), "0 ");
-    EXPECT_EQ(read(std::string("\x00", 1), jtag::VectorFormat::xsvf), "0 ");
-    // An XSIR of 8 bits, then XCOMPLETE and one byte more.
-    EXPECT_EQ(read(std::string("\x02\x08\xff\x00\x00", 5), jtag::VectorFormat::xsvf),
-              "1 f: byte 3: XCOMPLETE: the file goes on after it, at byte 4");
-    EXPECT_EQ(read(std::string("\x02\x08\xff", 3), jtag::VectorFormat::xsvf),
-              "1 f: byte 3: the file ends without XCOMPLETE");
 }
