@@ -131,7 +131,8 @@ def page(url, profile, fixed, wave):
         for _ in range(2):
             wait(d, lambda: w.get_attribute('data-level') != seen[-1], f'{wave} to change')
             seen.append(w.get_attribute('data-level'))
-        print(f'wave {wave}:', ' -> '.join(seen), '(ringed)' if 'changed' in w.get_attribute('class').split() else '(no ring)')
+        print(f'wave {wave}: {len(seen) - 1} changes through', ' and '.join(sorted(set(seen))),
+              '(ringed)' if 'changed' in w.get_attribute('class').split() else '(no ring)')
 
         # Its panel: a step line over the last 30 s, at least two edges; no drive buttons without --drive.
         w.click()

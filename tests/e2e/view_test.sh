@@ -77,7 +77,7 @@ level 0.in(1): page 0, api/levels 0
 title 0.in(1): in(1), pin 35 / cell 1, input / level 0
 changed 0.in(1): False
 fault marks: 0.2 1.A3
-wave 1.IN(2): 1 -> 0 -> 1 (ringed)
+wave 1.IN(2): 2 changes through 0 and 1 (ringed)
 panel: IN(2) (pin E5, device 1) | drive buttons shown: False | release all shown: False
 search IO(1: 22 pins | 0.io(1) 0.io(10) 0.io(11) 0.io(12) 0.io(13) 0.io(14) 0.io(15) 0.io(16) 0.io(17) 0.io(18) 0.io(19) 1.IO(1) 1.IO(10) 1.IO(11) 1.IO(12) 1.IO(13) 1.IO(14) 1.IO(15) 1.IO(16) 1.IO(17) 1.IO(18) 1.IO(19)
 console errors: []" "the page: chain, drawings, levels, the wave, search"
