@@ -296,8 +296,6 @@ def stress(url):
         f'BREW {prefix}api/chain HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),
         f'DELETE {prefix}api/chain HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),
         f'PUT {prefix}api/drive HTTP/1.1\r\nHost: x\r\nContent-Length: 2\r\n\r\n{{}}'.encode(),
-        f'GET {prefix}api/chain HTTP/1.1\r\nHost: x\r\nX-Big: {"a" * 200000}\r\n\r\n'.encode(),
-        f'GET {prefix}api/chain HTTP/1.1\r\n'.encode() + b''.join(b'X-%d: y\r\n' % i for i in range(5000)) + b'\r\n',
         f'GET {prefix}{"a" * 100000} HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),
         f'GET {prefix}api/devices/99 HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),
         f'GET {prefix}api/devices/-1 HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),
@@ -312,7 +310,12 @@ def stress(url):
         (f'POST {prefix}api/drive HTTP/1.1\r\nContent-Length: 99999999999999999999\r\n\r\n').encode(),
         (f'POST {prefix}api/drive HTTP/1.1\r\nContent-Length: 100\r\n\r\n{{"posi').encode(),  # the body cut short
     ]
-    answers = {}
+    # Reads that are well formed but large: whether the server answers them
+    # or drops the connection, it must stay up; they are not counted as refused.
+    large = [f'GET {prefix}api/chain HTTP/1.1\r\nHost: x\r\nX-Big: {"a" * 200000}\r\n\r\n'.encode(),
+             f'GET {prefix}api/chain HTTP/1.1\r\n'.encode() + b''.join(b'X-%d: y\r\n' % i for i in range(5000)) + b'\r\n']
+    requests += large
+    answers, accepted = {}, set()
     todo = [requests[i % len(requests)] for i in range(1000)]
 
     def worker(part):
@@ -320,6 +323,8 @@ def stress(url):
             a = raw(port, data)
             with lock:
                 answers[a] = answers.get(a, 0) + 1
+                if (a.startswith('HTTP/1.1 2') or a.startswith('HTTP/1.0 2')) and data not in large:
+                    accepted.add(data[:80])
     workers = [threading.Thread(target=worker, args=(todo[i::8],)) for i in range(8)]
     for t in workers:
         t.start()
@@ -327,8 +332,7 @@ def stress(url):
         t.join()
     codes = sorted(set(a.split(' ')[1] if a.startswith('HTTP/1.') else a for a in answers))
     print('1000 malformed requests:', sum(answers.values()), 'sent;',
-          'none accepted' if not any(a.startswith('HTTP/1.1 2') or a.startswith('HTTP/1.0 2') for a in answers)
-          else 'ACCEPTED: ' + str({a: n for a, n in answers.items() if ' 2' in a[8:11]}),
+          'none accepted' if not accepted else f'ACCEPTED: {sorted(accepted)}',
           '| no 5xx' if not any(c.startswith('5') for c in codes) else f'| codes {codes}')
     print('api/chain after:', 'the same' if get_json(url + 'api/chain') == chain else 'DIFFERENT')
     print('driving after:', json.dumps(get_json(url + 'api/levels')['driving'], sort_keys=True))
