@@ -177,7 +177,10 @@ def drive(url, profile, port, refused):
         click_drive(0, port, 'drive-0')
         in_tab(first, lambda: 'driven' in p().get_attribute('class') and p().get_attribute('data-level') == '0',
                f'{port} driven and read at 0')
-        print(f'drive 0 {port}: level {p().get_attribute("data-level")}, driven {"driven" in p().get_attribute("class")}')
+        print(f'drive 0 {port}: level {p().get_attribute("data-level")}, driven {"driven" in p().get_attribute("class")}, '
+              f'ringed {"changed" in p().get_attribute("class")}')
+        wait(a, lambda: 'changed' not in p().get_attribute('class').split(), 'the ring to fade')
+        print(f'{port} a while later: ringed {"changed" in p().get_attribute("class").split()}, level {p().get_attribute("data-level")}')
         in_tab(second, lambda: 'driven' in p().get_attribute('class') and p().get_attribute('data-level') == '0',
                f'{port} driven in the other tab')
         print(f'other tab: level {p().get_attribute("data-level")}, driven {"driven" in p().get_attribute("class")}')

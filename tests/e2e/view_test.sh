@@ -115,7 +115,8 @@ fi
 
 if view_start --dump-pins "$d/pins" --vcd "$d/drive.vcd" -- --drive; then
   expect_eq "$(browser drive "$VIEW_URL" "$E2E_DIR/chromium" 'io(5)' 'oe_out(0)')" \
-"drive 0 io(5): level 0, driven True
+"drive 0 io(5): level 0, driven True, ringed True
+io(5) a while later: ringed False, level 0
 other tab: level 0, driven True
 drive 1 oe_out(0): api/drive: 403 drive: oe_out(0) shares control cell 4 with oe_out(1), not named: it would drive that port too | error: True
 driven pins: 0.io(5) 0.led
