@@ -67,8 +67,7 @@ script() {  # dir < block lines
 
 check_block() {  # name dir
   local name=$1 dir=$2 i=1
-  e2e_run /bin/bash "$dir/.script"
-  expect_eq "$E2E_STATUS|$E2E_ERR" "0|" "$name: the block runs to its end"
+  expect_err 0 "" "$name: the block runs to its end" /bin/bash "$dir/.script"
   while [ -f "$dir/.$i.cmd" ]; do
     local what="$name, command $i: $(head -n1 "$dir/.$i.cmd")"
     expect_eq "$(cat "$dir/.$i.status" 2>/dev/null)" 0 "$what: status"

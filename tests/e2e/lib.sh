@@ -8,11 +8,12 @@
 #   e2e_pci 0000:00:14.0 resource5 0x1000   # a sparse resource file
 #   e2e_run kelvorn fodak 0000:00:14.0 tdo  # status in $E2E_STATUS, output in $E2E_OUT/$E2E_ERR
 #   e2e_run "$E2E_DIR/prog"                 # a program of the test's own, by its path
-#   e2e_start kelvorn ...; ...; e2e_wait    # the same, in the background
+#   e2e_start kelvorn ...; ...; e2e_wait    # the same, in the background, SIGINT and SIGQUIT as a terminal's
 #   e2e_hold kelvorn fodak 0000:00:14.0 tck 1; ...; e2e_wait   # during a set command's hold
 #   expect_eq "$(rd8 "$(e2e_pci_file 0000:00:14.0 resource5)" 0x1bd)" 0x40 "TCK driven high"
 #   expect_eq "$(regs rd8 "$file" 0x1bd 0x1ab)" "0x40 0x0" "TCK high, TDI low"
 #   expect_run 1 "Kelvorn" "" "tck 1" kelvorn fodak 0000:00:14.0 tck 1   # status, stdout, stderr
+#   expect_err 2 "kelvorn: ..." "bad pin" kelvorn fodak 0000:00:14.0 tck 2  # status and stderr (expect_out: stdout)
 #   e2e_done
 set -uo pipefail
 
@@ -70,9 +71,11 @@ e2e_run() {
   E2E_ERR=$(cat "$E2E_DIR/err")
 }
 
+# A background job starts with SIGINT and SIGQUIT ignored, and the tools leave
+# ignored signals alone (as under nohup): it gets the defaults a terminal gives.
 e2e_start() {
   _e2e_cmd "$@"
-  "${E2E_ARGV[@]}" >"$E2E_DIR/bg.out" 2>"$E2E_DIR/bg.err" &
+  env --default-signal=INT,QUIT "${E2E_ARGV[@]}" >"$E2E_DIR/bg.out" 2>"$E2E_DIR/bg.err" &
   E2E_BG=$!
 }
 # Starts a set command in the background and returns two seconds into its ten-second hold.
@@ -115,6 +118,10 @@ expect_run() {  # status stdout stderr what binary args...
   expect_eq "$E2E_OUT" "$out" "$what: stdout"
   expect_eq "$E2E_ERR" "$err" "$what: stderr"
 }
+
+# The same, comparing "status|stdout" or "status|stderr" only.
+expect_out() { local want="$1|$2" what=$3; shift 3; e2e_run "$@"; expect_eq "$E2E_STATUS|$E2E_OUT" "$want" "$what"; }
+expect_err() { local want="$1|$2" what=$3; shift 3; e2e_run "$@"; expect_eq "$E2E_STATUS|$E2E_ERR" "$want" "$what"; }
 
 e2e_done() {
   echo "$E2E_PASSED passed, $E2E_FAILED failed"

@@ -149,16 +149,13 @@ expect_eq "$E2E_STATUS $E2E_ERR" "4 kelvorn-play: -:1: $none$nothing" "nothing t
 
 # ---- a signal in the middle of a play ----
 
-# A background job starts with SIGINT and SIGQUIT ignored, and kelvorn-play
-# leaves ignored signals alone (as under nohup): give it the defaults.
+# kelvorn-play with a terminal's signal dispositions (e2e_start).
 chain=0x0a5c7035:8,0x1b4d2093:6:mem=64x256,0x2468ace1:10
 printf 'STATE RESET;\nRUNTEST 100 SEC;\n' >"$d/long.svf"
 for sig in INT TERM HUP QUIT; do
   rm -f "$d/sig.mem" "$d/sig.vcd"
-  _e2e_cmd kelvorn-sim --chain "$chain" --stats --dump-memory "$d/sig.mem" --vcd "$d/sig.vcd" \
+  e2e_start kelvorn-sim --chain "$chain" --stats --dump-memory "$d/sig.mem" --vcd "$d/sig.vcd" \
     play "${device[@]}" "$d/long.svf"
-  env --default-signal=INT,QUIT "${E2E_ARGV[@]}" >"$E2E_DIR/bg.out" 2>"$E2E_DIR/bg.err" &
-  E2E_BG=$!
   sleep 1
   kill -s "$sig" "$E2E_BG"
   e2e_wait
