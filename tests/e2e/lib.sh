@@ -97,6 +97,9 @@ wr32() {
     dd of="$1" bs=1 seek=$(($2)) conv=notrunc status=none
 }
 
+# The last value of each signal named in a VCD file (C TCK, M TMS, I TDI, S3..S0 the TAP state bits).
+vcd_end() { local file=$1 v; shift; for v; do grep -E "^[01z]$v\$" "$file" | tail -n 1; done | paste -sd' '; }
+
 # Registers at the offsets, read with rd8/rd32, on one line: regs rd32 FILE OFFSET...
 regs() { local rd=$1 file=$2 off; shift 2; for off; do "$rd" "$file" "$off"; done | paste -sd' '; }
 

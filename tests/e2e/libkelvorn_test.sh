@@ -210,8 +210,7 @@ with kelvorn.open("rotanMotub", "0000:03:00.0", sim="--vcd " + sys.argv[1]) as d
   wait $pid
   status=$?
   expect_eq "$status|$([ -e "$E2E_DIR/playing" ] && echo playing)" "$((128 + $(kill -l $sig)))|playing" "SIG$sig during a library play: ended by it"
-  expect_eq "$(for v in C M I; do grep -E "^[01z]$v\$" "$E2E_DIR/lib.vcd" | tail -n 1; done | paste -sd' ')" "zC zM zI" \
-    "SIG$sig during a library play: TCK, TMS and TDI released last"
+  expect_eq "$(vcd_end "$E2E_DIR/lib.vcd" C M I)" "zC zM zI" "SIG$sig during a library play: TCK, TMS and TDI released last"
 done
 
 e2e_done

@@ -123,10 +123,8 @@ chmod +x "$E2E_DIR/smalltmp"
 mknod "$E2E_DIR/dev/zero" c 1 5
 room="cannot keep a copy of it in /tmp: after 3932160 bytes, more would leave less than 262144 bytes free there; set TMPDIR to a file system with more room, or give a regular file instead"
 nothing=$'\nsim stats: reads 0 writes 0 tck-cycles 0 contention 0'
-e2e_run "$E2E_DIR/smalltmp" "$E2E_DIR/bin/kelvorn-sim" --chain "$chain" --stats play "${device[@]}" - < <(yes)
-expect_eq "$E2E_STATUS $E2E_ERR" "7 kelvorn-play: -: $room$nothing" "yes through a pipe: the copy stops"
-e2e_run "$E2E_DIR/smalltmp" "$E2E_DIR/bin/kelvorn-sim" --chain "$chain" --stats play "${device[@]}" /dev/zero
-expect_eq "$E2E_STATUS $E2E_ERR" "7 kelvorn-play: /dev/zero: $room$nothing" "/dev/zero: the copy stops"
+expect_err 7 "kelvorn-play: -: $room$nothing" "yes through a pipe: the copy stops" "$E2E_DIR/smalltmp" "$E2E_DIR/bin/kelvorn-sim" --chain "$chain" --stats play "${device[@]}" - < <(yes)
+expect_err 7 "kelvorn-play: /dev/zero: $room$nothing" "/dev/zero: the copy stops" "$E2E_DIR/smalltmp" "$E2E_DIR/bin/kelvorn-sim" --chain "$chain" --stats play "${device[@]}" /dev/zero
 
 # XCOMPLETE, then 37 KB of a programming file; files with no statement, from a file and from a pipe.
 { printf '\x00'; for _ in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19; do cat "$d/image.xsvf"; done; } |
@@ -163,8 +161,7 @@ for sig in INT TERM HUP QUIT; do
   expect_eq "$(sed -E 's/[0-9]+/N/g' <<<"$E2E_ERR")" "sim stats: reads N writes N tck-cycles N contention N" "SIG$sig: stats line"
   expect_eq "$(stat -c %s "$d/sig.mem")" 2048 "SIG$sig: memory dumped"
   # The last value of TCK (C), TMS (M) and TDI (I): no longer driven.
-  expect_eq "$(for v in C M I; do grep -E "^[01z]$v\$" "$d/sig.vcd" | tail -n 1; done | paste -sd' ')" "zC zM zI" \
-    "SIG$sig: the VCD ends with the pins released"
+  expect_eq "$(vcd_end "$d/sig.vcd" C M I)" "zC zM zI" "SIG$sig: the VCD ends with the pins released"
 done
 
 e2e_done

@@ -109,8 +109,7 @@ EOF
   kill "$client" 2>/dev/null; wait "$client" 2>/dev/null
   rm -f "$E2E_DIR/client.ready"
   expect_eq "$SERVE_STATUS|$(serve_lines | tail -n1)" "0|kelvorn-serve: stopped by SIG$sig" "SIG$sig during a session: status, last line"
-  expect_eq "$(for v in C M I; do grep -E "^[01z]$v\$" "$d/quit.vcd" | tail -n 1; done | paste -sd' ')" "zC zM zI" \
-    "SIG$sig during a session: TCK, TMS and TDI released last"
+  expect_eq "$(vcd_end "$d/quit.vcd" C M I)" "zC zM zI" "SIG$sig during a session: TCK, TMS and TDI released last"
 done
 
 # Refusals at start-up.

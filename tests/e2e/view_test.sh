@@ -55,8 +55,6 @@ view_interrupt() {
   VIEW_STATUS=$?
   VIEW_PID=
 }
-# The last value of TCK, TMS, TDI and the TAP state bits in a waveform.
-vcd_end() { for v in C M I S3 S2 S1 S0; do grep -E "^[01z]$v\$" "$1" | tail -n 1; done | paste -sd' '; }
 
 # ---- read only: what the page shows, and what it is ----
 
@@ -95,7 +93,7 @@ POST /api/release: 403" "without the token: forbidden"
  403' "drive without --drive: refused"
   view_interrupt
   expect_eq "$VIEW_STATUS|$(cat "$E2E_DIR/view.err")|$(cat "$d/pins")" "0||" "Ctrl-C: status 0, no pin driven"
-  expect_eq "$(vcd_end "$d/view.vcd")" "zC zM zI 0S3 0S2 0S1 0S0" "Ctrl-C: TCK, TMS and TDI released, the TAP in Test-Logic-Reset"
+  expect_eq "$(vcd_end "$d/view.vcd" C M I S3 S2 S1 S0)" "zC zM zI 0S3 0S2 0S1 0S0" "Ctrl-C: TCK, TMS and TDI released, the TAP in Test-Logic-Reset"
 fi
 
 # ---- a still board: one snapshot, then keep-alive comments only ----
@@ -135,7 +133,7 @@ driving after: {\"0\": {\"io(5)\": \"1\", \"led\": \"0\"}}" "100 streams and 100
   # other pin released by its control cell.
   expect_eq "$VIEW_STATUS|$(cat "$d/pins")" "0|0.led 0
 0.io(5) 1" "Ctrl-C while driving: status 0, the pins the boundary register drove"
-  expect_eq "$(vcd_end "$d/drive.vcd")" "zC zM zI 0S3 0S2 0S1 0S0" "Ctrl-C while driving: released, Test-Logic-Reset"
+  expect_eq "$(vcd_end "$d/drive.vcd" C M I S3 S2 S1 S0)" "zC zM zI 0S3 0S2 0S1 0S0" "Ctrl-C while driving: released, Test-Logic-Reset"
 fi
 expect_eq "$(ls "$(e2e_lock_dir)")" "" "no lock under /var/lock"
 
