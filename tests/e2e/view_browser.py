@@ -299,29 +299,26 @@ def stress(url):
               b'{"position":0,"port":"io(5)","level":"1"', b'\xff\xfe{}', b'{"position":0,"port":null,"level":"1"}',
               b'{' * 10000, b'[' * 100000]
     requests = [post('api/drive', b) for b in bodies]
+    def request(method, path, headers='Host: x\r\n'):
+        return f'{method} {prefix}{path} HTTP/1.1\r\n{headers}\r\n'.encode()
+    requests += [b'\x00\x01\x02\xff garbage\r\n\r\n', b'\r\n\r\n', b'GET\r\n\r\n', b'GET /\r\n\r\n',
+                 request('BREW', 'api/chain'), request('DELETE', 'api/chain'),
+                 request('PUT', 'api/drive', 'Host: x\r\nContent-Length: 2\r\n') + b'{}']
+    # api/devices/2 has no boundary register.
+    requests += [request('GET', path) for path in ('a' * 100000, 'api/devices/99', 'api/devices/-1', 'api/devices/2',
+                                                   'api/devices/0x1', 'api/%00', '../../etc/passwd')]
     requests += [
-        b'\x00\x01\x02\xff garbage\r\n\r\n', b'\r\n\r\n', b'GET\r\n\r\n', b'GET /\r\n\r\n',
-        f'BREW {prefix}api/chain HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),
-        f'DELETE {prefix}api/chain HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),
-        f'PUT {prefix}api/drive HTTP/1.1\r\nHost: x\r\nContent-Length: 2\r\n\r\n{{}}'.encode(),
-        f'GET {prefix}{"a" * 100000} HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),
-        f'GET {prefix}api/devices/99 HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),
-        f'GET {prefix}api/devices/-1 HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),
-        f'GET {prefix}api/devices/2 HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),  # no boundary register
-        f'GET {prefix}api/devices/0x1 HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),
-        f'GET {prefix}api/%00 HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),
-        f'GET {prefix}../../etc/passwd HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),
         f'GET {prefix}api/chain HTTP/9.9\r\n\r\n'.encode(),
         post('api/drive', b'{"position":0,"port":"io(5)","level":"0"}', b'Content-Length: 5\r\n'),
         post('api/drive', b'', b'Transfer-Encoding: chunked\r\n') + b'zz\r\n{}\r\n0\r\n\r\n',
-        (f'POST {prefix}api/drive HTTP/1.1\r\nContent-Length: -1\r\n\r\n').encode(),
-        (f'POST {prefix}api/drive HTTP/1.1\r\nContent-Length: 99999999999999999999\r\n\r\n').encode(),
-        (f'POST {prefix}api/drive HTTP/1.1\r\nContent-Length: 100\r\n\r\n{{"posi').encode(),  # the body cut short
+        request('POST', 'api/drive', 'Content-Length: -1\r\n'),
+        request('POST', 'api/drive', 'Content-Length: 99999999999999999999\r\n'),
+        request('POST', 'api/drive', 'Content-Length: 100\r\n') + b'{"posi',  # the body cut short
     ]
     # Reads that are well formed but large: whether the server answers them
     # or drops the connection, it must stay up; they are not counted as refused.
-    large = [f'GET {prefix}api/chain HTTP/1.1\r\nHost: x\r\nX-Big: {"a" * 200000}\r\n\r\n'.encode(),
-             f'GET {prefix}api/chain HTTP/1.1\r\n'.encode() + b''.join(b'X-%d: y\r\n' % i for i in range(5000)) + b'\r\n']
+    large = [request('GET', 'api/chain', f'Host: x\r\nX-Big: {"a" * 200000}\r\n'),
+             request('GET', 'api/chain', ''.join(f'X-{i}: y\r\n' for i in range(5000)))]
     requests += large
     answers, accepted = {}, set()
     todo = [requests[i % len(requests)] for i in range(1000)]
