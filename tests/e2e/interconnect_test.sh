@@ -28,9 +28,8 @@ done
 # ---- each fault named exactly; contention only where a short joins two drivers ----
 netlist=board.net
 while IFS='|' read -r what faults found summary fights; do
-  board_test $faults
-  expect_eq "$E2E_STATUS|$E2E_OUT" "8|${found//;/$'\n'}
-22 nets: $summary" "$what"
+  expect_out 8 "${found//;/$'\n'}
+22 nets: $summary" "$what" board_test $faults
   [ "$fights" = any ] || expect_eq "$(contention)" "$fights" "$what: contention"
 done <<'EOF'
 an open receiving pin|--open 2.IO(3)|open: D3 at U2.A5|17 passed, 1 failed, 4 untestable; 10 patterns, 11 scans|0

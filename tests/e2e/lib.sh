@@ -122,9 +122,11 @@ expect_run() {  # status stdout stderr what binary args...
   expect_eq "$E2E_ERR" "$err" "$what: stderr"
 }
 
-# The same, comparing "status|stdout" or "status|stderr" only.
-expect_out() { local want="$1|$2" what=$3; shift 3; e2e_run "$@"; expect_eq "$E2E_STATUS|$E2E_OUT" "$want" "$what"; }
-expect_err() { local want="$1|$2" what=$3; shift 3; e2e_run "$@"; expect_eq "$E2E_STATUS|$E2E_ERR" "$want" "$what"; }
+# The same, comparing "status|stdout" or "status|stderr" only; the command
+# may also be a function of the test's own that ends in e2e_run.
+e2e_call() { if declare -F "$1" >/dev/null; then "$@"; else e2e_run "$@"; fi; }
+expect_out() { local want="$1|$2" what=$3; shift 3; e2e_call "$@"; expect_eq "$E2E_STATUS|$E2E_OUT" "$want" "$what"; }
+expect_err() { local want="$1|$2" what=$3; shift 3; e2e_call "$@"; expect_eq "$E2E_STATUS|$E2E_ERR" "$want" "$what"; }
 
 e2e_done() {
   echo "$E2E_PASSED passed, $E2E_FAILED failed"

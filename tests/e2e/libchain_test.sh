@@ -42,8 +42,7 @@ for c in "${commands[@]}"; do
   want+=("$E2E_OUT")
   asked+=("${c%%|*}")
 done
-lib know "$bsdl" "${asked[@]}"
-expect_eq "$E2E_STATUS|$E2E_ERR" "0|" "the library's run"
+expect_err 0 "" "the library's run" lib know "$bsdl" "${asked[@]}"
 mapfile -t got <<<"$E2E_OUT"
 for i in "${!commands[@]}"; do
   expect_eq "${got[$i]}" "${want[$i]}" "the same JSON: ${asked[$i]}"

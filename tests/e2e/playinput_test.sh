@@ -38,8 +38,7 @@ for f in svf xsvf; do
   play_from() {  # what name [stdin redirection...]
     local what=$1 name=$2
     shift 2
-    sim --vcd "$d/$what.vcd" --dump-memory "$d/$what.mem" play "${device[@]}" "$name" "$@"
-    expect_eq "$E2E_STATUS $E2E_ERR" "0 " "$f from $what: status"
+    expect_err 0 "" "$f from $what: status" sim --vcd "$d/$what.vcd" --dump-memory "$d/$what.mem" play "${device[@]}" "$name" "$@"
     expect_eq "$(summary "$E2E_OUT" | $cycles)" "$(summary "$ref" | $cycles)" "$f from $what: summary"
     expect_eq "$(cmp "$d/file.mem" "$d/$what.mem" && echo same)" same "$f from $what: the same memory"
     if [ $f = svf ]; then
@@ -79,8 +78,7 @@ rows=53125
 chain=0x0a5c7035:8,0x1b4d2093:6:mem=${rows}x256,0x2468ace1:10
 head -c $((rows * 32)) /dev/urandom >"$d/big.bin"
 expect_run 0 "" "" "big vectors" kelvorn-vectors --chain "$chain" --svf "$d/big.svf" "$d/big.bin"
-sim --dump-memory "$d/big.mem" play "${device[@]}" /dev/stdin < <(cat "$d/big.svf")
-expect_eq "$E2E_STATUS $E2E_ERR" "0 " "big SVF from a pipe: status"
+expect_err 0 "" "big SVF from a pipe: status" sim --dump-memory "$d/big.mem" play "${device[@]}" /dev/stdin < <(cat "$d/big.svf")
 expect_eq "$(cmp "$d/big.mem" "$d/big.bin" && echo same)" same \
   "big SVF ($(stat -c %s "$d/big.svf") bytes) from a pipe: memory byte for byte"
 
@@ -136,14 +134,10 @@ sim --stats play "${device[@]}" "$d/after.xsvf"
 expect_eq "$E2E_STATUS $(stat -c %s "$d/after.xsvf") $E2E_ERR" \
   "4 37001 kelvorn-play: $d/after.xsvf: byte 0: XCOMPLETE: the file goes on after it, at byte 1$nothing" \
   "XSVF with bytes after XCOMPLETE"
-sim --stats play "${device[@]}" "$d/empty.svf"
-expect_eq "$E2E_STATUS $E2E_ERR" "4 kelvorn-play: $d/empty.svf:1: $none$nothing" "empty SVF"
-sim --stats play --format xsvf "${device[@]}" "$d/empty.svf"
-expect_eq "$E2E_STATUS $E2E_ERR" "4 kelvorn-play: $d/empty.svf: byte 0: the file is empty$nothing" "empty XSVF"
-sim --stats play "${device[@]}" "$d/comments.svf"
-expect_eq "$E2E_STATUS $E2E_ERR" "4 kelvorn-play: $d/comments.svf:5: $none$nothing" "SVF of comments"
-sim --stats play "${device[@]}" - </dev/null
-expect_eq "$E2E_STATUS $E2E_ERR" "4 kelvorn-play: -:1: $none$nothing" "nothing through standard input"
+expect_err 4 "kelvorn-play: $d/empty.svf:1: $none$nothing" "empty SVF" sim --stats play "${device[@]}" "$d/empty.svf"
+expect_err 4 "kelvorn-play: $d/empty.svf: byte 0: the file is empty$nothing" "empty XSVF" sim --stats play --format xsvf "${device[@]}" "$d/empty.svf"
+expect_err 4 "kelvorn-play: $d/comments.svf:5: $none$nothing" "SVF of comments" sim --stats play "${device[@]}" "$d/comments.svf"
+expect_err 4 "kelvorn-play: -:1: $none$nothing" "nothing through standard input" sim --stats play "${device[@]}" - </dev/null
 
 # ---- a signal in the middle of a play ----
 
