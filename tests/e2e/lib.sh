@@ -100,6 +100,22 @@ wr32() {
 # The last value of each signal named in a VCD file (C TCK, M TMS, I TDI, S3..S0 the TAP state bits).
 vcd_end() { local file=$1 v; shift; for v; do grep -E "^[01z]$v\$" "$file" | tail -n 1; done | paste -sd' '; }
 
+# Waits (up to 30 s, while process PID runs) for the first FILE to hold a line
+# that sed -n SCRIPT prints: that in $E2E_SEEN, status 0; or a failure counted,
+# with every FILE shown, status 1.
+e2e_await() {  # pid script what file...
+  local i
+  for ((i = 0; i < 300; i++)); do
+    E2E_SEEN=$(sed -n "$2" "$4")
+    [ -n "$E2E_SEEN" ] && return 0
+    kill -0 "$1" 2>/dev/null || break
+    sleep 0.1
+  done
+  printf 'FAIL: %s:\n%s\n' "$3" "$(cat "${@:4}")"
+  E2E_FAILED=$((E2E_FAILED + 1))
+  return 1
+}
+
 # Registers at the offsets, read with rd8/rd32, on one line: regs rd32 FILE OFFSET...
 regs() { local rd=$1 file=$2 off; shift 2; for off; do "$rd" "$file" "$off"; done | paste -sd' '; }
 

@@ -36,17 +36,9 @@ view_start() {
   env --default-signal=INT,QUIT "${E2E_ARGV[@]}" >"$E2E_DIR/view.out" 2>"$E2E_DIR/view.err" &
   VIEW_PID=$!
   VIEW_URL=
-  local i
-  for ((i = 0; i < 300; i++)); do
-    VIEW_URL=$(sed -n 's|^view: \(http://127\.0\.0\.1:[0-9]*/[0-9a-f]\{32\}/\)$|\1|p' "$E2E_DIR/view.out")
-    [ -n "$VIEW_URL" ] && return 0
-    kill -0 "$VIEW_PID" 2>/dev/null || break
-    sleep 0.1
-  done
-  printf 'FAIL: the view does not start:\n%s\n' "$(cat "$E2E_DIR/view.out" "$E2E_DIR/view.err")"
-  E2E_FAILED=$((E2E_FAILED + 1))
-  view_kill
-  return 1
+  e2e_await "$VIEW_PID" 's|^view: \(http://127\.0\.0\.1:[0-9]*/[0-9a-f]\{32\}/\)$|\1|p' "the view does not start" \
+    "$E2E_DIR/view.out" "$E2E_DIR/view.err" || { view_kill; return 1; }
+  VIEW_URL=$E2E_SEEN
 }
 # Ctrl-C: the view stops, releases the chain and the pins; status in $VIEW_STATUS.
 view_interrupt() {
