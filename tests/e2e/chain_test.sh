@@ -7,12 +7,6 @@
 # read; the exit statuses.
 source "$(dirname "$0")/lib.sh" "$1"
 
-# The files go where the runs see them: the source tree may be under /tmp,
-# which each run replaces with a directory of its own.
-d=$E2E_DIR/files
-bsdl=$E2E_DIR/bsdl
-mkdir -p "$d" "$bsdl"
-cp "$(dirname "$0")"/../data/bsdl/*.bsd "$(dirname "$0")"/../data/bsdl/*.BSD "$bsdl/"
 chain="bsdl=$bsdl/kv_cpld64.bsd:usercode=0xcafe0001,bsdl=$bsdl/KV_FPGA6.BSD:usercode=0x12345678,bsdl=$bsdl/kv_dap4.bsd"
 
 # ---- discovery, through three backends ----

@@ -6,8 +6,6 @@
 source "$(dirname "$0")/lib.sh" "$1"
 
 data=$(dirname "$0")/../data
-d=$E2E_DIR/files
-mkdir -p "$d"
 cp "$data"/bsdl/kv_io48.bsd "$data"/bsdl/KV_BGA36.BSD "$data"/bsdl/kv_dap4.bsd "$data"/netlist/board.* \
   "$data"/junit/junit.xsd "$d/"
 

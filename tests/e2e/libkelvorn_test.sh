@@ -59,8 +59,6 @@ expect_eq "$(needed "$E2E_DIR/on_hw") $(needed "$E2E_DIR/on_sim")" "libkelvorn.s
 
 # ---- on the simulated board ----
 
-d=$E2E_DIR/files
-mkdir -p "$d"
 # 1024 rows of 64 bits between two devices in BYPASS: an 8 KiB image fills them.
 chain=0x0a5c7035:8,0x1b4d2093:6:mem=1024x64,0x2468ace1:10
 rows=1024

@@ -16,8 +16,6 @@ released() {
   for off in "${pins[@]}"; do out+=$(($(rd8 "$f" "$off") & 0x20 ? 1 : 0)); done
   echo "$out"
 }
-d=$E2E_DIR/files
-mkdir -p "$d"
 
 printf 'STATE RESET;\nRUNTEST 60 SEC;\n' >"$d/long.svf"
 e2e_start kelvorn-play fodak 0000:00:14.0 "$d/long.svf"

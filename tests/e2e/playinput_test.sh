@@ -12,8 +12,6 @@
 source "$(dirname "$0")/lib.sh" "$1"
 ulimit -c 0  # SIGQUIT dumps no core here
 
-d=$E2E_DIR/files
-mkdir -p "$d"
 ln -s /proc/self/fd/0 "$E2E_DIR/dev/stdin"
 # The summary line with the file's name as F and its duration as T.
 summary() {

@@ -65,8 +65,6 @@ fi
 # byte for byte. Then the same file with one TDO bit flipped (bit 0 of the
 # fifth row read back): openocd names the line and fails.
 chain=0x0a5c7035:8,0x1b4d2093:6:mem=128x256,0x2468ace1:10
-d=$E2E_DIR/files
-mkdir -p "$d"
 head -c 4096 /dev/urandom >"$d/image.bin"
 e2e_run kelvorn-vectors --chain "$chain" --svf "$d/image.svf" "$d/image.bin"
 expect_eq "$E2E_STATUS" 0 "vectors: status"

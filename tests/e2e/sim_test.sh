@@ -71,13 +71,11 @@ Run with --help for more information." "VCD file that cannot be written" kelvorn
 # empty file, and fails at the first block written, here the close): one line naming the file, and a run
 # that would have succeeded ends with 105; a run that failed keeps its own status. Each dump holds bytes.
 mknod "$E2E_DIR/dev/full" c 1 7
-mkdir -p "$E2E_DIR/files"
-cp "$(dirname "$0")/../data/bsdl/kv_cpld64.bsd" "$E2E_DIR/files/"
 full="kelvorn-sim: cannot write /dev/full: No space left on device"
 expect_run 105 "0: EXTEST driving led=1, every other output released; holding 0 s
 0: released (Test-Logic-Reset)" "$full" "pin dump to a full disk" \
-  kelvorn-sim --chain "bsdl=$E2E_DIR/files/kv_cpld64.bsd" --dump-pins /dev/full \
-  chain --bsdl "$E2E_DIR/files/kv_cpld64.bsd" --hold 0 rotanMotub 0000:03:00.0 drive 0 led=1
+  kelvorn-sim --chain "bsdl=$bsdl/kv_cpld64.bsd" --dump-pins /dev/full \
+  chain --bsdl "$bsdl/kv_cpld64.bsd" --hold 0 rotanMotub 0000:03:00.0 drive 0 led=1
 expect_run 105 "0x0a5c7035
 0x1b4d2093" "$full" "VCD to a full disk" kelvorn-sim --vcd /dev/full scan rotanMotub 0000:03:00.0
 expect_run 105 "0x0a5c7035

@@ -11,8 +11,6 @@
 source "$(dirname "$0")/lib.sh" "$1"
 source "$(dirname "$0")/serve_lib.sh"
 
-d=$E2E_DIR/files
-mkdir -p "$d"
 
 # From a real-time VCD: the number of rising TCK edges, the shortest time
 # between two of them and the time from the first to the last, in ns.

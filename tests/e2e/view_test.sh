@@ -15,10 +15,6 @@ done
 "$py" -c 'import selenium' 2>/dev/null || { echo "skipped: $py has no selenium"; exit 77; }
 browser() { "$py" "$(dirname "$0")/view_browser.py" "$@"; }
 
-d=$E2E_DIR/files
-bsdl=$E2E_DIR/bsdl
-mkdir -p "$d" "$bsdl"
-cp "$(dirname "$0")"/../data/bsdl/kv_io48.bsd "$(dirname "$0")"/../data/bsdl/KV_BGA36.BSD "$bsdl/"
 
 VIEW_PID=
 trap 'view_kill; rm -rf "$E2E_DIR"' EXIT
