@@ -8,7 +8,6 @@
 # so one more does not slip in unnoticed.
 source "$(dirname "$0")/lib.sh" "$1"
 
-src=$(cd "$(dirname "$0")/../.." && pwd)
 # What the examples read besides the files they make: the BSDL files the
 # package installs under /usr/share/kelvorn/bsdl, here from the tree; random
 # bytes for images (the namespace's /dev is the test's own directory).

@@ -3,7 +3,7 @@
 # /var/lock and /tmp are this test's own files, so nothing reaches this
 # machine's hardware, lock directory or kernel command line.
 #
-#   source "$(dirname "$0")/lib.sh" "$1"      # $1: the build directory; $d, $bsdl: files, BSDL files
+#   source "$(dirname "$0")/lib.sh" "$1"      # $1: the build directory; $d, $bsdl: files, BSDL files; $src
 #   e2e_cmdline "console=ttyS0 platform=gozip"
 #   e2e_pci 0000:00:14.0 resource5 0x1000   # a sparse resource file
 #   e2e_run kelvorn fodak 0000:00:14.0 tdo  # status in $E2E_STATUS, output in $E2E_OUT/$E2E_ERR
@@ -30,7 +30,8 @@ mkdir -p "$E2E_DIR"/{pci,lock,dev,tmp,bin,files,bsdl}
 # The test's own files ($d) and the BSDL files of tests/data ($bsdl) go where the
 # runs see them: the source tree may be under /tmp, which each run replaces.
 d=$E2E_DIR/files bsdl=$E2E_DIR/bsdl
-cp "$(dirname "${BASH_SOURCE[0]}")"/../data/bsdl/*.[bB][sS][dD] "$bsdl/"
+src=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)  # the source tree
+cp "$src"/tests/data/bsdl/*.[bB][sS][dD] "$bsdl/"
 : >"$E2E_DIR/dev/null"
 echo "console=ttyS0 quiet" >"$E2E_DIR/cmdline"
 E2E_PASSED=0

@@ -9,7 +9,6 @@
 # pytest suite runs against the staged Python package.
 source "$(dirname "$0")/lib.sh" "$1"
 
-src=$(cd "$(dirname "$0")/../.." && pwd)
 cc=$(cache CMAKE_C_COMPILER)
 libdir=$(cache CMAKE_INSTALL_LIBDIR)
 # Programs that load a sanitized library need its runtime first.
