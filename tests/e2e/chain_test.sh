@@ -7,12 +7,6 @@
 # read; the exit statuses.
 source "$(dirname "$0")/lib.sh" "$1"
 
-# The files go where the runs see them: the source tree may be under /tmp,
-# which each run replaces with a directory of its own.
-d=$E2E_DIR/files
-bsdl=$E2E_DIR/bsdl
-mkdir -p "$d" "$bsdl"
-cp "$(dirname "$0")"/../data/bsdl/*.bsd "$(dirname "$0")"/../data/bsdl/*.BSD "$bsdl/"
 chain="bsdl=$bsdl/kv_cpld64.bsd:usercode=0xcafe0001,bsdl=$bsdl/KV_FPGA6.BSD:usercode=0x12345678,bsdl=$bsdl/kv_dap4.bsd"
 
 # ---- discovery, through three backends ----
@@ -24,15 +18,13 @@ found="0: IDCODE 0x0123402f, IR 8 bits (bsdl), Texas Instruments, kv_cpld64, ver
 json='{"devices":[{"position":0,"idcode":"0x0123402f","ir_length":8,"ir_length_from":"bsdl","manufacturer":"Texas Instruments","part":"kv_cpld64","version":0,"bsdl":"BSDL/kv_cpld64.bsd","jep106":{"bank":1,"code":23}},{"position":1,"idcode":"0x0a5c7043","ir_length":6,"ir_length_from":"bsdl","manufacturer":"Lattice Semi.","part":"KV_FPGA6","version":0,"bsdl":"BSDL/KV_FPGA6.BSD","jep106":{"bank":1,"code":33}},{"position":2,"idcode":"0x4ba00477","ir_length":4,"ir_length_from":"bsdl","manufacturer":"ARM Ltd.","part":"KV_DAP4","version":4,"bsdl":"BSDL/kv_dap4.bsd","jep106":{"bank":5,"code":59}}],"ir_total":18}'
 while read -r what board fpga address; do
   board=(${board//,/ } --chain "$chain")
-  e2e_run kelvorn-sim "${board[@]}" chain --bsdl-path "$bsdl" "$fpga" "$address"
-  expect_eq "$E2E_STATUS|$E2E_OUT|$E2E_ERR" "0|$found|" "$what: discovery with the BSDL files"
+  expect_run 0 "$found" "" "$what: discovery with the BSDL files" kelvorn-sim "${board[@]}" chain --bsdl-path "$bsdl" "$fpga" "$address"
   e2e_run kelvorn-sim "${board[@]}" chain --json --bsdl-path "$bsdl" "$fpga" "$address"
   expect_eq "$E2E_STATUS|${E2E_OUT//$bsdl/BSDL}" "0|$json" "$what: discovery as JSON"
-  e2e_run kelvorn-sim "${board[@]}" chain --bsdl-path "" "$fpga" "$address"
-  expect_eq "$E2E_STATUS|$E2E_OUT" "0|0: IDCODE 0x0123402f, IR 8 bits (detected), Texas Instruments, version 0
+  expect_out 0 "0: IDCODE 0x0123402f, IR 8 bits (detected), Texas Instruments, version 0
 1: IDCODE 0x0a5c7043, IR 6 bits (detected), Lattice Semi., version 0
 2: IDCODE 0x4ba00477, IR 4 bits (detected), ARM Ltd., version 4
-3 devices, IR 18 bits in all" "$what: without BSDL files, the IR lengths detected"
+3 devices, IR 18 bits in all" "$what: without BSDL files, the IR lengths detected" kelvorn-sim "${board[@]}" chain --bsdl-path "" "$fpga" "$address"
   # The pins a drive left (sample and connect read the chain as discovery
   # does, whichever backend moves the pins: checked below on one).
   e2e_run kelvorn-sim "${board[@]}" --dump-pins "$d/pins" chain --i-know-the-board --bsdl-path "$bsdl" --hold 0 \
@@ -69,44 +61,34 @@ expect_eq "$(head -n1 <<<"$E2E_OUT")|$E2E_ERR" "0: IDCODE 0x0123402f, IR 8 bits 
 
 # ---- sample, usercode ----
 
-e2e_run "${sim[@]}" --pin 0.clk=0 --pin '0.d(3)=0' chain --bsdl-path "$bsdl" "${dev[@]}" sample 0
-expect_eq "$E2E_STATUS|$E2E_OUT" "0|clk 0 (pin 1)
+expect_out 0 "clk 0 (pin 1)
 rst_n 1 (pin 2)
 d(0) 1 (pin 4)
 d(1) 1 (pin 5)
 d(2) 1 (pin 6)
-d(3) 0 (pin 7)" "sample: the pins set, the others pulled up, with their package pins"
-e2e_run "${sim[@]}" --pin '1.SW(2)=0' --pin 1.BUS=0 chain --json --bsdl-path "$bsdl" "${dev[@]}" sample KV_FPGA6
-expect_eq "$E2E_STATUS|$E2E_OUT" '0|{"device":1,"pins":{"SW(0)":1,"SW(1)":1,"SW(2)":0,"SW(3)":1,"BUS":0},"package":"FG256","package_pins":{"SW(0)":["A1"],"SW(1)":["A2"],"SW(2)":["A3"],"SW(3)":["A4"],"BUS":["B2"]}}' \
-  "sample by entity name, as JSON"
-e2e_run "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" usercode 1
-expect_eq "$E2E_STATUS|$E2E_OUT" "0|1: USERCODE 0x12345678" "usercode"
-e2e_run "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" usercode 2
-expect_eq "$E2E_STATUS|$E2E_ERR" "5|kelvorn-chain: device 2 (KV_DAP4) has no USERCODE instruction" "usercode: none"
-e2e_run "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" sample 2
-expect_eq "$E2E_STATUS|$E2E_ERR" "5|kelvorn-chain: device 2 (KV_DAP4) has no boundary register" "sample: no boundary register"
-e2e_run "${sim[@]}" chain --bsdl-path "" "${dev[@]}" sample 0
-expect_eq "$E2E_STATUS|$E2E_ERR" "5|kelvorn-chain: device 0 has no BSDL file (--bsdl, --bsdl-path)" "sample: no BSDL file"
-e2e_run "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" sample 3
-expect_eq "$E2E_STATUS|$E2E_ERR" "2|kelvorn-chain: no device at position 3 (the chain has 3)" "sample: no such position"
+d(3) 0 (pin 7)" "sample: the pins set, the others pulled up, with their package pins" "${sim[@]}" --pin 0.clk=0 --pin '0.d(3)=0' chain --bsdl-path "$bsdl" "${dev[@]}" sample 0
+expect_out 0 '{"device":1,"pins":{"SW(0)":1,"SW(1)":1,"SW(2)":0,"SW(3)":1,"BUS":0},"package":"FG256","package_pins":{"SW(0)":["A1"],"SW(1)":["A2"],"SW(2)":["A3"],"SW(3)":["A4"],"BUS":["B2"]}}' \
+  "sample by entity name, as JSON" "${sim[@]}" --pin '1.SW(2)=0' --pin 1.BUS=0 chain --json --bsdl-path "$bsdl" "${dev[@]}" sample KV_FPGA6
+expect_out 0 "1: USERCODE 0x12345678" "usercode" "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" usercode 1
+expect_err 5 "kelvorn-chain: device 2 (KV_DAP4) has no USERCODE instruction" "usercode: none" "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" usercode 2
+expect_err 5 "kelvorn-chain: device 2 (KV_DAP4) has no boundary register" "sample: no boundary register" "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" sample 2
+expect_err 5 "kelvorn-chain: device 0 has no BSDL file (--bsdl, --bsdl-path)" "sample: no BSDL file" "${sim[@]}" chain --bsdl-path "" "${dev[@]}" sample 0
+expect_err 2 "kelvorn-chain: no device at position 3 (the chain has 3)" "sample: no such position" "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" sample 3
 
 # ---- connect ----
 
 net=(--net '0.led=1.SW(1)' --net '1.BUS=0.d(0)')
 while read -r from to status result; do
-  e2e_run "${sim[@]}" "${net[@]}" --pin '1.SW(2)=0' chain --i-know-the-board --bsdl-path "$bsdl" "${dev[@]}" connect "$from" "$to"
-  expect_eq "$E2E_STATUS|$E2E_OUT" "$status|$from -> $to: $result" "connect $from $to"
+  expect_out $status "$from -> $to: $result" "connect $from $to" "${sim[@]}" "${net[@]}" --pin '1.SW(2)=0' chain --i-know-the-board --bsdl-path "$bsdl" "${dev[@]}" connect "$from" "$to"
 done <<'EOF'
 0.led 1.SW(1) 0 connected
 1.BUS 0.d(0) 0 connected
 0.led 1.SW(3) 7 stuck-1
 0.led 1.SW(2) 7 stuck-0
 EOF
-e2e_run "${sim[@]}" "${net[@]}" chain --json --bsdl "0=$bsdl/kv_cpld64.bsd" --bsdl-path "$bsdl" "${dev[@]}" connect 0.led '1.SW(1)'
-expect_eq "$E2E_STATUS|$E2E_OUT" '0|{"from":"0.led","to":"1.SW(1)","result":"connected"}' "connect as JSON, the driver's BSDL given"
-e2e_run "${sim[@]}" "${net[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" connect 0.led '1.SW(1)'
-expect_eq "$E2E_STATUS|$E2E_ERR" "6|kelvorn-chain: connect refused: device 0's BSDL file was found, not given: EXTEST drives its pins and may fight the board's own drivers; give it with --bsdl 0=FILE, or --i-know-the-board" \
-  "connect: refused without the BSDL given"
+expect_out 0 '{"from":"0.led","to":"1.SW(1)","result":"connected"}' "connect as JSON, the driver's BSDL given" "${sim[@]}" "${net[@]}" chain --json --bsdl "0=$bsdl/kv_cpld64.bsd" --bsdl-path "$bsdl" "${dev[@]}" connect 0.led '1.SW(1)'
+expect_err 6 "kelvorn-chain: connect refused: device 0's BSDL file was found, not given: EXTEST drives its pins and may fight the board's own drivers; give it with --bsdl 0=FILE, or --i-know-the-board" \
+  "connect: refused without the BSDL given" "${sim[@]}" "${net[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" connect 0.led '1.SW(1)'
 
 # ---- drive ----
 
@@ -153,33 +135,26 @@ sed -e 's/kv_cpld64/kv_other/g' -e 's/0001001000110100000000101111/0001001000110
 e2e_run "${sim[@]}" --dump-pins "$d/pins" chain --bsdl "0=$d/other.bsd" --i-know-the-board --hold 0 "${dev[@]}" drive 0 led=1
 expect_eq "$E2E_STATUS|$E2E_ERR|$(cat "$d/pins")" "5|kelvorn-chain: device 0 has IDCODE 0x0123402f, but $d/other.bsd describes kv_other, IDCODE 0xx123403f|" \
   "a BSDL file for another IDCODE at a position: refused"
-e2e_run "${sim[@]}" chain --bsdl "2=$bsdl/KV_FPGA6.BSD" "${dev[@]}"
-expect_eq "$E2E_STATUS|$E2E_OUT|$E2E_ERR" "5||kelvorn-chain: device 2 has IDCODE 0x4ba00477, but $bsdl/KV_FPGA6.BSD describes KV_FPGA6, IDCODE 0x0a5c7043" \
-  "discovery refused too"
+expect_run 5 "" "kelvorn-chain: device 2 has IDCODE 0x4ba00477, but $bsdl/KV_FPGA6.BSD describes KV_FPGA6, IDCODE 0x0a5c7043" \
+  "discovery refused too" "${sim[@]}" chain --bsdl "2=$bsdl/KV_FPGA6.BSD" "${dev[@]}"
 # Positions that do not fit are refused, never wrapped; a repeated option
 # takes one value each time and leaves the arguments after it alone.
-e2e_run "${sim[@]}" chain --bsdl "4294967296=$bsdl/kv_cpld64.bsd" "${dev[@]}" drive 0 led=1
-expect_eq "$E2E_STATUS|$E2E_ERR" "2|kelvorn-chain: --bsdl 4294967296=$bsdl/kv_cpld64.bsd: a position is 0 to 1023" "--bsdl: a position too large"
-e2e_run "${sim[@]}" chain --irlen 4294967296=8 "${dev[@]}"
-expect_eq "$E2E_STATUS|$E2E_ERR" "2|kelvorn-chain: --irlen 4294967296=8: wants POS=N, N at least 2 (a position is 0 to 1023)" "--irlen: a position too large"
-e2e_run "${sim[@]}" chain --bsdl "0=$bsdl/kv_cpld64.bsd" --bsdl "1=$bsdl/KV_FPGA6.BSD" "${dev[@]}" usercode 1
-expect_eq "$E2E_STATUS|$E2E_OUT" "0|1: USERCODE 0x12345678" "--bsdl repeated before the arguments"
+expect_err 2 "kelvorn-chain: --bsdl 4294967296=$bsdl/kv_cpld64.bsd: a position is 0 to 1023" "--bsdl: a position too large" "${sim[@]}" chain --bsdl "4294967296=$bsdl/kv_cpld64.bsd" "${dev[@]}" drive 0 led=1
+expect_err 2 "kelvorn-chain: --irlen 4294967296=8: wants POS=N, N at least 2 (a position is 0 to 1023)" "--irlen: a position too large" "${sim[@]}" chain --irlen 4294967296=8 "${dev[@]}"
+expect_out 0 "1: USERCODE 0x12345678" "--bsdl repeated before the arguments" "${sim[@]}" chain --bsdl "0=$bsdl/kv_cpld64.bsd" --bsdl "1=$bsdl/KV_FPGA6.BSD" "${dev[@]}" usercode 1
 
 # SIGINT, SIGQUIT and SIGTERM during a hold, as a shell that does not ignore
 # them sends them, end it the normal way: the pins released (Test-Logic-Reset),
 # TCK, TMS and TDI last seen undriven in the waveform, status 0.
 for sig in INT QUIT TERM; do
-  _e2e_cmd "${sim[@]}" --dump-pins "$d/pins" --vcd "$d/hold.vcd" chain --i-know-the-board --bsdl-path "$bsdl" "${dev[@]}" \
+  e2e_start "${sim[@]}" --dump-pins "$d/pins" --vcd "$d/hold.vcd" chain --i-know-the-board --bsdl-path "$bsdl" "${dev[@]}" \
     drive 1 OUT0=1
-  env --default-signal=INT,QUIT "${E2E_ARGV[@]}" >"$E2E_DIR/bg.out" 2>"$E2E_DIR/bg.err" &
-  E2E_BG=$!
   for ((i = 0; i < 50; i++)); do grep -q holding "$E2E_DIR/bg.out" && break; sleep 0.1; done
   kill -$sig "$E2E_BG"
   e2e_wait
   expect_eq "$E2E_STATUS|$E2E_OUT|$(cat "$d/pins")" "0|1: EXTEST driving OUT0=1, every other output released; holding until Ctrl-C
 1: released (Test-Logic-Reset)|1.OUT0 1" "SIG$sig during a drive hold: released"
-  expect_eq "$(for v in C M I; do grep -E "^[01z]$v\$" "$d/hold.vcd" | tail -n 1; done | paste -sd' ')" "zC zM zI" \
-    "SIG$sig during a drive hold: TCK, TMS and TDI released last"
+  expect_eq "$(vcd_end "$d/hold.vcd" C M I)" "zC zM zI" "SIG$sig during a drive hold: TCK, TMS and TDI released last"
 done
 
 # A backend that refuses the board ends the process (status 1) from inside;
@@ -199,10 +174,8 @@ e2e_run kelvorn-sim chain --list-devices --json
 expect_eq "$E2E_STATUS|$(python3 -c 'import json,sys; d=json.load(sys.stdin)["devices"]; print(len(d), d[0])' <<<"$E2E_OUT")" \
   "0|74 {'name': 'fodak', 'backend': 'AMD SB820 GPIO', 'condition': 'kernel command line has no platform=(gozip|bupul)'}" \
   "--list-devices --json, through the simulator"
-e2e_run kelvorn-chain --list-devices rotanMotub
-expect_eq "$E2E_STATUS|$E2E_ERR" "2|kelvorn-chain: --list-devices takes no device, address or command" "--list-devices with a device"
-e2e_run kelvorn-chain rotanMotub
-expect_eq "$E2E_STATUS|$E2E_ERR" "2|kelvorn-chain: address is required" "no address"
+expect_err 2 "kelvorn-chain: --list-devices takes no device, address or command" "--list-devices with a device" kelvorn-chain --list-devices rotanMotub
+expect_err 2 "kelvorn-chain: address is required" "no address" kelvorn-chain rotanMotub
 
 # watch: the first sample, then until a signal.
 e2e_start "${sim[@]}" --pin '1.SW(0)=0' chain --bsdl-path "$bsdl" "${dev[@]}" watch 1
@@ -256,30 +229,25 @@ done <<'EOF'
 EOF
 e2e_run "${sim[@]}" chain --json --bsdl "$d/"$'\xfe'"none.bsd" "${dev[@]}"
 expect_eq "$E2E_STATUS|$(valid_json <<<"$E2E_OUT")" "5|1" "--json: a file that cannot be read, its name not UTF-8"
-e2e_run "${sim[@]}" chain --json --frobnicate "${dev[@]}"
-expect_eq "$E2E_STATUS|$E2E_OUT" '2|{"status":2,"error":"The following argument was not expected: --frobnicate"}' "--json: an option not understood"
-e2e_run "${sim[@]}" chain --json nosuch 0000:03:00.0
-expect_eq "$E2E_STATUS|$E2E_OUT" '3|{"status":3,"error":"no backend serves nosuch on this board"}' "--json: no backend, nothing else on stdout"
+expect_out 2 '{"status":2,"error":"The following argument was not expected: --frobnicate"}' "--json: an option not understood" "${sim[@]}" chain --json --frobnicate "${dev[@]}"
+expect_out 3 '{"status":3,"error":"no backend serves nosuch on this board"}' "--json: no backend, nothing else on stdout" "${sim[@]}" chain --json nosuch 0000:03:00.0
 e2e_run kelvorn-sim --tdo stuck-1 chain --json "${dev[@]}"
 expect_eq "$E2E_STATUS|$(valid_json <<<"$E2E_OUT")" "4|1" "--json: a dead chain"
 
 # ---- dead chains, bad files, usage ----
 
-e2e_run kelvorn-sim --tdo stuck-0 chain "${dev[@]}"
-expect_eq "$E2E_STATUS|$E2E_ERR" "4|kelvorn-chain: TDO stuck at 0: nothing shifted in comes out; check that the pin the backend reads is the chain's TDO, the devices' power and that TCK and TMS reach them" \
-  "TDO stuck at 0"
-e2e_run kelvorn-sim --tdo stuck-1 chain "${dev[@]}"
-expect_eq "$E2E_STATUS|$E2E_ERR" "4|kelvorn-chain: TDO stuck at 1: no device drives it (a pull-up only); check the devices' power, that TCK and TMS reach them, and the TDO wiring" \
-  "TDO stuck at 1"
+expect_err 4 "kelvorn-chain: TDO stuck at 0: nothing shifted in comes out; check that the pin the backend reads is the chain's TDO, the devices' power and that TCK and TMS reach them" \
+  "TDO stuck at 0" kelvorn-sim --tdo stuck-0 chain "${dev[@]}"
+expect_err 4 "kelvorn-chain: TDO stuck at 1: no device drives it (a pull-up only); check the devices' power, that TCK and TMS reach them, and the TDO wiring" \
+  "TDO stuck at 1" kelvorn-sim --tdo stuck-1 chain "${dev[@]}"
 e2e_run kelvorn-sim --chain 0x0a5c7035:8,0x1b4d2093:6,0x0362d093:6 chain --max-devices 2 "${dev[@]}"
 expect_eq "$E2E_STATUS|${E2E_ERR%%:*}" "4|kelvorn-chain" "more devices than --max-devices"
 grep -q -- "--max-devices" <<<"$E2E_ERR"
 expect_eq "$?" 0 "more devices than --max-devices: says what to raise"
 
 printf 'entity BAD is\n  attribute INSTRUCTION_LENGTH of BAD : entity is 4;\n  attribute INSTRUCTION_OPCODE of BAD : entity is "BYPASS (111)";\nend BAD;\n' >"$d/bad.bsd"
-e2e_run "${sim[@]}" chain --bsdl "$d/bad.bsd" "${dev[@]}"
-expect_eq "$E2E_STATUS|$E2E_ERR" "5|kelvorn-chain: $d/bad.bsd:3: INSTRUCTION_OPCODE: BYPASS 111 has 3 bits; INSTRUCTION_LENGTH is 4" \
-  "a BSDL file given that cannot be read: file:line"
+expect_err 5 "kelvorn-chain: $d/bad.bsd:3: INSTRUCTION_OPCODE: BYPASS 111 has 3 bits; INSTRUCTION_LENGTH is 4" \
+  "a BSDL file given that cannot be read: file:line" "${sim[@]}" chain --bsdl "$d/bad.bsd" "${dev[@]}"
 # Files that describe test logic which cannot be: refused with file:line before
 # any pin moves (a SAMPLE overlapping EXTEST would put the device in EXTEST).
 sed 's/sample (00000001)/sample (0000100X)/' "$bsdl/kv_cpld64.bsd" >"$d/overlap.bsd"
@@ -293,18 +261,15 @@ overlap.bsd|25: INSTRUCTION_OPCODE: sample 0000100X overlaps extest 00001000
 thrice.bsd|12: port led declared twice
 twopins.bsd|18: pin map TQ44: led is a scalar port, mapped to 2 pins (a port on several pins is a bit_vector)
 EOF
-e2e_run "${sim[@]}" chain --bsdl "$d/none.bsd" "${dev[@]}"
-expect_eq "$E2E_STATUS|$E2E_ERR" "5|kelvorn-chain: $d/none.bsd:0: cannot read: No such file or directory" "a BSDL file given that does not exist"
+expect_err 5 "kelvorn-chain: $d/none.bsd:0: cannot read: No such file or directory" "a BSDL file given that does not exist" "${sim[@]}" chain --bsdl "$d/none.bsd" "${dev[@]}"
 cp "$d/bad.bsd" "$d/two/"
-e2e_run "${sim[@]}" chain --bsdl-path "$d/two" "${dev[@]}"
-expect_eq "$E2E_STATUS|$E2E_ERR" "0|kelvorn-chain: passed over $d/two/bad.bsd:3: INSTRUCTION_OPCODE: BYPASS 111 has 3 bits; INSTRUCTION_LENGTH is 4
+expect_err 0 "kelvorn-chain: passed over $d/two/bad.bsd:3: INSTRUCTION_OPCODE: BYPASS 111 has 3 bits; INSTRUCTION_LENGTH is 4
 kelvorn-chain: 0: IDCODE 0x0123402f is in more than one BSDL file: $d/two/kv_cpld64.bsd, $d/two/kv_cpld64_cs48.bsd; using the first (--bsdl 0=FILE chooses)" \
-  "a file in a directory that cannot be read is passed over"
+  "a file in a directory that cannot be read is passed over" "${sim[@]}" chain --bsdl-path "$d/two" "${dev[@]}"
 
 expect_run 2 "" "kelvorn-chain: 0000:03:00.0x is not a PCI address (dddd:bb:dd.f)" "bad address" \
   "${sim[@]}" chain rotanMotub 0000:03:00.0x
-e2e_run "${sim[@]}" chain nosuch 0000:03:00.0
-expect_eq "$E2E_STATUS|$E2E_ERR" "3|kelvorn-chain: no backend serves nosuch on this board" "no backend"
+expect_err 3 "kelvorn-chain: no backend serves nosuch on this board" "no backend" "${sim[@]}" chain nosuch 0000:03:00.0
 expect_run 2 "" "kelvorn-chain: --irlen 1=1: wants POS=N, N at least 2 (a position is 0 to 1023)" "bad --irlen" "${sim[@]}" chain --irlen 1=1 "${dev[@]}"
 expect_run 2 "" "kelvorn-chain: not understood: frob with 1 argument (see --help)" "unknown command" \
   "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" frob 1

@@ -5,7 +5,6 @@
 # program's options and kelvorn's commands.
 source "$(dirname "$0")/lib.sh" "$1"
 
-src=$(cd "$(dirname "$0")/../.." && pwd)
 bin=$E2E_BUILD/bin
 version=$(cache CMAKE_PROJECT_VERSION)
 

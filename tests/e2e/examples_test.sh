@@ -8,7 +8,6 @@
 # so one more does not slip in unnoticed.
 source "$(dirname "$0")/lib.sh" "$1"
 
-src=$(cd "$(dirname "$0")/../.." && pwd)
 # What the examples read besides the files they make: the BSDL files the
 # package installs under /usr/share/kelvorn/bsdl, here from the tree; random
 # bytes for images (the namespace's /dev is the test's own directory).
@@ -67,8 +66,7 @@ script() {  # dir < block lines
 
 check_block() {  # name dir
   local name=$1 dir=$2 i=1
-  e2e_run /bin/bash "$dir/.script"
-  expect_eq "$E2E_STATUS|$E2E_ERR" "0|" "$name: the block runs to its end"
+  expect_err 0 "" "$name: the block runs to its end" /bin/bash "$dir/.script"
   while [ -f "$dir/.$i.cmd" ]; do
     local what="$name, command $i: $(head -n1 "$dir/.$i.cmd")"
     expect_eq "$(cat "$dir/.$i.status" 2>/dev/null)" 0 "$what: status"

@@ -7,7 +7,6 @@
 source "$(dirname "$0")/lib.sh" "$1"
 
 consumer_src=$(cd "$(dirname "$0")/consumer" && pwd)
-src=$(cd "$(dirname "$0")/../.." && pwd)
 cc=$(cache CMAKE_C_COMPILER)
 libdir=$(cache CMAKE_INSTALL_LIBDIR)
 config=$(cache CMAKE_BUILD_TYPE | tr '[:upper:]' '[:lower:]')

@@ -6,8 +6,6 @@
 source "$(dirname "$0")/lib.sh" "$1"
 
 data=$(dirname "$0")/../data
-d=$E2E_DIR/files
-mkdir -p "$d"
 cp "$data"/bsdl/kv_io48.bsd "$data"/bsdl/KV_BGA36.BSD "$data"/bsdl/kv_dap4.bsd "$data"/netlist/board.* \
   "$data"/junit/junit.xsd "$d/"
 
@@ -28,9 +26,8 @@ done
 # ---- each fault named exactly; contention only where a short joins two drivers ----
 netlist=board.net
 while IFS='|' read -r what faults found summary fights; do
-  board_test $faults
-  expect_eq "$E2E_STATUS|$E2E_OUT" "8|${found//;/$'\n'}
-22 nets: $summary" "$what"
+  expect_out 8 "${found//;/$'\n'}
+22 nets: $summary" "$what" board_test $faults
   [ "$fights" = any ] || expect_eq "$(contention)" "$fights" "$what: contention"
 done <<'EOF'
 an open receiving pin|--open 2.IO(3)|open: D3 at U2.A5|17 passed, 1 failed, 4 untestable; 10 patterns, 11 scans|0

@@ -3,16 +3,17 @@
 # /var/lock and /tmp are this test's own files, so nothing reaches this
 # machine's hardware, lock directory or kernel command line.
 #
-#   source "$(dirname "$0")/lib.sh" "$1"      # $1: the build directory
+#   source "$(dirname "$0")/lib.sh" "$1"      # $1: the build directory; $d, $bsdl: files, BSDL files; $src
 #   e2e_cmdline "console=ttyS0 platform=gozip"
 #   e2e_pci 0000:00:14.0 resource5 0x1000   # a sparse resource file
 #   e2e_run kelvorn fodak 0000:00:14.0 tdo  # status in $E2E_STATUS, output in $E2E_OUT/$E2E_ERR
 #   e2e_run "$E2E_DIR/prog"                 # a program of the test's own, by its path
-#   e2e_start kelvorn ...; ...; e2e_wait    # the same, in the background
+#   e2e_start kelvorn ...; ...; e2e_wait    # the same, in the background, SIGINT and SIGQUIT as a terminal's
 #   e2e_hold kelvorn fodak 0000:00:14.0 tck 1; ...; e2e_wait   # during a set command's hold
 #   expect_eq "$(rd8 "$(e2e_pci_file 0000:00:14.0 resource5)" 0x1bd)" 0x40 "TCK driven high"
 #   expect_eq "$(regs rd8 "$file" 0x1bd 0x1ab)" "0x40 0x0" "TCK high, TDI low"
 #   expect_run 1 "Kelvorn" "" "tck 1" kelvorn fodak 0000:00:14.0 tck 1   # status, stdout, stderr
+#   expect_err 2 "kelvorn: ..." "bad pin" kelvorn fodak 0000:00:14.0 tck 2  # status and stderr (expect_out: stdout)
 #   e2e_done
 set -uo pipefail
 
@@ -25,7 +26,12 @@ E2E_BUILD=$(cd "${1:?build directory}" && pwd)
 # Outside /tmp, which the runs replace with a directory of their own.
 E2E_DIR=$(mktemp -d /var/tmp/kelvorn-e2e.XXXXXX)
 trap 'rm -rf "$E2E_DIR"' EXIT
-mkdir -p "$E2E_DIR"/{pci,lock,dev,tmp,bin}
+mkdir -p "$E2E_DIR"/{pci,lock,dev,tmp,bin,files,bsdl}
+# The test's own files ($d) and the BSDL files of tests/data ($bsdl) go where the
+# runs see them: the source tree may be under /tmp, which each run replaces.
+d=$E2E_DIR/files bsdl=$E2E_DIR/bsdl
+src=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)  # the source tree
+cp "$src"/tests/data/bsdl/*.[bB][sS][dD] "$bsdl/"
 : >"$E2E_DIR/dev/null"
 echo "console=ttyS0 quiet" >"$E2E_DIR/cmdline"
 E2E_PASSED=0
@@ -70,9 +76,11 @@ e2e_run() {
   E2E_ERR=$(cat "$E2E_DIR/err")
 }
 
+# A background job starts with SIGINT and SIGQUIT ignored, and the tools leave
+# ignored signals alone (as under nohup): it gets the defaults a terminal gives.
 e2e_start() {
   _e2e_cmd "$@"
-  "${E2E_ARGV[@]}" >"$E2E_DIR/bg.out" 2>"$E2E_DIR/bg.err" &
+  env --default-signal=INT,QUIT "${E2E_ARGV[@]}" >"$E2E_DIR/bg.out" 2>"$E2E_DIR/bg.err" &
   E2E_BG=$!
 }
 # Starts a set command in the background and returns two seconds into its ten-second hold.
@@ -92,6 +100,25 @@ wr32() {
   local v=$(($3))
   printf "$(printf '\\x%02x\\x%02x\\x%02x\\x%02x' $((v & 255)) $((v >> 8 & 255)) $((v >> 16 & 255)) $((v >> 24 & 255)))" |
     dd of="$1" bs=1 seek=$(($2)) conv=notrunc status=none
+}
+
+# The last value of each signal named in a VCD file (C TCK, M TMS, I TDI, S3..S0 the TAP state bits).
+vcd_end() { local file=$1 v; shift; for v; do grep -E "^[01z]$v\$" "$file" | tail -n 1; done | paste -sd' '; }
+
+# Waits (up to 30 s, while process PID runs) for the first FILE to hold a line
+# that sed -n SCRIPT prints: that in $E2E_SEEN, status 0; or a failure counted,
+# with every FILE shown, status 1.
+e2e_await() {  # pid script what file...
+  local i
+  for ((i = 0; i < 300; i++)); do
+    E2E_SEEN=$(sed -n "$2" "$4")
+    [ -n "$E2E_SEEN" ] && return 0
+    kill -0 "$1" 2>/dev/null || break
+    sleep 0.1
+  done
+  printf 'FAIL: %s:\n%s\n' "$3" "$(cat "${@:4}")"
+  E2E_FAILED=$((E2E_FAILED + 1))
+  return 1
 }
 
 # Registers at the offsets, read with rd8/rd32, on one line: regs rd32 FILE OFFSET...
@@ -115,6 +142,12 @@ expect_run() {  # status stdout stderr what binary args...
   expect_eq "$E2E_OUT" "$out" "$what: stdout"
   expect_eq "$E2E_ERR" "$err" "$what: stderr"
 }
+
+# The same, comparing "status|stdout" or "status|stderr" only; the command
+# may also be a function of the test's own that ends in e2e_run.
+e2e_call() { if declare -F "$1" >/dev/null; then "$@"; else e2e_run "$@"; fi; }
+expect_out() { local want="$1|$2" what=$3; shift 3; e2e_call "$@"; expect_eq "$E2E_STATUS|$E2E_OUT" "$want" "$what"; }
+expect_err() { local want="$1|$2" what=$3; shift 3; e2e_call "$@"; expect_eq "$E2E_STATUS|$E2E_ERR" "$want" "$what"; }
 
 e2e_done() {
   echo "$E2E_PASSED passed, $E2E_FAILED failed"

@@ -9,7 +9,6 @@
 # pytest suite runs against the staged Python package.
 source "$(dirname "$0")/lib.sh" "$1"
 
-src=$(cd "$(dirname "$0")/../.." && pwd)
 cc=$(cache CMAKE_C_COMPILER)
 libdir=$(cache CMAKE_INSTALL_LIBDIR)
 # Programs that load a sanitized library need its runtime first.
@@ -59,8 +58,6 @@ expect_eq "$(needed "$E2E_DIR/on_hw") $(needed "$E2E_DIR/on_sim")" "libkelvorn.s
 
 # ---- on the simulated board ----
 
-d=$E2E_DIR/files
-mkdir -p "$d"
 # 1024 rows of 64 bits between two devices in BYPASS: an 8 KiB image fills them.
 chain=0x0a5c7035:8,0x1b4d2093:6:mem=1024x64,0x2468ace1:10
 rows=1024
@@ -80,8 +77,7 @@ pins: TCK=z TDI=z TMS=z TDO=1
 play: ok: $((17 + 3 * rows)) statements, $((8 + 2 * rows)) scans, B bits, C TCK cycles, progress called|" \
   "simulated board: program, second open, cancel, play"
 # The facts are kelvorn-chain's, on the same board.
-e2e_run kelvorn-sim --cpu 0x16:0x30 --chain "$chain" chain --json rotanMotub 0000:03:00.0
-expect_eq "$E2E_STATUS|$E2E_OUT" "0|$discovery" "kelvorn-chain --json: the same facts"
+expect_out 0 "$discovery" "kelvorn-chain --json: the same facts" kelvorn-sim --cpu 0x16:0x30 --chain "$chain" chain --json rotanMotub 0000:03:00.0
 cmp "$d/image.bin" "$d/memory.bin" >/dev/null
 expect_eq "$?" 0 "the programmed memory is the image (written when the last device closed)"
 
@@ -117,12 +113,11 @@ truncate -s 4096 "$regfile"
 wr32 "$regfile" 0x630 0x80000000  # GPIO 31 an output, not the device's
 wr32 "$regfile" 0x640 0x8         # TDO high
 wr32 "$regfile" 0x648 0x8000      # GPIO 31 high; TCK, TMS and TDI low
-e2e_run /usr/bin/env "${c_env[@]}" LD_LIBRARY_PATH="$E2E_DIR/swap-hw" "$E2E_DIR/on_sim" "--chain 0x1:8" rotanMotub 0000:03:00.0
-expect_eq "$E2E_STATUS|$E2E_OUT" "0|configure: sim: this is libkelvorn, which drives real boards: load libkelvorn-sim.so.1 to simulate one
+expect_out 0 "configure: sim: this is libkelvorn, which drives real boards: load libkelvorn-sim.so.1 to simulate one
 open: ok
 second open: locked: Lock file is locked by another process.
 discover: dead chain: TDO stuck at 1: no device drives it (a pull-up only); check the devices' power, that TCK and TMS reach them, and the TDO wiring" \
-  "libkelvorn under the program built for libkelvorn-sim, in test mode"
+  "libkelvorn under the program built for libkelvorn-sim, in test mode" /usr/bin/env "${c_env[@]}" LD_LIBRARY_PATH="$E2E_DIR/swap-hw" "$E2E_DIR/on_sim" "--chain 0x1:8" rotanMotub 0000:03:00.0
 expect_eq "$(regs rd32 "$regfile" 0x630 0x648)" "0x80000000 0x8014" "test mode: the pins inputs again after the close"
 expect_eq "$(ls "$(e2e_tmp_dir)" "$(e2e_lock_dir)" | grep -c xilinxTestLockFile)" 1 "test mode: the test lock file, nothing in /var/lock"
 
@@ -212,8 +207,7 @@ with kelvorn.open("rotanMotub", "0000:03:00.0", sim="--vcd " + sys.argv[1]) as d
   wait $pid
   status=$?
   expect_eq "$status|$([ -e "$E2E_DIR/playing" ] && echo playing)" "$((128 + $(kill -l $sig)))|playing" "SIG$sig during a library play: ended by it"
-  expect_eq "$(for v in C M I; do grep -E "^[01z]$v\$" "$E2E_DIR/lib.vcd" | tail -n 1; done | paste -sd' ')" "zC zM zI" \
-    "SIG$sig during a library play: TCK, TMS and TDI released last"
+  expect_eq "$(vcd_end "$E2E_DIR/lib.vcd" C M I)" "zC zM zI" "SIG$sig during a library play: TCK, TMS and TDI released last"
 done
 
 e2e_done

@@ -8,7 +8,6 @@
 # the rest has passed. KELVORN_README names another README.
 source "$(dirname "$0")/lib.sh" "$1"
 
-src=$(cd "$(dirname "$0")/../.." && pwd)
 readme=${KELVORN_README:-$src/README.md}
 libdir=$(cache CMAKE_INSTALL_LIBDIR)
 version=$(cache CMAKE_PROJECT_VERSION)

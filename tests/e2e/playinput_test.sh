@@ -12,8 +12,6 @@
 source "$(dirname "$0")/lib.sh" "$1"
 ulimit -c 0  # SIGQUIT dumps no core here
 
-d=$E2E_DIR/files
-mkdir -p "$d"
 ln -s /proc/self/fd/0 "$E2E_DIR/dev/stdin"
 # The summary line with the file's name as F and its duration as T.
 summary() {
@@ -38,8 +36,7 @@ for f in svf xsvf; do
   play_from() {  # what name [stdin redirection...]
     local what=$1 name=$2
     shift 2
-    sim --vcd "$d/$what.vcd" --dump-memory "$d/$what.mem" play "${device[@]}" "$name" "$@"
-    expect_eq "$E2E_STATUS $E2E_ERR" "0 " "$f from $what: status"
+    expect_err 0 "" "$f from $what: status" sim --vcd "$d/$what.vcd" --dump-memory "$d/$what.mem" play "${device[@]}" "$name" "$@"
     expect_eq "$(summary "$E2E_OUT" | $cycles)" "$(summary "$ref" | $cycles)" "$f from $what: summary"
     expect_eq "$(cmp "$d/file.mem" "$d/$what.mem" && echo same)" same "$f from $what: the same memory"
     if [ $f = svf ]; then
@@ -79,8 +76,7 @@ rows=53125
 chain=0x0a5c7035:8,0x1b4d2093:6:mem=${rows}x256,0x2468ace1:10
 head -c $((rows * 32)) /dev/urandom >"$d/big.bin"
 expect_run 0 "" "" "big vectors" kelvorn-vectors --chain "$chain" --svf "$d/big.svf" "$d/big.bin"
-sim --dump-memory "$d/big.mem" play "${device[@]}" /dev/stdin < <(cat "$d/big.svf")
-expect_eq "$E2E_STATUS $E2E_ERR" "0 " "big SVF from a pipe: status"
+expect_err 0 "" "big SVF from a pipe: status" sim --dump-memory "$d/big.mem" play "${device[@]}" /dev/stdin < <(cat "$d/big.svf")
 expect_eq "$(cmp "$d/big.mem" "$d/big.bin" && echo same)" same \
   "big SVF ($(stat -c %s "$d/big.svf") bytes) from a pipe: memory byte for byte"
 
@@ -123,10 +119,8 @@ chmod +x "$E2E_DIR/smalltmp"
 mknod "$E2E_DIR/dev/zero" c 1 5
 room="cannot keep a copy of it in /tmp: after 3932160 bytes, more would leave less than 262144 bytes free there; set TMPDIR to a file system with more room, or give a regular file instead"
 nothing=$'\nsim stats: reads 0 writes 0 tck-cycles 0 contention 0'
-e2e_run "$E2E_DIR/smalltmp" "$E2E_DIR/bin/kelvorn-sim" --chain "$chain" --stats play "${device[@]}" - < <(yes)
-expect_eq "$E2E_STATUS $E2E_ERR" "7 kelvorn-play: -: $room$nothing" "yes through a pipe: the copy stops"
-e2e_run "$E2E_DIR/smalltmp" "$E2E_DIR/bin/kelvorn-sim" --chain "$chain" --stats play "${device[@]}" /dev/zero
-expect_eq "$E2E_STATUS $E2E_ERR" "7 kelvorn-play: /dev/zero: $room$nothing" "/dev/zero: the copy stops"
+expect_err 7 "kelvorn-play: -: $room$nothing" "yes through a pipe: the copy stops" "$E2E_DIR/smalltmp" "$E2E_DIR/bin/kelvorn-sim" --chain "$chain" --stats play "${device[@]}" - < <(yes)
+expect_err 7 "kelvorn-play: /dev/zero: $room$nothing" "/dev/zero: the copy stops" "$E2E_DIR/smalltmp" "$E2E_DIR/bin/kelvorn-sim" --chain "$chain" --stats play "${device[@]}" /dev/zero
 
 # XCOMPLETE, then 37 KB of a programming file; files with no statement, from a file and from a pipe.
 { printf '\x00'; for _ in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19; do cat "$d/image.xsvf"; done; } |
@@ -138,27 +132,20 @@ sim --stats play "${device[@]}" "$d/after.xsvf"
 expect_eq "$E2E_STATUS $(stat -c %s "$d/after.xsvf") $E2E_ERR" \
   "4 37001 kelvorn-play: $d/after.xsvf: byte 0: XCOMPLETE: the file goes on after it, at byte 1$nothing" \
   "XSVF with bytes after XCOMPLETE"
-sim --stats play "${device[@]}" "$d/empty.svf"
-expect_eq "$E2E_STATUS $E2E_ERR" "4 kelvorn-play: $d/empty.svf:1: $none$nothing" "empty SVF"
-sim --stats play --format xsvf "${device[@]}" "$d/empty.svf"
-expect_eq "$E2E_STATUS $E2E_ERR" "4 kelvorn-play: $d/empty.svf: byte 0: the file is empty$nothing" "empty XSVF"
-sim --stats play "${device[@]}" "$d/comments.svf"
-expect_eq "$E2E_STATUS $E2E_ERR" "4 kelvorn-play: $d/comments.svf:5: $none$nothing" "SVF of comments"
-sim --stats play "${device[@]}" - </dev/null
-expect_eq "$E2E_STATUS $E2E_ERR" "4 kelvorn-play: -:1: $none$nothing" "nothing through standard input"
+expect_err 4 "kelvorn-play: $d/empty.svf:1: $none$nothing" "empty SVF" sim --stats play "${device[@]}" "$d/empty.svf"
+expect_err 4 "kelvorn-play: $d/empty.svf: byte 0: the file is empty$nothing" "empty XSVF" sim --stats play --format xsvf "${device[@]}" "$d/empty.svf"
+expect_err 4 "kelvorn-play: $d/comments.svf:5: $none$nothing" "SVF of comments" sim --stats play "${device[@]}" "$d/comments.svf"
+expect_err 4 "kelvorn-play: -:1: $none$nothing" "nothing through standard input" sim --stats play "${device[@]}" - </dev/null
 
 # ---- a signal in the middle of a play ----
 
-# A background job starts with SIGINT and SIGQUIT ignored, and kelvorn-play
-# leaves ignored signals alone (as under nohup): give it the defaults.
+# kelvorn-play with a terminal's signal dispositions (e2e_start).
 chain=0x0a5c7035:8,0x1b4d2093:6:mem=64x256,0x2468ace1:10
 printf 'STATE RESET;\nRUNTEST 100 SEC;\n' >"$d/long.svf"
 for sig in INT TERM HUP QUIT; do
   rm -f "$d/sig.mem" "$d/sig.vcd"
-  _e2e_cmd kelvorn-sim --chain "$chain" --stats --dump-memory "$d/sig.mem" --vcd "$d/sig.vcd" \
+  e2e_start kelvorn-sim --chain "$chain" --stats --dump-memory "$d/sig.mem" --vcd "$d/sig.vcd" \
     play "${device[@]}" "$d/long.svf"
-  env --default-signal=INT,QUIT "${E2E_ARGV[@]}" >"$E2E_DIR/bg.out" 2>"$E2E_DIR/bg.err" &
-  E2E_BG=$!
   sleep 1
   kill -s "$sig" "$E2E_BG"
   e2e_wait
@@ -166,8 +153,7 @@ for sig in INT TERM HUP QUIT; do
   expect_eq "$(sed -E 's/[0-9]+/N/g' <<<"$E2E_ERR")" "sim stats: reads N writes N tck-cycles N contention N" "SIG$sig: stats line"
   expect_eq "$(stat -c %s "$d/sig.mem")" 2048 "SIG$sig: memory dumped"
   # The last value of TCK (C), TMS (M) and TDI (I): no longer driven.
-  expect_eq "$(for v in C M I; do grep -E "^[01z]$v\$" "$d/sig.vcd" | tail -n 1; done | paste -sd' ')" "zC zM zI" \
-    "SIG$sig: the VCD ends with the pins released"
+  expect_eq "$(vcd_end "$d/sig.vcd" C M I)" "zC zM zI" "SIG$sig: the VCD ends with the pins released"
 done
 
 e2e_done

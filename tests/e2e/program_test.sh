@@ -6,8 +6,6 @@
 # released; waits cut below the device's busy time fail the verify.
 source "$(dirname "$0")/lib.sh" "$1"
 
-d=$E2E_DIR/files
-mkdir -p "$d"
 # The summary line with its TCK rate and duration as T.
 summary() { sed -E -e 's/ at [0-9.]+ [kM]?Hz,/,/' -e 's/, [0-9]+\.[0-9]+ s(,|$)/, T s\1/' <<<"$1"; }
 # An image's bytes followed by 0xff up to SIZE: what the whole memory holds after programming it.

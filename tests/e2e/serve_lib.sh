@@ -26,17 +26,9 @@ serve_start() {
   env --default-signal=INT,QUIT "${E2E_ARGV[@]}" >"$E2E_DIR/serve.out" 2>"$E2E_DIR/serve.err" &
   SERVE_PID=$!
   SERVE_PORT=
-  local i
-  for ((i = 0; i < 100; i++)); do
-    SERVE_PORT=$(sed -n 's/^kelvorn-serve: listening on 127\.0\.0\.1:\([0-9]*\) .*/\1/p' "$E2E_DIR/serve.err")
-    [ -n "$SERVE_PORT" ] && return 0
-    kill -0 "$SERVE_PID" 2>/dev/null || break
-    sleep 0.1
-  done
-  printf 'FAIL: the server does not listen:\n%s\n' "$(cat "$E2E_DIR/serve.err")"
-  E2E_FAILED=$((E2E_FAILED + 1))
-  serve_kill
-  return 1
+  e2e_await "$SERVE_PID" 's/^kelvorn-serve: listening on 127\.0\.0\.1:\([0-9]*\) .*/\1/p' "the server does not listen" \
+    "$E2E_DIR/serve.err" || { serve_kill; return 1; }
+  SERVE_PORT=$E2E_SEEN
 }
 
 # Waits for a server that ends by itself (--once) or stops it with SIGTERM.

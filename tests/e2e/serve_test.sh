@@ -65,8 +65,6 @@ fi
 # byte for byte. Then the same file with one TDO bit flipped (bit 0 of the
 # fifth row read back): openocd names the line and fails.
 chain=0x0a5c7035:8,0x1b4d2093:6:mem=128x256,0x2468ace1:10
-d=$E2E_DIR/files
-mkdir -p "$d"
 head -c 4096 /dev/urandom >"$d/image.bin"
 e2e_run kelvorn-vectors --chain "$chain" --svf "$d/image.svf" "$d/image.bin"
 expect_eq "$E2E_STATUS" 0 "vectors: status"
@@ -109,8 +107,7 @@ EOF
   kill "$client" 2>/dev/null; wait "$client" 2>/dev/null
   rm -f "$E2E_DIR/client.ready"
   expect_eq "$SERVE_STATUS|$(serve_lines | tail -n1)" "0|kelvorn-serve: stopped by SIG$sig" "SIG$sig during a session: status, last line"
-  expect_eq "$(for v in C M I; do grep -E "^[01z]$v\$" "$d/quit.vcd" | tail -n 1; done | paste -sd' ')" "zC zM zI" \
-    "SIG$sig during a session: TCK, TMS and TDI released last"
+  expect_eq "$(vcd_end "$d/quit.vcd" C M I)" "zC zM zI" "SIG$sig during a session: TCK, TMS and TDI released last"
 done
 
 # Refusals at start-up.

@@ -13,15 +13,11 @@ e2e_pci 0000:03:00.0 resource0 $((0x100000))
 nic=$(e2e_pci_file 0000:03:00.0 resource0)
 
 # Starts a set command and sends the signal one second into its ten-second
-# hold. A background job of a script starts with SIGINT and SIGQUIT ignored,
-# and kelvorn leaves ignored signals alone (as under nohup): give it the
-# defaults a terminal would.
+# hold, as a terminal would send it (e2e_start).
 killed_in_hold() {  # signal kelvorn-args...
   local sig=$1
   shift
-  _e2e_cmd kelvorn "$@"
-  env --default-signal=INT,QUIT "${E2E_ARGV[@]}" >"$E2E_DIR/bg.out" 2>"$E2E_DIR/bg.err" &
-  E2E_BG=$!
+  e2e_start kelvorn "$@"
   sleep 1
   kill -s "$sig" "$E2E_BG"
   e2e_wait

@@ -46,9 +46,8 @@ expect_run 3 "CHECKING FPGA nothing" "kelvorn-sim: no backend serves nothing on 
   kelvorn-sim scan nothing 0000:00:14.0
 expect_run 2 "" "kelvorn-sim: 0000:00:14 is not a PCI address (dddd:bb:dd.f)" "scan, bad address" \
   kelvorn-sim scan fodak 0000:00:14
-e2e_run kelvorn-sim --chain 0x12345678:5 scan fodak 0000:00:14.0
-expect_eq "$E2E_STATUS $E2E_ERR" "105 --chain: an IDCODE has bit 0 set and is not all ones: 0x12345678:5
-Run with --help for more information." "scan, IDCODE without bit 0"
+expect_err 105 "--chain: an IDCODE has bit 0 set and is not all ones: 0x12345678:5
+Run with --help for more information." "scan, IDCODE without bit 0" kelvorn-sim --chain 0x12345678:5 scan fodak 0000:00:14.0
 # The simulator's own option errors share one status, an unknown option too.
 expect_run 105 "" "The following argument was not expected: --no-such-option
 Run with --help for more information." "unknown simulator option" kelvorn-sim --no-such-option scan fodak 0000:00:14.0
@@ -63,24 +62,20 @@ expect_eq "$(od -An -tx1 "$(e2e_tmp_dir)/mem.bin" | tr -d ' \n')" "fffffffffffff
 expect_eq "$(sed -n '1p;13,15p' "$(e2e_tmp_dir)/scan.vcd" | paste -sd' ')" \
   '$version kelvorn-sim $end $enddefinitions $end #0 $dumpvars' "scan: VCD header"
 expect_eq "$(tail -n2 "$(e2e_tmp_dir)/scan.vcd" | paste -sd' ')" "#3221 zM" "scan: VCD ends at the last access"
-e2e_run kelvorn-sim --dump-memory /tmp/none.bin scan rotanMotub 0000:03:00.0
-expect_eq "$E2E_STATUS $E2E_ERR" "105 --dump-memory: no device on the chain has memory (mem=ROWSxBITS)
-Run with --help for more information." "dump without a programmable device"
-e2e_run kelvorn-sim --vcd /nowhere/x.vcd scan rotanMotub 0000:03:00.0
-expect_eq "$E2E_STATUS $E2E_ERR" "105 --vcd: cannot write /nowhere/x.vcd: No such file or directory
-Run with --help for more information." "VCD file that cannot be written"
+expect_err 105 "--dump-memory: no device on the chain has memory (mem=ROWSxBITS)
+Run with --help for more information." "dump without a programmable device" kelvorn-sim --dump-memory /tmp/none.bin scan rotanMotub 0000:03:00.0
+expect_err 105 "--vcd: cannot write /nowhere/x.vcd: No such file or directory
+Run with --help for more information." "VCD file that cannot be written" kelvorn-sim --vcd /nowhere/x.vcd scan rotanMotub 0000:03:00.0
 
 # A record that cannot be written when the run ends (a full disk: /dev/full takes the option's check, an
 # empty file, and fails at the first block written, here the close): one line naming the file, and a run
 # that would have succeeded ends with 105; a run that failed keeps its own status. Each dump holds bytes.
 mknod "$E2E_DIR/dev/full" c 1 7
-mkdir -p "$E2E_DIR/files"
-cp "$(dirname "$0")/../data/bsdl/kv_cpld64.bsd" "$E2E_DIR/files/"
 full="kelvorn-sim: cannot write /dev/full: No space left on device"
 expect_run 105 "0: EXTEST driving led=1, every other output released; holding 0 s
 0: released (Test-Logic-Reset)" "$full" "pin dump to a full disk" \
-  kelvorn-sim --chain "bsdl=$E2E_DIR/files/kv_cpld64.bsd" --dump-pins /dev/full \
-  chain --bsdl "$E2E_DIR/files/kv_cpld64.bsd" --hold 0 rotanMotub 0000:03:00.0 drive 0 led=1
+  kelvorn-sim --chain "bsdl=$bsdl/kv_cpld64.bsd" --dump-pins /dev/full \
+  chain --bsdl "$bsdl/kv_cpld64.bsd" --hold 0 rotanMotub 0000:03:00.0 drive 0 led=1
 expect_run 105 "0x0a5c7035
 0x1b4d2093" "$full" "VCD to a full disk" kelvorn-sim --vcd /dev/full scan rotanMotub 0000:03:00.0
 expect_run 105 "0x0a5c7035

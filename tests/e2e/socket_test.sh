@@ -34,11 +34,7 @@ activate() {  # port activate-options... -- serve-command...
     >"$E2E_DIR/serve.out" 2>"$E2E_DIR/serve.err" &
   SERVE_PID=$!
   SERVE_PORT=$port
-  local i
-  for ((i = 0; i < 50; i++)); do
-    grep -q 'Listening on' "$E2E_DIR/serve.err" && return 0
-    sleep 0.1
-  done
+  e2e_await "$SERVE_PID" '/Listening on/p' "systemd-socket-activate does not listen" "$E2E_DIR/serve.err"
 }
 # What a socket unit's server printed, without systemd-socket-activate's lines.
 served_lines() { serve_lines | grep '^kelvorn-serve: '; }
@@ -81,7 +77,7 @@ E2E_SIM=${E2E_ARGV[-1]} systemd-socket-activate -l "127.0.0.1:$port" "${pass_env
   "${E2E_ARGV[@]:0:${#E2E_ARGV[@]}-1}" /bin/sh -c "$script" "${unit_argv[@]:3}" \
   >"$E2E_DIR/serve.out" 2>"$E2E_DIR/serve.err" &
 SERVE_PID=$!
-for ((i = 0; i < 50; i++)); do grep -q 'Listening on' "$E2E_DIR/serve.err" && break; sleep 0.1; done
+e2e_await "$SERVE_PID" '/Listening on/p' "systemd-socket-activate does not listen" "$E2E_DIR/serve.err"
 answer=$(python3 - "$port" <<'EOF'
 import socket, sys
 s = socket.create_connection(("127.0.0.1", int(sys.argv[1])))

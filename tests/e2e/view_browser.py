@@ -49,6 +49,22 @@ def pin(driver, position, port):
     return driver.find_element(By.CSS_SELECTOR, f'.pin[data-position="{position}"][data-port="{port}"]')
 
 
+def css(driver, selector):
+    return driver.find_elements(By.CSS_SELECTOR, selector)
+
+
+def has(e, cls):
+    return cls in e.get_attribute('class').split()
+
+
+def level(e):
+    return e.get_attribute('data-level')
+
+
+def names(elements, key='port'):  # "position.port" (or .pin) of each
+    return [f'{e.get_attribute("data-position")}.{e.get_attribute("data-" + key)}' for e in elements]
+
+
 def get_json(url):
     with urllib.request.urlopen(url, timeout=GIVE_UP) as r:
         return json.load(r)
@@ -107,32 +123,30 @@ def page(url, profile, fixed, wave):
     d = browser(profile)
     try:
         open_page(d, url)
-        for row in d.find_elements(By.CSS_SELECTOR, '#chain tbody tr'):
+        for row in css(d, '#chain tbody tr'):
             print('chain:', ' | '.join(c.text for c in row.find_elements(By.TAG_NAME, 'td')))
-        for section in d.find_elements(By.CSS_SELECTOR, '.device'):
-            position = section.get_attribute('data-position')
-            pins = section.find_elements(By.CSS_SELECTOR, '.pin')
-            print(f'device {position}: {len(pins)} pins, {len(set(p.get_attribute("data-pin") for p in pins))} distinct, '
-                  f'grey {len(section.find_elements(By.CSS_SELECTOR, ".pin[data-level=none]"))}')
+        for section in css(d, '.device'):
+            pins = css(section, '.pin')
+            print(f'device {section.get_attribute("data-position")}: {len(pins)} pins, '
+                  f'{len(set(p.get_attribute("data-pin") for p in pins))} distinct, grey {len(css(section, ".pin[data-level=none]"))}')
         print('quad 0:', quad_layout(d, 0))
         print('grid 1 misplaced:', grid_misplaced(d, 1))
 
         e = pin(d, fixed_pos, fixed_port)
         levels = get_json(url + 'api/levels')['levels']
-        print(f'level {fixed}: page {e.get_attribute("data-level")}, api/levels {levels[fixed_pos][fixed_port]}')
+        print(f'level {fixed}: page {level(e)}, api/levels {levels[fixed_pos][fixed_port]}')
         print(f'title {fixed}:', e.get_attribute('title').replace('\n', ' / '))
-        print(f'changed {fixed}:', 'changed' in e.get_attribute('class').split())
-        print('fault marks:', ' '.join(f'{m.get_attribute("data-position")}.{m.get_attribute("data-pin")}'
-                                       for m in d.find_elements(By.CSS_SELECTOR, '.pin.fault')) or 'none')
+        print(f'changed {fixed}:', has(e, 'changed'))
+        print('fault marks:', ' '.join(names(css(d, '.pin.fault'), 'pin')) or 'none')
 
         # The pin on the square wave: its level changes, then changes back.
         w = pin(d, wave_pos, wave_port)
-        seen = [w.get_attribute('data-level')]
+        seen = [level(w)]
         for _ in range(2):
-            wait(d, lambda: w.get_attribute('data-level') != seen[-1], f'{wave} to change')
-            seen.append(w.get_attribute('data-level'))
+            wait(d, lambda: level(w) != seen[-1], f'{wave} to change')
+            seen.append(level(w))
         print(f'wave {wave}: {len(seen) - 1} changes through', ' and '.join(sorted(set(seen))),
-              '(ringed)' if 'changed' in w.get_attribute('class').split() else '(no ring)')
+              '(ringed)' if has(w, 'changed') else '(no ring)')
 
         # Its panel: a step line over the last 30 s, at least two edges; no drive buttons without --drive.
         w.click()
@@ -146,9 +160,7 @@ def page(url, profile, fixed, wave):
         # Search: a substring of port names, any case, on every drawing.
         box = d.find_element(By.ID, 'search')
         box.send_keys('IO(1')
-        marked = d.find_elements(By.CSS_SELECTOR, '.pin.match')
-        print('search IO(1:', d.find_element(By.ID, 'search-count').text, '|',
-              ' '.join(sorted(f'{m.get_attribute("data-position")}.{m.get_attribute("data-port")}' for m in marked)))
+        print('search IO(1:', d.find_element(By.ID, 'search-count').text, '|', ' '.join(sorted(names(css(d, '.pin.match')))))
         print('console errors:', console_errors(d))
     finally:
         d.quit()
@@ -170,37 +182,30 @@ def drive(url, profile, port, refused):
 
         def in_tab(handle, condition, what):
             a.switch_to.window(handle)
-            ok = wait(a, condition, what)
-            return ok
+            return wait(a, condition, what)
 
         p = lambda: pin(a, 0, port)
         click_drive(0, port, 'drive-0')
-        in_tab(first, lambda: 'driven' in p().get_attribute('class') and p().get_attribute('data-level') == '0',
-               f'{port} driven and read at 0')
-        print(f'drive 0 {port}: level {p().get_attribute("data-level")}, driven {"driven" in p().get_attribute("class")}, '
-              f'ringed {"changed" in p().get_attribute("class")}')
-        wait(a, lambda: 'changed' not in p().get_attribute('class').split(), 'the ring to fade')
-        print(f'{port} a while later: ringed {"changed" in p().get_attribute("class").split()}, level {p().get_attribute("data-level")}')
-        in_tab(second, lambda: 'driven' in p().get_attribute('class') and p().get_attribute('data-level') == '0',
-               f'{port} driven in the other tab')
-        print(f'other tab: level {p().get_attribute("data-level")}, driven {"driven" in p().get_attribute("class")}')
+        in_tab(first, lambda: has(p(), 'driven') and level(p()) == '0', f'{port} driven and read at 0')
+        print(f'drive 0 {port}: level {level(p())}, driven {has(p(), "driven")}, ringed {has(p(), "changed")}')
+        wait(a, lambda: not has(p(), 'changed'), 'the ring to fade')
+        print(f'{port} a while later: ringed {has(p(), "changed")}, level {level(p())}')
+        in_tab(second, lambda: has(p(), 'driven') and level(p()) == '0', f'{port} driven in the other tab')
+        print(f'other tab: level {level(p())}, driven {has(p(), "driven")}')
 
         # A refused drive: the server's reason in the status line, nothing else driven.
         a.switch_to.window(first)
         click_drive(0, refused, 'drive-1')
-        wait(a, lambda: 'error' in a.find_element(By.ID, 'status').get_attribute('class'), 'the refusal in the status line')
         status = a.find_element(By.ID, 'status')
-        print(f'drive 1 {refused}:', status.text, '| error:', 'error' in status.get_attribute('class'))
-        print('driven pins:', ' '.join(f'{e.get_attribute("data-position")}.{e.get_attribute("data-port")}'
-                                       for e in a.find_elements(By.CSS_SELECTOR, '.pin.driven')))
+        wait(a, lambda: has(status, 'error'), 'the refusal in the status line')
+        print(f'drive 1 {refused}:', status.text, '| error:', has(status, 'error'))
+        print('driven pins:', ' '.join(names(css(a, '.pin.driven'))))
 
         # Release all: Test-Logic-Reset, the pin reads the board's pull-up again, in both tabs.
         a.find_element(By.ID, 'release-all').click()
         for handle, name in ((first, 'this tab'), (second, 'other tab')):
-            in_tab(handle, lambda: not a.find_elements(By.CSS_SELECTOR, '.pin.driven') and
-                   p().get_attribute('data-level') == '1', f'released in {name}')
-            print(f'released, {name}: driven {len(a.find_elements(By.CSS_SELECTOR, ".pin.driven"))}, '
-                  f'{port} level {p().get_attribute("data-level")}')
+            in_tab(handle, lambda: not css(a, '.pin.driven') and level(p()) == '1', f'released in {name}')
+            print(f'released, {name}: driven {len(css(a, ".pin.driven"))}, {port} level {level(p())}')
 
         # Drive 1, left driven for the shell to stop the server on.
         a.switch_to.window(first)
@@ -294,29 +299,26 @@ def stress(url):
               b'{"position":0,"port":"io(5)","level":"1"', b'\xff\xfe{}', b'{"position":0,"port":null,"level":"1"}',
               b'{' * 10000, b'[' * 100000]
     requests = [post('api/drive', b) for b in bodies]
+    def request(method, path, headers='Host: x\r\n'):
+        return f'{method} {prefix}{path} HTTP/1.1\r\n{headers}\r\n'.encode()
+    requests += [b'\x00\x01\x02\xff garbage\r\n\r\n', b'\r\n\r\n', b'GET\r\n\r\n', b'GET /\r\n\r\n',
+                 request('BREW', 'api/chain'), request('DELETE', 'api/chain'),
+                 request('PUT', 'api/drive', 'Host: x\r\nContent-Length: 2\r\n') + b'{}']
+    # api/devices/2 has no boundary register.
+    requests += [request('GET', path) for path in ('a' * 100000, 'api/devices/99', 'api/devices/-1', 'api/devices/2',
+                                                   'api/devices/0x1', 'api/%00', '../../etc/passwd')]
     requests += [
-        b'\x00\x01\x02\xff garbage\r\n\r\n', b'\r\n\r\n', b'GET\r\n\r\n', b'GET /\r\n\r\n',
-        f'BREW {prefix}api/chain HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),
-        f'DELETE {prefix}api/chain HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),
-        f'PUT {prefix}api/drive HTTP/1.1\r\nHost: x\r\nContent-Length: 2\r\n\r\n{{}}'.encode(),
-        f'GET {prefix}{"a" * 100000} HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),
-        f'GET {prefix}api/devices/99 HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),
-        f'GET {prefix}api/devices/-1 HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),
-        f'GET {prefix}api/devices/2 HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),  # no boundary register
-        f'GET {prefix}api/devices/0x1 HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),
-        f'GET {prefix}api/%00 HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),
-        f'GET {prefix}../../etc/passwd HTTP/1.1\r\nHost: x\r\n\r\n'.encode(),
         f'GET {prefix}api/chain HTTP/9.9\r\n\r\n'.encode(),
         post('api/drive', b'{"position":0,"port":"io(5)","level":"0"}', b'Content-Length: 5\r\n'),
         post('api/drive', b'', b'Transfer-Encoding: chunked\r\n') + b'zz\r\n{}\r\n0\r\n\r\n',
-        (f'POST {prefix}api/drive HTTP/1.1\r\nContent-Length: -1\r\n\r\n').encode(),
-        (f'POST {prefix}api/drive HTTP/1.1\r\nContent-Length: 99999999999999999999\r\n\r\n').encode(),
-        (f'POST {prefix}api/drive HTTP/1.1\r\nContent-Length: 100\r\n\r\n{{"posi').encode(),  # the body cut short
+        request('POST', 'api/drive', 'Content-Length: -1\r\n'),
+        request('POST', 'api/drive', 'Content-Length: 99999999999999999999\r\n'),
+        request('POST', 'api/drive', 'Content-Length: 100\r\n') + b'{"posi',  # the body cut short
     ]
     # Reads that are well formed but large: whether the server answers them
     # or drops the connection, it must stay up; they are not counted as refused.
-    large = [f'GET {prefix}api/chain HTTP/1.1\r\nHost: x\r\nX-Big: {"a" * 200000}\r\n\r\n'.encode(),
-             f'GET {prefix}api/chain HTTP/1.1\r\n'.encode() + b''.join(b'X-%d: y\r\n' % i for i in range(5000)) + b'\r\n']
+    large = [request('GET', 'api/chain', f'Host: x\r\nX-Big: {"a" * 200000}\r\n'),
+             request('GET', 'api/chain', ''.join(f'X-{i}: y\r\n' for i in range(5000)))]
     requests += large
     answers, accepted = {}, set()
     todo = [requests[i % len(requests)] for i in range(1000)]

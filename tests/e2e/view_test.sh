@@ -15,10 +15,6 @@ done
 "$py" -c 'import selenium' 2>/dev/null || { echo "skipped: $py has no selenium"; exit 77; }
 browser() { "$py" "$(dirname "$0")/view_browser.py" "$@"; }
 
-d=$E2E_DIR/files
-bsdl=$E2E_DIR/bsdl
-mkdir -p "$d" "$bsdl"
-cp "$(dirname "$0")"/../data/bsdl/kv_io48.bsd "$(dirname "$0")"/../data/bsdl/KV_BGA36.BSD "$bsdl/"
 
 VIEW_PID=
 trap 'view_kill; rm -rf "$E2E_DIR"' EXIT
@@ -36,17 +32,9 @@ view_start() {
   env --default-signal=INT,QUIT "${E2E_ARGV[@]}" >"$E2E_DIR/view.out" 2>"$E2E_DIR/view.err" &
   VIEW_PID=$!
   VIEW_URL=
-  local i
-  for ((i = 0; i < 300; i++)); do
-    VIEW_URL=$(sed -n 's|^view: \(http://127\.0\.0\.1:[0-9]*/[0-9a-f]\{32\}/\)$|\1|p' "$E2E_DIR/view.out")
-    [ -n "$VIEW_URL" ] && return 0
-    kill -0 "$VIEW_PID" 2>/dev/null || break
-    sleep 0.1
-  done
-  printf 'FAIL: the view does not start:\n%s\n' "$(cat "$E2E_DIR/view.out" "$E2E_DIR/view.err")"
-  E2E_FAILED=$((E2E_FAILED + 1))
-  view_kill
-  return 1
+  e2e_await "$VIEW_PID" 's|^view: \(http://127\.0\.0\.1:[0-9]*/[0-9a-f]\{32\}/\)$|\1|p' "the view does not start" \
+    "$E2E_DIR/view.out" "$E2E_DIR/view.err" || { view_kill; return 1; }
+  VIEW_URL=$E2E_SEEN
 }
 # Ctrl-C: the view stops, releases the chain and the pins; status in $VIEW_STATUS.
 view_interrupt() {
@@ -55,8 +43,6 @@ view_interrupt() {
   VIEW_STATUS=$?
   VIEW_PID=
 }
-# The last value of TCK, TMS, TDI and the TAP state bits in a waveform.
-vcd_end() { for v in C M I S3 S2 S1 S0; do grep -E "^[01z]$v\$" "$1" | tail -n 1; done | paste -sd' '; }
 
 # ---- read only: what the page shows, and what it is ----
 
@@ -95,7 +81,7 @@ POST /api/release: 403" "without the token: forbidden"
  403' "drive without --drive: refused"
   view_interrupt
   expect_eq "$VIEW_STATUS|$(cat "$E2E_DIR/view.err")|$(cat "$d/pins")" "0||" "Ctrl-C: status 0, no pin driven"
-  expect_eq "$(vcd_end "$d/view.vcd")" "zC zM zI 0S3 0S2 0S1 0S0" "Ctrl-C: TCK, TMS and TDI released, the TAP in Test-Logic-Reset"
+  expect_eq "$(vcd_end "$d/view.vcd" C M I S3 S2 S1 S0)" "zC zM zI 0S3 0S2 0S1 0S0" "Ctrl-C: TCK, TMS and TDI released, the TAP in Test-Logic-Reset"
 fi
 
 # ---- a still board: one snapshot, then keep-alive comments only ----
@@ -135,7 +121,7 @@ driving after: {\"0\": {\"io(5)\": \"1\", \"led\": \"0\"}}" "100 streams and 100
   # other pin released by its control cell.
   expect_eq "$VIEW_STATUS|$(cat "$d/pins")" "0|0.led 0
 0.io(5) 1" "Ctrl-C while driving: status 0, the pins the boundary register drove"
-  expect_eq "$(vcd_end "$d/drive.vcd")" "zC zM zI 0S3 0S2 0S1 0S0" "Ctrl-C while driving: released, Test-Logic-Reset"
+  expect_eq "$(vcd_end "$d/drive.vcd" C M I S3 S2 S1 S0)" "zC zM zI 0S3 0S2 0S1 0S0" "Ctrl-C while driving: released, Test-Logic-Reset"
 fi
 expect_eq "$(ls "$(e2e_lock_dir)")" "" "no lock under /var/lock"
 

@@ -64,9 +64,8 @@ e2e_cmdline "console=ttyS0 platform=kubez"
 for size in 0 256 0x1000 0x20000; do
   head -c $((size)) /dev/urandom >"$E2E_DIR/dev/mem"
   before=$(md5sum <"$E2E_DIR/dev/mem")
-  e2e_run kelvorn kubezShimScd 0000:00:1f.0 tdo
-  expect_eq "$E2E_STATUS $E2E_ERR" "1 register window CedarForkGpioHam: /dev/mem holds $(printf '0x%x' $((size))) bytes, its registers need 0xfdc508c4" \
-    "Cedar Fork, $size bytes: status and stderr"
+  expect_err 1 "register window CedarForkGpioHam: /dev/mem holds $(printf '0x%x' $((size))) bytes, its registers need 0xfdc508c4" \
+    "Cedar Fork, $size bytes: status and stderr" kelvorn kubezShimScd 0000:00:1f.0 tdo
   expect_eq "$(md5sum <"$E2E_DIR/dev/mem")" "$before" "Cedar Fork, $size bytes: file unchanged"
 done
 

@@ -28,6 +28,17 @@ def board(*options: str) -> str:
     return " ".join((CPU, "--chain", CHAIN) + options)
 
 
+def raised(cls, call, *args, match=None, **kwargs):
+    """The exception, a cls, that call(*args, **kwargs) raised; its text matching match if given."""
+    with pytest.raises(cls, match=match) as caught:
+        call(*args, **kwargs)
+    return caught.value
+
+
+def said(e):
+    return e.status, e.message
+
+
 def test_discover_three_devices():
     with kelvorn.open(FPGA, ADDRESS, sim=board()) as dev:
         dev.add_bsdl(BSDL)
@@ -44,8 +55,7 @@ def test_discover_three_devices():
         dev.set_irlen(2, 10)
         assert [(d.ir_length, d.ir_length_from) for d in dev.discover()] == [
             (8, "detected"), (6, "detected"), (10, "option")]
-        with pytest.raises(kelvorn.Error, match=r"an IR length of 1 bits \(2 to 999\)"):
-            dev.set_irlen(0, 1)
+        raised(kelvorn.Error, dev.set_irlen, 0, 1, match=r"an IR length of 1 bits \(2 to 999\)")
     assert devices[1].manufacturer == "Xilinx"
     assert set(devices[0]) == {"position", "idcode", "ir_length", "ir_length_from", "manufacturer", "part",
                                "version", "bsdl", "jep106"}
@@ -73,9 +83,7 @@ def test_play_programs_the_image(tmp_path):
     # the first row reads back erased.
     slow = chain.replace("mem=64x32", "mem=64x32:program=100000000")
     with kelvorn.open(FPGA, ADDRESS, sim=f"{CPU} --chain {slow}") as dev:
-        with pytest.raises(kelvorn.TdoMismatch) as caught:
-            dev.play(tmp_path / "image.xsvf")
-    e = caught.value
+        e = raised(kelvorn.TdoMismatch, dev.play, tmp_path / "image.xsvf")
     data = (tmp_path / "image.xsvf").read_bytes()
     assert e.line is None and e.offset is not None and e.statement == "XSDRTDO" and e.bits == 34
     assert data[e.offset] == 0x09  # XSDRTDO's command byte
@@ -91,18 +99,15 @@ def test_tdo_mismatch_names_its_line(tmp_path):
                    "STATE RESET;\n"
                    "SDR 64 TDI(0) TDO(1b4d20930a5c7036) MASK(00000000ffffffff);\n")
     with kelvorn.open(FPGA, ADDRESS, sim=f"{CPU} --chain 0x0a5c7035:8,0x1b4d2093:6") as dev:
-        with pytest.raises(kelvorn.TdoMismatch) as caught:
-            dev.play(svf)
-        e = caught.value
+        e = raised(kelvorn.TdoMismatch, dev.play, svf)
         assert e.status == kelvorn.E_MISMATCH
         assert (e.file, e.line, e.offset, e.statement, e.bits) == (str(svf), 4, None, "SDR", 64)
         # TDO is read only where the mask has ones: the other bits of actual are 0.
         assert (e.expected, e.mask, e.actual) == (0x1b4d20930a5c7036, 0x00000000ffffffff, 0x0a5c7035)
         assert str(e).startswith(f"{svf}:4: SDR of 64 bits: TDO mismatch: expected 1b4d20930a5c7036")
         # The same file from memory: its name in the messages.
-        with pytest.raises(kelvorn.TdoMismatch) as caught:
-            dev.play_bytes(svf.read_bytes(), name="from-memory.svf")
-        assert (caught.value.file, caught.value.line) == ("from-memory.svf", 4)
+        e = raised(kelvorn.TdoMismatch, dev.play_bytes, svf.read_bytes(), name="from-memory.svf")
+        assert (e.file, e.line) == ("from-memory.svf", 4)
 
 
 def test_shift_ir_and_dr_through_bypass():
@@ -126,14 +131,10 @@ def test_shift_ir_and_dr_through_bypass():
         # in, in order across the cuts.
         long = int.from_bytes(bytes((i * 151 + 7) % 256 for i in range(75000)), "little")
         assert dev.shift_dr(2, long, 600000) == (long << 4098) & ((1 << 600000) - 1)
-        with pytest.raises(kelvorn.Error) as caught:
-            dev.shift_ir(1, 1, 5)
-        assert caught.value.status == kelvorn.E_ARGUMENT
-        assert caught.value.message == "device 1's instruction register has 6 bits, not 5"
-        with pytest.raises(kelvorn.Error, match=r"no device at position 3 \(the chain has 3\)"):
-            dev.shift_dr(3, 0, 8)
-        with pytest.raises(ValueError):
-            dev.shift_dr(1, 0x100, 8)
+        assert said(raised(kelvorn.Error, dev.shift_ir, 1, 1, 5)) == (
+            kelvorn.E_ARGUMENT, "device 1's instruction register has 6 bits, not 5")
+        raised(kelvorn.Error, dev.shift_dr, 3, 0, 8, match=r"no device at position 3 \(the chain has 3\)")
+        raised(ValueError, dev.shift_dr, 1, 0x100, 8)
 
 
 def test_sample_pins_of_a_bsdl_device():
@@ -143,51 +144,35 @@ def test_sample_pins_of_a_bsdl_device():
         assert sample.pins == {"clk": 0, "rst_n": 1, "d(0)": 1, "d(1)": 1, "d(2)": 1, "d(3)": 0}
         assert (sample.device, sample.package, sample.package_pins["d(3)"]) == (0, "TQ44", ["7"])
         assert dev.sample("KV_CPLD64") == sample  # by its entity name, any case
-        with pytest.raises(kelvorn.BsdlError) as caught:
-            dev.sample(1)
-        assert (caught.value.status, caught.value.message) == (kelvorn.E_BSDL,
-                                                               "device 1 has no BSDL file (kv_add_bsdl)")
+        assert said(raised(kelvorn.BsdlError, dev.sample, 1)) == (kelvorn.E_BSDL, "device 1 has no BSDL file (kv_add_bsdl)")
 
 
 def test_cancel_lock_and_refusals(tmp_path):
     svf = tmp_path / "long.svf"
     svf.write_text("STATE RESET;\n" + "RUNTEST 2000 TCK;\n" * 2000)
     with kelvorn.open(FPGA, ADDRESS, sim=board()) as dev:
-        with pytest.raises(kelvorn.Error) as caught:
-            kelvorn.open(FPGA, ADDRESS, sim=board())
-        assert (caught.value.status, caught.value.message) == (kelvorn.E_LOCKED,
-                                                               "Lock file is locked by another process.")
-        with pytest.raises(kelvorn.Cancelled) as cancelled:
-            dev.play(svf, progress=lambda done, total, bits: True)
-        assert cancelled.value.status == kelvorn.E_CANCELLED
+        assert said(raised(kelvorn.Error, kelvorn.open, FPGA, ADDRESS, sim=board())) == (
+            kelvorn.E_LOCKED, "Lock file is locked by another process.")
+        assert raised(kelvorn.Cancelled, dev.play, svf, progress=lambda done, total, bits: True).status == kelvorn.E_CANCELLED
         assert dev.sim_pins() == "TCK=z TDI=z TMS=z TDO=1"  # given back
         # The pins are taken again for the next call (the chain reset: IDCODE, bit 0 a one).
         assert dev.shift_dr(1, 0, 1) == 1
         assert dev.sim_pins().startswith("TCK=0 ")
         # An exception in the callback stops the play and comes out of it.
-        with pytest.raises(ZeroDivisionError):
-            dev.play(svf, progress=lambda done, total, bits: 1 / 0)
+        raised(ZeroDivisionError, dev.play, svf, progress=lambda done, total, bits: 1 / 0)
         assert dev.sim_pins() == "TCK=z TDI=z TMS=z TDO=1"
-    with pytest.raises(kelvorn.Error) as caught:
-        kelvorn.open(FPGA, "0000:03:00", sim=board())
-    assert caught.value.status == kelvorn.E_ARGUMENT
-    with pytest.raises(kelvorn.Error) as caught:
-        kelvorn.open("nosuchfpga", ADDRESS, sim=board())
-    assert (caught.value.status, caught.value.message) == (kelvorn.E_NO_BACKEND,
-                                                           "no backend serves nosuchfpga on this board")
-    # A board the backend refuses: a status, and the script goes on.
-    with pytest.raises(kelvorn.Error) as caught:
-        kelvorn.open("fodak", "0000:00:14.0", sim="--platform gozip --cpu 0x10:0x00")
-    assert (caught.value.status, caught.value.message) == (kelvorn.E_REFUSED,
-                                                           "the fodak backend refused this board (it printed why)")
-    with pytest.raises(kelvorn.Error) as caught:
-        kelvorn.open(FPGA, ADDRESS, sim="--chain 0x1:1")
-    assert caught.value.status == kelvorn.E_SIM
-    with pytest.raises(kelvorn.Error) as caught:
-        with kelvorn.open(FPGA, ADDRESS, sim=f"{CPU} --tdo stuck-1") as dead:
-            dead.discover()
-    assert caught.value.status == kelvorn.E_DEAD_CHAIN
-    assert caught.value.message.startswith("TDO stuck at 1: no device drives it")
+    # The boards a script cannot open: a status, a message, and the script goes on.
+    refusals = {(FPGA, "0000:03:00", board()): kelvorn.E_ARGUMENT,
+                ("nosuchfpga", ADDRESS, board()): (kelvorn.E_NO_BACKEND, "no backend serves nosuchfpga on this board"),
+                ("fodak", "0000:00:14.0", "--platform gozip --cpu 0x10:0x00"): (
+                    kelvorn.E_REFUSED, "the fodak backend refused this board (it printed why)"),
+                (FPGA, ADDRESS, "--chain 0x1:1"): kelvorn.E_SIM}
+    for (fpga, address, sim), want in refusals.items():
+        e = raised(kelvorn.Error, kelvorn.open, fpga, address, sim=sim)
+        assert (said(e) if isinstance(want, tuple) else e.status) == want, (fpga, address, sim)
+    with kelvorn.open(FPGA, ADDRESS, sim=f"{CPU} --tdo stuck-1") as dead:
+        e = raised(kelvorn.Error, dead.discover)
+    assert e.status == kelvorn.E_DEAD_CHAIN and e.message.startswith("TDO stuck at 1: no device drives it")
 
 
 def test_calls_from_the_callback_and_after_the_close():
@@ -197,14 +182,12 @@ def test_calls_from_the_callback_and_after_the_close():
         # From its own progress callback a call on the device is refused: the
         # play stops with that, and the device stays open and usable.
         # (close, play and discover alike: kelvorn_threads_test.c).
-        with pytest.raises(kelvorn.Reentrant) as caught:
-            dev.play_bytes(b"STATE RESET;\nRUNTEST 100 TCK;\n", progress=lambda done, total, bits: dev.close())
-        assert caught.value.status == kelvorn.E_REENTRANT
-        assert caught.value.message.startswith("a call on the handle from within a call on it")
+        e = raised(kelvorn.Reentrant, dev.play_bytes, b"STATE RESET;\nRUNTEST 100 TCK;\n",
+                   progress=lambda done, total, bits: dev.close())
+        assert e.status == kelvorn.E_REENTRANT and e.message.startswith("a call on the handle from within a call on it")
         assert dev.sim_pins() == "TCK=z TDI=z TMS=z TDO=1"
         assert dev.shift_ir(1, 0x01) == 0x01
-    with pytest.raises(kelvorn.Closed, match="rotanMotub 0000:03:00.0 is closed"):
-        dev.discover()
+    raised(kelvorn.Closed, dev.discover, match="rotanMotub 0000:03:00.0 is closed")
     dev.close()  # closing twice does nothing
 
 
@@ -212,23 +195,17 @@ def test_numbers_that_do_not_fit_are_refused():
     import tracemalloc
     with kelvorn.open(FPGA, ADDRESS, sim=board()) as dev:
         # 2**32 + 1 would reach C as position 1, 2**32 + 8 as an IR length of 8.
-        with pytest.raises(ValueError, match=r"position: 4294967297 is out of range \(0 to 4294967295\)"):
-            dev.shift_ir(2**32 + 1, 0x01, 6)
-        with pytest.raises(ValueError, match="IR length: 4294967304 is out of range"):
-            dev.set_irlen(0, 2**32 + 8)
-        with pytest.raises(ValueError):
-            dev.sample(-1)
-        with pytest.raises(kelvorn.Error, match=r"position 100 is past any chain \(at most 64 devices\)"):
-            dev.set_irlen(100, 8)
+        raised(ValueError, dev.shift_ir, 2**32 + 1, 0x01, 6, match=r"position: 4294967297 is out of range \(0 to 4294967295\)")
+        raised(ValueError, dev.set_irlen, 0, 2**32 + 8, match="IR length: 4294967304 is out of range")
+        raised(ValueError, dev.sample, -1)
+        raised(kelvorn.Error, dev.set_irlen, 100, 8, match=r"position 100 is past any chain \(at most 64 devices\)")
         # More bits than MAX_BITS: refused before a byte is allocated for them.
         tracemalloc.start()
-        with pytest.raises(ValueError, match=r"data register bits: 2147483648 is out of range \(1 to 1073741824\)"):
-            dev.shift_dr(1, 0, 2**31)
+        raised(ValueError, dev.shift_dr, 1, 0, 2**31, match=r"data register bits: 2147483648 is out of range \(1 to 1073741824\)")
         peak = tracemalloc.get_traced_memory()[1]
         tracemalloc.stop()
         assert peak < 1 << 20
-        with pytest.raises(ValueError):
-            dev.shift_dr(1, 0, 0)
+        raised(ValueError, dev.shift_dr, 1, 0, 0)
         assert dev.shift_ir(1, 0x01) == 0x01  # nothing of that reached the chain
 
 
@@ -260,23 +237,19 @@ def test_usercode_drive_connect_and_the_default_bsdl_path(tmp_path, monkeypatch)
         assert dev.usercode(1) == kelvorn.Usercode(device=1, usercode=0x12345678)
         assert dev.usercode("kv_cpld64").usercode == 0xcafe0001
         # Found in a directory, not given: EXTEST is refused before any pin moves.
-        with pytest.raises(kelvorn.DriveRefused, match="device 0's BSDL file was found, not given"):
-            dev.drive(0, {"led": 1})
-        with pytest.raises(kelvorn.DriveRefused, match="connect refused"):
-            dev.connect("0.led", "1.SW(1)")
+        raised(kelvorn.DriveRefused, dev.drive, 0, {"led": 1}, match="device 0's BSDL file was found, not given")
+        raised(kelvorn.DriveRefused, dev.connect, "0.led", "1.SW(1)", match="connect refused")
         dev.add_bsdl(BSDL / "kv_cpld64.bsd")  # given now
         drive = dev.drive("kv_cpld64", {"led": 1, "d(2)": 0, "d(3)": "1", "d(1)": "z"}, hold=0)
         assert drive == kelvorn.Drive(device=0, driving={"led": 1, "d(2)": 0, "d(3)": 1}, two_state_at_safe_level=[],
                                       hold_s=0.0)
-        with pytest.raises(kelvorn.DriveRefused, match=r"d\(2\) shares control cell 7 with d\(3\), not named"):
-            dev.drive(0, {"d(2)": 0})
+        raised(kelvorn.DriveRefused, dev.drive, 0, {"d(2)": 0}, match=r"d\(2\) shares control cell 7 with d\(3\), not named")
         net = dev.connect("0.led", "KV_FPGA6.SW(1)")
         assert (net.from_, net.to, net.result, net.connected, net["from"]) == ("0.led", "1.SW(1)", "connected", True,
                                                                               "0.led")
-        with pytest.raises(kelvorn.NotConnected) as caught:
-            dev.connect("0.led", "1.SW(2)")
-        assert caught.value.status == kelvorn.E_NOT_CONNECTED and caught.value.message == "0.led -> 1.SW(2): stuck-0"
-        assert caught.value.connect == kelvorn.Connect(from_="0.led", to="1.SW(2)", result="stuck-0")
+        e = raised(kelvorn.NotConnected, dev.connect, "0.led", "1.SW(2)")
+        assert said(e) == (kelvorn.E_NOT_CONNECTED, "0.led -> 1.SW(2): stuck-0")
+        assert e.connect == kelvorn.Connect(from_="0.led", to="1.SW(2)", result="stuck-0")
     # A drive held until release(): the hold is null, and the device answers again after it.
     with kelvorn.open(FPGA, ADDRESS, sim=NETS, bsdl_path=str(BSDL), i_know_the_board=True) as dev:
         held = dev.drive(1, {"OUT0": 1})
@@ -292,31 +265,23 @@ def test_usercode_drive_connect_and_the_default_bsdl_path(tmp_path, monkeypatch)
     with kelvorn.open(FPGA, ADDRESS, sim=NETS) as dev:
         assert dev.discover()[1].bsdl == str(tmp_path / "kelvorn" / "bsdl" / "KV_FPGA6.BSD")
         dev.set_bsdl_path([])  # none: the parts unknown, the names with them
-        with pytest.raises(kelvorn.BadArgument, match="no device on the chain is KV_FPGA6"):
-            dev.usercode("KV_FPGA6")
+        raised(kelvorn.BadArgument, dev.usercode, "KV_FPGA6", match="no device on the chain is KV_FPGA6")
         dev.set_bsdl_path(None)  # the default again
         assert dev.usercode("KV_FPGA6").usercode == 0x12345678
 
 
 def test_wrong_arguments_are_errors_of_the_package_or_type_errors():
     with kelvorn.open(FPGA, ADDRESS, sim=NETS, bsdl_path=str(BSDL)) as dev:
-        with pytest.raises(kelvorn.BadArgument, match="no device on the chain is STM32F407"):
-            dev.sample("STM32F407")
+        raised(kelvorn.BadArgument, dev.sample, "STM32F407", match="no device on the chain is STM32F407")
         for call in (lambda: dev.sample(1.5), lambda: dev.sample(None), lambda: dev.usercode(True),
                      lambda: dev.drive(0, ["led"]), lambda: dev.connect(0, "1.SW(1)"),
                      lambda: dev.play_bytes("STATE RESET;"), lambda: dev.play_bytes(b"", name=3),
                      lambda: dev.set_bsdl_path(7), lambda: kelvorn.open(None, ADDRESS, sim=NETS)):
-            with pytest.raises(TypeError) as caught:
-                call()
-            assert not isinstance(caught.value, ctypes.ArgumentError)
-        with pytest.raises(TypeError, match=r"a device is a position \(int\) or the entity name"):
-            dev.usercode(b"KV_FPGA6")
-        with pytest.raises(ValueError, match=r"led: a level is 0, 1 or 'z', not 2"):
-            dev.drive(0, {"led": 2})
-        with pytest.raises(ValueError, match="position: -1 is out of range"):
-            dev.usercode(-1)
-        with pytest.raises(ValueError, match="format"):
-            dev.play_bytes(b"", format="vhdl")
+            assert not isinstance(raised(TypeError, call), ctypes.ArgumentError)
+        raised(TypeError, dev.usercode, b"KV_FPGA6", match=r"a device is a position \(int\) or the entity name")
+        raised(ValueError, dev.drive, 0, {"led": 2}, match=r"led: a level is 0, 1 or 'z', not 2")
+        raised(ValueError, dev.usercode, -1, match="position: -1 is out of range")
+        raised(ValueError, dev.play_bytes, b"", format="vhdl", match="format")
         assert dev.usercode(1).usercode == 0x12345678  # none of that reached the chain
 
 
@@ -337,7 +302,5 @@ def test_board_test_names_the_faults_the_command_line_names(tmp_path):
         assert (ext0["class"], ext0.result, ext0.reason, ext0.pins) == ("untestable", "untestable",
                                                                          "one boundary-scan pin", ["J1.1", "U1.19"])
         assert (tmp_path / "result.xml").read_text().count("<testcase ") == 22
-        with pytest.raises(kelvorn.BadNetlist, match=r"no net touches U7"):
-            dev.test(data / "netlist" / "board.txt", parts={"U7": 0})
-        with pytest.raises(TypeError):
-            dev.test(data / "netlist" / "board.txt", parts={"U1": 1.5})  # type: ignore[dict-item]
+        raised(kelvorn.BadNetlist, dev.test, data / "netlist" / "board.txt", parts={"U7": 0}, match=r"no net touches U7")
+        raised(TypeError, dev.test, data / "netlist" / "board.txt", parts={"U1": 1.5})
