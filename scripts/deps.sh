@@ -12,11 +12,12 @@ set -euo pipefail
 # the tests of the units and the packages;
 # python3, python3-pytest and mypy: the Python package, its tests and its types;
 # libcpp-httplib-dev: kelvorn-chain view's HTTP server; chromium, chromium-driver
-# and python3-selenium: the test of its page in a real browser.
+# and python3-selenium: the test of its page in a real browser; curl and jq: its
+# API read from the shell.
 pkgs=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev util-linux
       pkg-config dpkg-dev file openocd openfpgaloader go-md2man man-db bash-completion
       libsystemd-dev nlohmann-json3-dev systemd lintian python3 python3-pytest mypy
-      libcpp-httplib-dev chromium chromium-driver python3-selenium)
+      libcpp-httplib-dev chromium chromium-driver python3-selenium curl jq)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

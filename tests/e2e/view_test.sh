@@ -123,6 +123,9 @@ driving after: {\"0\": {\"io(5)\": \"1\", \"led\": \"0\"}}" "100 streams and 100
 0.io(5) 1" "Ctrl-C while driving: status 0, the pins the boundary register drove"
   expect_eq "$(vcd_end "$d/drive.vcd" C M I S3 S2 S1 S0)" "zC zM zI 0S3 0S2 0S1 0S0" "Ctrl-C while driving: released, Test-Logic-Reset"
 fi
+# An address that is not this machine's: status 10, the reason, JSON on stdout.
+expect_out 10 '{"status":10,"error":"view: cannot listen on 192.0.2.1:9: Cannot assign requested address"}' \
+  "an address that cannot be listened on" kelvorn-sim --chain "bsdl=$bsdl/kv_io48.bsd" chain --json rotanMotub 0000:03:00.0 view --listen 192.0.2.1:9
 expect_eq "$(ls "$(e2e_lock_dir)")" "" "no lock under /var/lock"
 
 e2e_done
