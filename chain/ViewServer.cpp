@@ -190,7 +190,7 @@ void ViewServer::Impl::routes() {
     server.Get(root + "api/events", [this](const httplib::Request&, httplib::Response& res) { stream(res); });
     server.Post(root + "api/drive", [this](const httplib::Request& req, httplib::Response& res) {
         Json q = Json::parse(req.body, nullptr, false);
-        const char* wants = "wants {\"position\":N,\"port\":\"NAME\",\"level\":\"0\"|\"1\"|\"z\"}";
+        const char* wants = "wants a JSON object: position (a number), port (a name), level (0, 1 or z, as a string)";
         if (!q.is_object() || !q.contains("position") || !q["position"].is_number_unsigned() ||
             !q.contains("port") || !q["port"].is_string() || !q.contains("level") || !q["level"].is_string())
             return answer(res, 400, Json{{"status", jtag::kChainUsage}, {"error", wants}});
