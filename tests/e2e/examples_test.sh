@@ -3,9 +3,10 @@
 # the simulated board, with build/bin on PATH, each block in a directory of
 # its own: each command ends with status 0 (an example shows another status
 # with '; echo "status $?"'), and where the doc prints output (the comment
-# lines right after a command, '# ' taken off) stdout is exactly that. A
-# block after a line '<!-- not run: why -->' is skipped; those are counted,
-# so one more does not slip in unnoticed.
+# lines right after a command, '# ' taken off) stdout is exactly that
+# (e2e_split, e2e_script and e2e_commands in lib.sh). A block after a line
+# '<!-- not run: why -->' is skipped; those are counted, so one more does
+# not slip in unnoticed.
 source "$(dirname "$0")/lib.sh" "$1"
 
 # What the examples read besides the files they make: the BSDL files the
@@ -40,44 +41,6 @@ blocks() {  # file
     { if (inside) stop() }' "$1"
 }
 
-# Turns a block into a script that runs each command (continuation lines
-# joined) and leaves its stdout, stderr and status in .N.out, .N.err and
-# .N.status, and into .N.cmd and .N.want (the output the doc prints).
-script() {  # dir < block lines
-  local dir=$1 n=0 line cmd=""
-  echo "cd '$dir'"
-  while IFS= read -r line; do
-    if [ -n "$cmd" ]; then
-      cmd+=$'\n'$line
-    elif [[ $line == "#"* ]]; then
-      [ "$line" = "#" ] && line="" || line=${line#"# "}
-      printf '%s\n' "$line" >>"$dir/.$n.want"
-      continue
-    else
-      cmd=$line
-    fi
-    [[ $cmd == *\\ ]] && continue
-    n=$((n + 1))
-    printf '%s\n' "$cmd" >"$dir/.$n.cmd"
-    printf '{ %s\n} >.%d.out 2>.%d.err; echo $? >.%d.status\n' "$cmd" "$n" "$n" "$n"
-    cmd=""
-  done
-}
-
-check_block() {  # name dir
-  local name=$1 dir=$2 i=1
-  expect_err 0 "" "$name: the block runs to its end" /bin/bash "$dir/.script"
-  while [ -f "$dir/.$i.cmd" ]; do
-    local what="$name, command $i: $(head -n1 "$dir/.$i.cmd")"
-    expect_eq "$(cat "$dir/.$i.status" 2>/dev/null)" 0 "$what: status"
-    [ "$(cat "$dir/.$i.status" 2>/dev/null)" = 0 ] || sed 's/^/  stderr: /' "$dir/.$i.err" 2>/dev/null
-    if [ -f "$dir/.$i.want" ]; then
-      expect_eq "$(cat "$dir/.$i.out")" "$(cat "$dir/.$i.want")" "$what: output"
-    fi
-    i=$((i + 1))
-  done
-}
-
 docs=("$src/README.md" "$src"/docs/man/*.md)
 ran=0
 skipped=()
@@ -95,10 +58,12 @@ for doc in "${docs[@]}"; do
       continue
     fi
     k=$((k + 1))
-    dir=$E2E_DIR/ex/$k
-    mkdir -p "$dir"
-    tail -n +2 "$f" | script "$dir" >"$dir/.script"
-    check_block "${head#@@ block }" "$dir"
+    dir=$E2E_DIR/ex/$k rec=$E2E_DIR/rec/$k  # where it runs, and its records
+    mkdir -p "$dir" "$rec"
+    tail -n +2 "$f" | e2e_split "$rec" >/dev/null
+    { echo "cd '$dir'"; e2e_script "$rec"; } >"$rec/script"
+    expect_err 0 "" "${head#@@ block }: the block runs" /bin/bash "$rec/script"
+    e2e_commands "${head#@@ block }" "$rec"
     ran=$((ran + 1))
   done
 done

@@ -124,6 +124,50 @@ e2e_await() {  # pid script what file...
 # Registers at the offsets, read with rd8/rd32, on one line: regs rd32 FILE OFFSET...
 regs() { local rd=$1 file=$2 off; shift 2; for off; do "$rd" "$file" "$off"; done | paste -sd' '; }
 
+# A shell example of a document, run command by command as printed.
+# e2e_split DIR <EXAMPLE: its commands, DIR/cmd.N (a command goes on over lines
+# until bash parses it whole), and what the document shows each one print,
+# DIR/want.N (the comment lines right after it, "# " taken off); prints the count.
+e2e_split() {
+  local line cmd="" n=0 output=0
+  while IFS= read -r line || [ -n "$line" ]; do
+    if [ -z "$cmd" ] && [[ $line =~ ^[[:space:]]*(#|$) ]]; then
+      [[ $line == '#'* ]] || output=0
+      ((output)) && { line=${line#'#'}; printf '%s\n' "${line# }" >>"$1/want.$n"; }
+      continue
+    fi
+    cmd+=${cmd:+$'\n'}$line
+    [[ $cmd == *\\ ]] && continue
+    [ -z "$(bash -n <<<"$cmd" 2>&1)" ] || continue
+    n=$((n + 1))
+    printf '%s\n' "$cmd" >"$1/cmd.$n"
+    cmd="" output=1
+  done
+  [ -z "$cmd" ] || printf 'the example ends inside a command: %s\n' "$cmd" >&2
+  echo "$n"
+}
+# e2e_script DIR [2>&1]: the commands one after the other, until one fails;
+# each one's stdout (with 2>&1 its stderr too, as a terminal shows them) in
+# DIR/out.N, its stderr otherwise in DIR/err.N, its status in DIR/status.N.
+e2e_script() {
+  local i err
+  for ((i = 1; i <= $(ls "$1" | grep -c '^cmd\.'); i++)); do
+    err=${2:-2>$(printf %q "$1/err.$i")}
+    printf '{\n%s\n} >%q %s </dev/null; s=$?; echo $s >%q; [ $s = 0 ] || exit 0\n' \
+      "$(cat "$1/cmd.$i")" "$1/out.$i" "$err" "$1/status.$i"
+  done
+}
+# e2e_commands WHAT DIR: every command ran, with status 0 and the output shown.
+e2e_commands() {
+  local i
+  for ((i = 1; i <= $(ls "$2" | grep -c '^cmd\.'); i++)); do
+    local what="$1, command $i: $(head -n1 "$2/cmd.$i")"
+    expect_eq "$(cat "$2/status.$i" 2>/dev/null || echo 'not run')" 0 "$what: status"
+    [ "$(cat "$2/status.$i" 2>/dev/null)" = 0 ] || sed 's/^/  | /' "$2/out.$i" "$2/err.$i" 2>/dev/null
+    [ ! -f "$2/want.$i" ] || expect_eq "$(cat "$2/out.$i")" "$(cat "$2/want.$i")" "$what: output"
+  done
+}
+
 expect_eq() {  # actual expected what
   if [ "$1" == "$2" ]; then
     E2E_PASSED=$((E2E_PASSED + 1))

@@ -3,12 +3,10 @@
 # its usr/bin first on PATH and its libraries on LD_LIBRARY_PATH; there the
 # installed kelvorn-chain finds the installed BSDL files, and the README's
 # first session (the ```sh block after the line <!-- first-session -->)
-# runs command by command, in the namespace of the other end-to-end runs.
-# Without that line in the README the session is skipped (status 77), once
-# the rest has passed. KELVORN_README names another README.
+# runs command by command (e2e_split, e2e_script and e2e_commands in lib.sh),
+# in the namespace of the other end-to-end runs.
 source "$(dirname "$0")/lib.sh" "$1"
 
-readme=${KELVORN_README:-$src/README.md}
 libdir=$(cache CMAKE_INSTALL_LIBDIR)
 version=$(cache CMAKE_PROJECT_VERSION)
 
@@ -98,78 +96,12 @@ first_session() {  # readme
        END { exit state != 3 }' "$1"
 }
 
-# Splits a session into whole commands, dir/cmd.N (a command goes on over
-# lines until bash parses it whole: a backslash, an open quote or an array
-# across lines), and what each prints, dir/want.N. In a transcript, where
-# commands start with "$ ", that is the lines up to the next command. In a
-# script it is the comment lines right after the command ("# " taken off);
-# other comments and blank lines are skipped. Prints the count.
-split_session() {  # block dir
-  local line cmd="" n=0 transcript=0 output=0
-  grep -q '^\$ ' "$1" && transcript=1
-  while IFS= read -r line || [ -n "$line" ]; do
-    if [ -z "$cmd" ]; then
-      if ((transcript)) && [[ $line != '$ '* ]]; then
-        ((n)) && printf '%s\n' "$line" >>"$2/want.$n"
-        continue
-      fi
-      if ((!transcript)) && [[ $line =~ ^[[:space:]]*(#|$) ]]; then
-        [[ $line == '#'* ]] || output=0
-        ((output)) && { line=${line#'#'}; printf '%s\n' "${line# }" >>"$2/want.$n"; }
-        continue
-      fi
-      cmd=${line#'$ '}
-    else
-      cmd+=$'\n'$line
-    fi
-    [[ $cmd == *\\ ]] && continue
-    [ -z "$(bash -n <<<"$cmd" 2>&1)" ] || continue
-    n=$((n + 1))
-    printf '%s\n' "$cmd" >"$2/cmd.$n"
-    : >"$2/want.$n"
-    cmd="" output=1
-  done <"$1"
-  [ -z "$cmd" ] || printf 'the session ends inside a command: %s\n' "$cmd" >&2
-  echo "$n"
-}
-
-# Runs a session's commands one after the other in one bash, in the work
-# directory, as a user of the staged root, until one fails; prints one line
-# a command run, "N: status S", and "N: prints otherwise" where the output
-# shown (stdout and stderr, as a terminal shows them) differs, with a diff.
-run_session() {  # block
-  local dir n i
-  dir=$(mktemp -d "$E2E_DIR/session.XXXXXX")
-  n=$(split_session "$1" "$dir")
-  {
-    for ((i = 1; i <= n; i++)); do
-      printf '{\n%s\n} >%q 2>&1 </dev/null; s=$?; echo $s >%q; [ $s = 0 ] || exit 0\n' \
-        "$(cat "$dir/cmd.$i")" "$dir/out.$i" "$dir/status.$i"
-    done
-  } >"$dir/run.sh"
-  as_user bash "$dir/run.sh"
-  for ((i = 1; i <= n; i++)); do
-    [ -e "$dir/status.$i" ] || break
-    echo "$i: status $(cat "$dir/status.$i")"
-    if { grep -q '^\$ ' "$1" || [ -s "$dir/want.$i" ]; } && [ "$(cat "$dir/out.$i")" != "$(cat "$dir/want.$i")" ]; then
-      echo "$i: prints otherwise"
-      diff "$dir/want.$i" "$dir/out.$i" | sed 's/^/  /'
-    fi
-    [ "$(cat "$dir/status.$i")" = 0 ] || { echo "  $(cat "$dir/cmd.$i")"; sed 's/^/  | /' "$dir/out.$i"; }
-  done
-}
-
-if ! grep -qxF '<!-- first-session -->' "$readme"; then
-  if [ "$E2E_FAILED" != 0 ]; then e2e_done; exit 1; fi
-  echo "$E2E_PASSED passed; skipped the first session: $readme has no line <!-- first-session --> before a \`\`\`sh block"
-  exit 77
-fi
-first_session "$readme" >"$E2E_DIR/first.sh"
-expect_eq "$?" 0 "$readme: a \`\`\`sh block follows <!-- first-session -->"
-rm -rf "$work" && mkdir -p "$work"
-report=$(run_session "$E2E_DIR/first.sh")
-commands=$(split_session "$E2E_DIR/first.sh" "$(mktemp -d "$E2E_DIR/split.XXXXXX")")
-expect_eq "$report" "$(for ((i = 1; i <= commands; i++)); do echo "$i: status 0"; done)" \
-  "the README's first session, $commands commands, on the installed packages"
+first_session "$src/README.md" >"$E2E_DIR/first.sh"
+expect_eq "$?" 0 "README.md: a \`\`\`sh block follows <!-- first-session -->"
+rm -rf "$work" && mkdir -p "$work" "$E2E_DIR/first"
+commands=$(e2e_split "$E2E_DIR/first" <"$E2E_DIR/first.sh")
+e2e_script "$E2E_DIR/first" '2>&1' >"$E2E_DIR/first/script"
+as_user bash "$E2E_DIR/first/script"
+e2e_commands "the README's first session ($commands commands) on the installed packages" "$E2E_DIR/first"
 
 e2e_done
