@@ -7,18 +7,11 @@
 source "$(dirname "$0")/lib.sh" "$1"
 
 consumer_src=$(cd "$(dirname "$0")/consumer" && pwd)
-cc=$(cache CMAKE_C_COMPILER)
-libdir=$(cache CMAKE_INSTALL_LIBDIR)
 config=$(cache CMAKE_BUILD_TYPE | tr '[:upper:]' '[:lower:]')
-# Programs that link a sanitized library are sanitized too (the runtime comes first).
-sanitize=()
-[ "$(cache KELVORN_SANITIZE)" = ON ] && sanitize=(-fsanitize=address,undefined)
 
 # ---- the installed tree ----
 
-stage=$E2E_DIR/stage
-cmake --install "$E2E_BUILD" --prefix "$stage" >"$E2E_DIR/install.log" 2>&1
-expect_eq "$?" 0 "cmake --install: status"
+e2e_stage
 installed() { (cd "$stage" && find . ! -type d \( -type l -printf '%P -> %l\n' -o -printf '%P\n' \) | sort); }
 # Each Debian package's documents; the programs' pages and completion; the simulated parts' files.
 packages="kelvorn kelvorn-sim libxilinx-dev libxilinx1 libkelvorn-dev libkelvorn-sim1 libkelvorn1 python3-kelvorn"
@@ -55,8 +48,7 @@ done
 so=$stage/$libdir/libxilinx.so.1
 functions=$(sed -nE 's/^[a-zA-Z].*[ *](XilIntf_[A-Za-z]+)\(.*/\1/p' "$stage/include/kelvorn/XilIntfC.h" | sort)
 expect_eq "$(grep -cx XilIntf_bySystem <<<"$functions")" 1 "the header's declarations found"
-expect_eq "$(nm -D --defined-only "$so" | awk '{print $3}' | sort)" "$functions" "shared library exports exactly the header's functions"
-expect_eq "$(readelf -d "$so" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')" libxilinx.so.1 "SONAME"
+e2e_exports "$so" "$functions" libxilinx.so.1
 expect_eq "$(nm -A "$so" "$stage/$libdir/libxilinx.a" 2>/dev/null | grep -c Fake)" 0 "no test double in the libraries"
 
 # ---- programs built against the staged prefix ----
@@ -68,41 +60,23 @@ expect_eq "$(echo $cflags $libs)" "-I$stage/include -L$stage/$libdir -lxilinx" "
 static_libs=$(pkg-config --static --libs xilinx)
 expect_eq "$(echo $static_libs)" "-L$stage/$libdir -lxilinx -lstdc++" "pkg-config --static --libs"
 
-build_c() {  # output, then compiler arguments after the source
-  local out=$1; shift
-  "$cc" "${sanitize[@]}" -std=c99 -pedantic -Wall -Wextra -Werror -o "$out" "$consumer_src/consumer.c" "$@" \
-    >"$E2E_DIR/cc.log" 2>&1 || cat "$E2E_DIR/cc.log"
-}
-build_c "$E2E_DIR/pc_shared" $cflags $libs -Wl,-rpath,"$stage/$libdir"
+e2e_cc "$E2E_DIR/pc_shared" "$consumer_src/consumer.c" $cflags $libs -Wl,-rpath,"$stage/$libdir"
 # -l:libxilinx.a: the archive although the shared library sits beside it.
-build_c "$E2E_DIR/pc_static" $cflags ${static_libs/-lxilinx/-l:libxilinx.a}
-
-cmake -S "$consumer_src" -B "$E2E_DIR/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$stage" \
-  -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$(cache CMAKE_CXX_COMPILER)" \
-  -DCMAKE_C_FLAGS="${sanitize[*]}" -DCMAKE_EXE_LINKER_FLAGS="${sanitize[*]}" >"$E2E_DIR/cmake.log" 2>&1 &&
-  cmake --build "$E2E_DIR/cmake" >>"$E2E_DIR/cmake.log" 2>&1 || cat "$E2E_DIR/cmake.log"
+e2e_cc "$E2E_DIR/pc_static" "$consumer_src/consumer.c" $cflags ${static_libs/-lxilinx/-l:libxilinx.a}
+e2e_cmake "$consumer_src" "$E2E_DIR/cmake"
 expect_eq "$(sed -n 's/^kelvorn_DIR:PATH=//p' "$E2E_DIR/cmake/CMakeCache.txt")" "$stage/$libdir/cmake/kelvorn" \
   "find_package: the staged package"
 
-needed() { readelf -d "$1" 2>/dev/null | sed -n 's/.*(NEEDED).*\[\(libxilinx.*\)\]/\1/p'; }
 expect_eq "$(needed "$E2E_DIR/pc_shared") $(needed "$E2E_DIR/cmake/consumer")" "libxilinx.so.1 libxilinx.so.1" \
   "shared consumers need libxilinx.so.1"
 expect_eq "$(needed "$E2E_DIR/pc_static")$(needed "$E2E_DIR/cmake/consumer_static")" "" "static consumers need no libxilinx"
 
-# Each one, in test mode, on rotanMotub's pins of the second GPIO group:
-# TCK 21 (bit 5), TDO 19 (bit 3), TMS 20 (bit 4), TDI 18 (bit 2).
-# Registers: direction (two bits a GPIO) 0x630, input data 0x640, output data 0x648.
-regfile=$(e2e_tmp_dir)/xilinxTestMemMapFile
+# Each one, in test mode, on rotanMotub's register file (TMS and TDI high
+# before select): select drove TMS and TDI low, TCK stays high.
 for prog in pc_shared pc_static cmake/consumer cmake/consumer_static; do
-  rm -f "$regfile" "$(e2e_tmp_dir)/xilinxTestLockFile"
-  truncate -s 4096 "$regfile"
-  wr32 "$regfile" 0x630 0x80000000  # GPIO 31 an output, not the consumer's
-  wr32 "$regfile" 0x640 0x8         # TDO high
-  wr32 "$regfile" 0x648 0x8014      # GPIO 31 high; TMS and TDI high before select
+  e2e_rotan_regfile 0x8014
   expect_run 0 "tdo 1" "" "$prog" "$E2E_DIR/$prog"
-  # Select drove TMS and TDI low, TCK stays high; cleanup made the pins inputs again.
-  expect_eq "$(regs rd32 "$regfile" 0x630 0x648)" "0x80000000 0x8020" "$prog: registers after cleanup"
-  expect_eq "$(ls "$(e2e_tmp_dir)" "$(e2e_lock_dir)" | grep -c xilinxTestLockFile)" 1 "$prog: the test lock file, nothing in /var/lock"
+  e2e_rotan_after 0x8020 "$prog"
 done
 
 # ---- the Debian packages ----

@@ -124,6 +124,52 @@ e2e_await() {  # pid script what file...
 # Registers at the offsets, read with rd8/rd32, on one line: regs rd32 FILE OFFSET...
 regs() { local rd=$1 file=$2 off; shift 2; for off; do "$rd" "$file" "$off"; done | paste -sd' '; }
 
+# The build installed as its users get it: e2e_stage installs it under
+# $stage ($libdir its library directory) and sets $cc, the build's C compiler,
+# and $sanitize, the flags a program that links a sanitized library needs too.
+e2e_stage() {
+  stage=$E2E_DIR/stage libdir=$(cache CMAKE_INSTALL_LIBDIR) cc=$(cache CMAKE_C_COMPILER) sanitize=()
+  [ "$(cache KELVORN_SANITIZE)" = ON ] && sanitize=(-fsanitize=address,undefined)
+  cmake --install "$E2E_BUILD" --prefix "$stage" >"$E2E_DIR/install.log" 2>&1
+  expect_eq "$?" 0 "cmake --install: status"
+}
+# A C program of the test's own built with that compiler: e2e_cc OUT SOURCE ARGS...
+e2e_cc() {
+  "$cc" "${sanitize[@]}" -std=c99 -pedantic -Wall -Wextra -Werror -o "$@" >"$E2E_DIR/cc.log" 2>&1 || cat "$E2E_DIR/cc.log"
+}
+# A CMake project of the test's own configured on the staged prefix alone, and built.
+e2e_cmake() {  # source build
+  cmake -S "$1" -B "$2" -G Ninja -DCMAKE_PREFIX_PATH="$stage" -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF \
+    -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$(cache CMAKE_CXX_COMPILER)" -DCMAKE_C_FLAGS="${sanitize[*]}" \
+    -DCMAKE_EXE_LINKER_FLAGS="${sanitize[*]}" >"$E2E_DIR/cmake.log" 2>&1 &&
+    cmake --build "$2" >>"$E2E_DIR/cmake.log" 2>&1 || cat "$E2E_DIR/cmake.log"
+}
+# A shared library exports exactly FUNCTIONS (sorted) under its SONAME.
+e2e_exports() {  # library functions soname
+  expect_eq "$(nm -D --defined-only "$1" | awk '{print $3}' | sort)" "$2" "${1##*/}: exports exactly the header's functions"
+  expect_eq "$(readelf -d "$1" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')" "$3" "${1##*/}: SONAME"
+}
+# The project's libraries a program needs, by SONAME.
+needed() { readelf -d "$1" 2>/dev/null | sed -n 's/.*(NEEDED).*\[\(lib\(xilinx\|kelvorn\).*\)\]/\1/p'; }
+# In test mode a backend maps $regfile: rotanMotub's, a PEX 8600 whose
+# second GPIO group has TCK 21 (bit 5), TDO 19 (bit 3), TMS 20 (bit 4) and
+# TDI 18 (bit 2); direction 0x630 (two bits a GPIO), input data 0x640, output
+# data 0x648. It starts with GPIO 31 an output (not the device's) and high,
+# TDO high, and the output data given.
+e2e_rotan_regfile() {  # output-data
+  regfile=$(e2e_tmp_dir)/xilinxTestMemMapFile
+  rm -f "$regfile" "$(e2e_tmp_dir)/xilinxTestLockFile"
+  truncate -s 4096 "$regfile"
+  wr32 "$regfile" 0x630 0x80000000
+  wr32 "$regfile" 0x640 0x8
+  wr32 "$regfile" 0x648 "$1"
+}
+# After a run in test mode: the registers left, and the lock taken in the test lock file, never under /var/lock.
+e2e_rotan_after() {  # output-data what
+  expect_eq "$(regs rd32 "$regfile" 0x630 0x648)" "0x80000000 $1" "$2: the pins inputs again after the clean-up"
+  expect_eq "$(ls "$(e2e_tmp_dir)" "$(e2e_lock_dir)" | grep -c xilinxTestLockFile)" 1 "$2: the test lock file, nothing in /var/lock"
+}
+
 # A shell example of a document, run command by command as printed.
 # e2e_split DIR <EXAMPLE: its commands, DIR/cmd.N (a command goes on over lines
 # until bash parses it whole), and what the document shows each one print,

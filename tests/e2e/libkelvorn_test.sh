@@ -9,14 +9,13 @@
 # pytest suite runs against the staged Python package.
 source "$(dirname "$0")/lib.sh" "$1"
 
-cc=$(cache CMAKE_C_COMPILER)
-libdir=$(cache CMAKE_INSTALL_LIBDIR)
+e2e_stage
+lib=$stage/$libdir
+header=$stage/include/kelvorn/kelvorn.h
 # Programs that load a sanitized library need its runtime first.
-sanitize=()
 run_env=()
 c_env=()
 if [ "$(cache KELVORN_SANITIZE)" = ON ]; then
-  sanitize=(-fsanitize=address,undefined)
   # libstdc++ with it: the runtime finds the C++ throw it intercepts only
   # in what is loaded with it, and the Python interpreter does not link it.
   # No leak check there: the interpreter leaves much of its own behind at exit.
@@ -28,32 +27,20 @@ if [ "$(cache KELVORN_SANITIZE)" = ON ]; then
   c_env=(ASAN_OPTIONS=detect_leaks=1 LSAN_OPTIONS=suppressions=$E2E_DIR/lsan.supp:print_suppressions=0)
 fi
 
-stage=$E2E_DIR/stage
-cmake --install "$E2E_BUILD" --prefix "$stage" >"$E2E_DIR/install.log" 2>&1
-expect_eq "$?" 0 "cmake --install: status"
-lib=$stage/$libdir
-header=$stage/include/kelvorn/kelvorn.h
-
 # ---- what the libraries export ----
 
 functions=$(sed -nE 's/^(int|const char\*) (kv_[a-z_]+)\(.*/\2/p' "$header" | sort)
 expect_eq "$(wc -l <<<"$functions")" 22 "the header's functions found"
-for so in libkelvorn libkelvorn-sim; do
-  expect_eq "$(nm -D --defined-only "$lib/$so.so.1" | awk '{print $3}' | sort)" "$functions" "$so: exports exactly the header's functions"
-  expect_eq "$(readelf -d "$lib/$so.so.1" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')" "$so.so.1" "$so: SONAME"
-done
+for so in libkelvorn libkelvorn-sim; do e2e_exports "$lib/$so.so.1" "$functions" "$so.so.1"; done
 
 export PKG_CONFIG_PATH=$lib/pkgconfig
 expect_eq "$(echo $(pkg-config --cflags --libs kelvorn))" "-I$stage/include -L$lib -lkelvorn" "pkg-config kelvorn"
 expect_eq "$(echo $(pkg-config --cflags --libs kelvorn-sim))" "-I$stage/include -L$lib -lkelvorn-sim" "pkg-config kelvorn-sim"
 
-build() {  # output package: tests/c/kelvorn_test.c against the prefix alone
-  "$cc" "${sanitize[@]}" -std=c99 -pedantic -Wall -Wextra -Werror -o "$1" "$src/tests/c/kelvorn_test.c" \
-    $(pkg-config --cflags --libs "$2") -Wl,-rpath,"$lib" >"$E2E_DIR/cc.log" 2>&1 || cat "$E2E_DIR/cc.log"
-}
-build "$E2E_DIR/on_hw" kelvorn
-build "$E2E_DIR/on_sim" kelvorn-sim
-needed() { readelf -d "$1" | sed -n 's/.*(NEEDED).*\[\(libkelvorn.*\)\]/\1/p'; }
+# tests/c/kelvorn_test.c against the prefix alone, once for each library.
+for p in kelvorn:on_hw kelvorn-sim:on_sim; do
+  e2e_cc "$E2E_DIR/${p#*:}" "$src/tests/c/kelvorn_test.c" $(pkg-config --cflags --libs "${p%:*}") -Wl,-rpath,"$lib"
+done
 expect_eq "$(needed "$E2E_DIR/on_hw") $(needed "$E2E_DIR/on_sim")" "libkelvorn.so.1 libkelvorn-sim.so.1" "the programs' libraries"
 
 # ---- on the simulated board ----
@@ -103,23 +90,17 @@ second open: locked: Lock file is locked by another process.
 discover: ok: $discovery" "libkelvorn-sim under the program built for libkelvorn"
 
 # libkelvorn-sim.so.1 that is the hardware library: the simulator's program
-# opens the device in test mode, on rotanMotub's register file: TCK 21,
-# TDO 19, TMS 20, TDI 18 of the second GPIO group; direction 0x630 (two
-# bits a GPIO), input data 0x640, output data 0x648. No device drives TDO
-# (high); the discovery finds the chain dead and leaves TMS and TDI high, TCK
-# low (so the pins were driven); the close makes them inputs again.
-regfile=$(e2e_tmp_dir)/xilinxTestMemMapFile
-truncate -s 4096 "$regfile"
-wr32 "$regfile" 0x630 0x80000000  # GPIO 31 an output, not the device's
-wr32 "$regfile" 0x640 0x8         # TDO high
-wr32 "$regfile" 0x648 0x8000      # GPIO 31 high; TCK, TMS and TDI low
+# opens the device in test mode, on rotanMotub's register file (TCK, TMS and
+# TDI low). No device drives TDO (high); the discovery finds the chain dead
+# and leaves TMS and TDI high, TCK low (so the pins were driven); the close
+# makes them inputs again.
+e2e_rotan_regfile 0x8000
 expect_out 0 "configure: sim: this is libkelvorn, which drives real boards: load libkelvorn-sim.so.1 to simulate one
 open: ok
 second open: locked: Lock file is locked by another process.
 discover: dead chain: TDO stuck at 1: no device drives it (a pull-up only); check the devices' power, that TCK and TMS reach them, and the TDO wiring" \
   "libkelvorn under the program built for libkelvorn-sim, in test mode" /usr/bin/env "${c_env[@]}" LD_LIBRARY_PATH="$E2E_DIR/swap-hw" "$E2E_DIR/on_sim" "--chain 0x1:8" rotanMotub 0000:03:00.0
-expect_eq "$(regs rd32 "$regfile" 0x630 0x648)" "0x80000000 0x8014" "test mode: the pins inputs again after the close"
-expect_eq "$(ls "$(e2e_tmp_dir)" "$(e2e_lock_dir)" | grep -c xilinxTestLockFile)" 1 "test mode: the test lock file, nothing in /var/lock"
+e2e_rotan_after 0x8014 "test mode"
 
 # ---- find_package(kelvorn): kelvorn::kelvorn and kelvorn::kelvorn_sim ----
 
@@ -133,9 +114,7 @@ target_link_libraries(on_hw PRIVATE kelvorn::kelvorn)
 add_executable(on_sim "$src/tests/c/kelvorn_test.c")
 target_link_libraries(on_sim PRIVATE kelvorn::kelvorn_sim)
 EOF
-cmake -S "$E2E_DIR/cmake-src" -B "$E2E_DIR/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$stage" -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF \
-  -DCMAKE_C_COMPILER="$cc" -DCMAKE_C_FLAGS="${sanitize[*]}" -DCMAKE_EXE_LINKER_FLAGS="${sanitize[*]}" >"$E2E_DIR/cmake.log" 2>&1 &&
-  cmake --build "$E2E_DIR/cmake" >>"$E2E_DIR/cmake.log" 2>&1 || cat "$E2E_DIR/cmake.log"
+e2e_cmake "$E2E_DIR/cmake-src" "$E2E_DIR/cmake"
 expect_eq "$(needed "$E2E_DIR/cmake/on_hw") $(needed "$E2E_DIR/cmake/on_sim")" "libkelvorn.so.1 libkelvorn-sim.so.1" \
   "find_package: the two targets"
 out=$(env "${c_env[@]}" "$E2E_DIR/cmake/on_sim" "--cpu 0x16:0x30 --chain $chain" rotanMotub 0000:03:00.0 2>&1 | tail -n1)
