@@ -102,10 +102,7 @@ TEST_F(CaveCreek, TdiAndTmsSkipRepeatsTckAlwaysWrites) {
     intf->tdiIs(true);
     intf->tdiIs(true);
     intf->tmsIs(true);
-    ports.poke(0xf58c, 0x8);  // TDO is GPIO 3: bit 3 of bank 0
-    EXPECT_TRUE(intf->tdo());
-    ports.poke(0xf58c, ~0x8u);
-    EXPECT_FALSE(intf->tdo());
+    expectTdoFollows(ports, intf, 0xf58c, 0x8);  // TDO is GPIO 3: bit 3 of bank 0
     Accesses expected;  // aux 48 (bit 16) stays high
     expected.rmw(0xf58c, {0x0, 0x0}).rmw(0xf58c, {0x0, 0x0}).rmw(0xf5b8, {0x10000, 0x11000, 0x13000});
     EXPECT_THAT(ports.log(), ElementsAreArray(expected.read(0xf58c, 0x8).read(0xf58c, 0xfffffff7)));

@@ -99,10 +99,7 @@ TEST_F(CedarFork, PinOperationsChangeBit0AndTdoReadsBit1) {
     intf->tckIs(true);
     intf->tdiIs(true);
     intf->tmsIs(false);
-    regs.poke(0xC20B60, 0x2);
-    EXPECT_EQ(XilIntf_tdo(intf), 1);
-    regs.poke(0xC20B60, ~0x2u);
-    EXPECT_EQ(XilIntf_tdo(intf), 0);
+    expectTdoFollows(regs, intf, 0xC20B60, 0x2);
     Accesses expected;
     expected.rmw(0xC20B40, {0x200, 0x201}).rmw(0xC20B20, {0x200, 0x201}).rmw(0xC20B50, {0x200, 0x200});
     EXPECT_THAT(regs.log(), ElementsAreArray(expected.read(0xC20B60, 0x2).read(0xC20B60, 0xfffffffd)));

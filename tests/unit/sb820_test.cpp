@@ -63,9 +63,8 @@ TEST_F(Sb820, FactoryTestsThePlatformBeforeTheName) {
 
 TEST_F(Sb820, LockThenWindowOnResource5OrTheTestFile) {
     XilIntf_bySystem("komefi", 0, 0, 0, 0x1a, 0x14, 3);
-    XilIntf_testModeIs(1);
+    XilIntf_testModeIs(1);  // until the board goes
     XilIntf_bySystem("fodak", 0, 0, 0, 0, 0x14, 0);
-    XilIntf_testModeIs(0);
     EXPECT_THAT(board.eventsStartingWith("lock"),
                 ElementsAre("lock /var/lock/0_26_20_jtag", "lock /tmp/xilinxTestLockFile"));
     EXPECT_THAT(board.eventsStartingWith("window"),
@@ -92,19 +91,15 @@ TEST_F(Sb820, SelectDrivesOutputsThenLevelsBetweenTwoWaits) {
 TEST_F(Sb820, RepeatedLevelIsWrittenOnceTdoReadsBit7AndCleanupCounts) {
     XilIntf* intf = selected();
     TraceLevels levels(0x8 | 0x20);
-    ::testing::internal::CaptureStderr();
     for (int i = 0; i < 3; ++i) intf->tckIs(true);
-    regs.poke(0x13d, 0x80, 8);
-    EXPECT_EQ(XilIntf_tdo(intf), 1);
-    regs.poke(0x13d, 0x7f, 8);
-    EXPECT_EQ(XilIntf_tdo(intf), 0);
+    expectTdoFollows(regs, intf, 0x13d, 0x80, 8);
     EXPECT_THAT(takeLog(), ElementsAre("R8 0x1bd=0xb", "W8 0x1bd=0x4b", "R8 0x13d=0x80", "R8 0x13d=0x7f"));
     XilIntf_cleanup(intf, "fodak");
     Accesses expected(8);  // TCK and setup pin 60 were high
     expected.rmw(0x1bd, {0x4b, 0x6b}).rmw(0x1ab, {0xb, 0x2b}).rmw(0x131, {0xb, 0x2b});
     expected.rmw(0x13c, {0x4b, 0x6b}).rmw(0x129, {0xb, 0x2b}).rmw(0x132, {0xb, 0x2b});
     EXPECT_THAT(takeLog(), ElementsAreArray(expected));
-    EXPECT_THAT(::testing::internal::GetCapturedStderr(),
+    EXPECT_THAT(levels.text(),
                 ::testing::MatchesRegex("(Xilinx/3 [^\n]* tckIs: tckIs true\n){3}"
                                         "Xilinx/5 [^\n]* cleanup: jtag totals: tdo 2 tdi 0 tms 0 tck 1\n"));
 }
