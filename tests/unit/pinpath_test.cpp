@@ -93,12 +93,11 @@ TEST_P(PinPath, NoAllocationNoSystemCallNoOutput) {
     size_t events = board.events.size();
     ::testing::internal::CaptureStderr();
     counting = true;
-    int tdo = 0;
     for (int i = 0; i < 64; ++i) {
         XilIntf_tmsIs(intf, i & 4);
         XilIntf_tdiIs(intf, i & 2);
         XilIntf_tckIs(intf, 0);
-        tdo += XilIntf_tdo(intf);
+        XilIntf_tdo(intf);
         XilIntf_tckIs(intf, 1);
     }
     // The vector path too.
@@ -112,9 +111,7 @@ TEST_P(PinPath, NoAllocationNoSystemCallNoOutput) {
     EXPECT_EQ(allocations, 0u);
     EXPECT_EQ(board.events.size(), events);
     EXPECT_EQ(err, "");
-    EXPECT_GE(tdo, 0);
     XilIntf_cleanup(intf, c.device);
-    Ham::providerIs(nullptr);
 }
 
 // Callers select first; a player that does not still must not reach a
