@@ -270,7 +270,7 @@ TEST_F(Amd, AGpioIsAcceptedThroughAnyTableThatAllowsItsClassButDrivenOnlyWithARo
 
 // ---- the interface ----
 
-TEST_F(Amd, ManagesItsNamesOnlyOnItsPlatforms) {
+TEST_F(Amd, ManagesItsNamesOnlyOnItsPlatformsAndProbesThePinOfThePlatform) {
     EkabiniGpioFactory factory;
     board.cmdline = "console=ttyS0 platform=lubug";
     EXPECT_FALSE(factory.manages("fodak"));
@@ -281,9 +281,9 @@ TEST_F(Amd, ManagesItsNamesOnlyOnItsPlatforms) {
     board.cmdline = "console=ttyS0 platform=gozip";
     EXPECT_TRUE(factory.manages("fodak") && factory.manages("tumarScd"));
     EXPECT_FALSE(factory.manages("dizufCpld") || factory.manages("mukomSwitchMain") || factory.manages("Fodak"));
-}
+    board.events.clear();
 
-TEST_F(Amd, ProbePinFollowsThePlatform) {
+    // The pin it probes follows the platform.
     const char* const greps[] = {"mosavo", "gogos", "vadeku|maful", "mafulprime",
                                  "fezub|goneg|fetup|mupene|bameb|bugil|tabukccpu"};
     struct {
@@ -338,16 +338,14 @@ TEST_F(Amd, SelectAndCleanupOnKabiniInOrder) {
 
 // The aux levels of the names the factory takes open the simulated board's
 // multiplexers in simscan_test; "dizufCpld" is selectable but not taken.
-TEST_F(Amd, AuxLevelsOfASelectableNameTheFactoryDoesNotTake) {
+TEST_F(Amd, AuxLevelsOfASelectableNameTheFactoryDoesNotTakeAndASelectionForgetsTheAuxPinsOfTheOneBefore) {
     boardIs("mosavo", 0x17, 0x01);
     newIntf()->select("dizufCpld");
     EXPECT_EQ(level(0x1614), 0u);  // 69
     EXPECT_EQ(level(0x161C), 1u);  // 71
-}
 
-TEST_F(Amd, ASelectionForgetsTheAuxPinsOfTheOneBefore) {
     boardIs("telub", 0x19, 0x44);
-    EkabiniIntf* intf = newIntf();
+    EkabiniIntf* intf = newIntf(0x15);  // a device of its own: its own lock
     intf->select("telubSwitchMain");
     EXPECT_EQ(level(0x159C), 1u);  // 39 high
     window().clearLog();
