@@ -63,7 +63,7 @@ class Amd : public ::testing::Test {
 
 // ---- platform and processor ----
 
-TEST_F(Amd, PlatformClassComesFromTheFirstMatchInTestOrder) {
+TEST_F(Amd, PlatformClassComesFromTheFirstMatchInTestOrderAndAnUnknownOneIsReportedFirst) {
     const std::pair<const char*, int> cases[] = {
         {"maful", 0x02},  {"fezub platform=gozip", 0x01}, {"gogos", 0x10},     {"mubarplus", 0x01},
         {"pizagu", 0x08}, {"lubugx", 0x02},               {"mafulprime", 0x04}};
@@ -83,10 +83,9 @@ TEST_F(Amd, PlatformClassComesFromTheFirstMatchInTestOrder) {
     EXPECT_EQ(amd::validatePlatform(), 0x04);  // once detected: no shell, no window
     EXPECT_THAT(board.events, IsEmpty());
     EXPECT_EQ(board.hams.opened().size(), windows);
-}
 
-TEST_F(Amd, UnknownPlatformIsReportedBeforeTheProcessorOrDevMem) {
-    board.cmdline = "console=ttyS0 platform=zorro";
+    // An unknown platform is reported before the processor or /dev/mem.
+    boardIs("zorro", 0x16, 0x05);
     board.leaf0.eax = 0;  // would be "Unsupported family 0 model 0"
     board.devMemOpenErrno = EACCES;
     board.hams.decline("/dev/mem");
@@ -228,7 +227,7 @@ TEST_F(Amd, PadKindsChangeOnlyTheirBitsOfTheControlRegister) {
 }
 
 TEST_F(Amd, NoPinTouchesNothingAndDetectsNothing) {
-    for (SocKind kind : {SocKind::kabini, SocKind::steppeEagle, SocKind::mosavo, SocKind::r1000, SocKind::v3000}) {
+    for (SocKind kind : {SocKind::kabini, SocKind::steppeEagle, SocKind::mosavo, SocKind::r1000, SocKind::v3000})
         for (bool substituted : {false, true}) {
             const amd::Family& f = amd::family(kind, substituted);
             f.setInput(0xFF);
@@ -236,7 +235,6 @@ TEST_F(Amd, NoPinTouchesNothingAndDetectsNothing) {
             f.setBit(0xFF, true);
             EXPECT_FALSE(f.getBit(0xFF) || f.directionInput(0xFF));
         }
-    }
     EXPECT_THAT(board.events, IsEmpty());
     EXPECT_THAT(board.hams.opened(), IsEmpty());
 }
