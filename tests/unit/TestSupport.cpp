@@ -72,6 +72,7 @@ FakeBoard::FakeBoard() {
 
 FakeBoard::~FakeBoard() {
     Os::resetHooks();
+    XilIntf_testModeIs(0);
     std::string cmd = "rm -rf '" + lockDir + "'";
     int ignored = std::system(cmd.c_str());
     (void)ignored;
@@ -97,8 +98,10 @@ void FakeBoard::fileIs(const std::string& path, const std::string& contents) {
 
 TraceLevels::TraceLevels(unsigned mask) : saved_(_defaultTraceHandle().levelMask()) {
     _defaultTraceHandle().levelMaskIs(mask);
+    ::testing::internal::CaptureStderr();
 }
 TraceLevels::~TraceLevels() { _defaultTraceHandle().levelMaskIs(saved_); }
+std::string TraceLevels::text() { return ::testing::internal::GetCapturedStderr(); }
 
 Accesses& Accesses::read(U32 offset, U32 value, int width) {
     push_back(FakeHamImpl::Access{'R', width ? width : width_, offset, value}.str());
@@ -113,6 +116,13 @@ Accesses& Accesses::write(U32 offset, U32 value, int width) {
 Accesses& Accesses::rmw(U32 offset, std::initializer_list<U32> values) {
     for (auto v = values.begin(); v + 1 < values.end(); ++v) read(offset, v[0]).write(offset, v[1]);
     return *this;
+}
+
+void expectTdoFollows(FakeHamImpl& regs, XilIntf* intf, U32 offset, U32 bit, int width) {
+    regs.poke(offset, bit, width);
+    EXPECT_EQ(XilIntf_tdo(intf), 1) << "TDO's bit set";
+    regs.poke(offset, ~bit, width);
+    EXPECT_EQ(XilIntf_tdo(intf), 0) << "TDO's bit clear";
 }
 
 std::vector<std::string> traceLines(const std::string& err) {

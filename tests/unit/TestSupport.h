@@ -16,6 +16,7 @@
 #include "jtag/Bsdl.h"
 #include "jtag/Svf.h"
 #include "os/Os.h"
+#include "xilinx/XilIntfC.h"
 
 // The assertions that guard the constant pin tables are compiled out under
 // NDEBUG (Release builds), where the call they stop would read past a
@@ -67,11 +68,13 @@ class FakeBoard {
     std::vector<std::pair<std::string, std::string>> files_;
 };
 
-// The trace mask of the module's handle for the life of a scope.
+// The trace mask of the module's handle for the life of a scope, with
+// stderr captured from the start until text() takes it.
 class TraceLevels {
   public:
     explicit TraceLevels(unsigned mask);
     ~TraceLevels();
+    std::string text();
 
   private:
     unsigned saved_;
@@ -91,6 +94,10 @@ class Accesses : public std::vector<std::string> {
   private:
     int width_;
 };
+
+// TDO read through the interface twice: with `bit` of the register at `offset` set, then with
+// every other bit set, so a read of the wrong bit or register is caught.
+void expectTdoFollows(FakeHamImpl& regs, XilIntf* intf, U32 offset, U32 bit, int width = 32);
 
 // The trace lines in captured stderr without their file and line:
 // "Xilinx/3 tckIs: tckIs true".

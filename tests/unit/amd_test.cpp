@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "TestSupport.h"
@@ -36,7 +38,6 @@ std::string hex(U32 v) {
 
 class Amd : public ::testing::Test {
   protected:
-    void SetUp() override { amd::resetForTests(); }
     void TearDown() override { amd::resetForTests(); }
 
     void boardIs(const char* platform, unsigned family, unsigned model) {
@@ -62,16 +63,14 @@ class Amd : public ::testing::Test {
 
 // ---- platform and processor ----
 
-TEST_F(Amd, PlatformClassComesFromTheFirstMatchInTestOrder) {
-    struct {
-        const char* platforms;
-        int platformClass;
-    } cases[] = {{"maful", 0x02},  {"fezub platform=gozip", 0x01}, {"gogos", 0x10},     {"mubarplus", 0x01},
-                 {"pizagu", 0x08}, {"lubugx", 0x02},               {"mafulprime", 0x04}};
-    for (auto& c : cases) {
-        boardIs(c.platforms, 0x16, 0x05);
+TEST_F(Amd, PlatformClassComesFromTheFirstMatchInTestOrderAndAnUnknownOneIsReportedFirst) {
+    const std::pair<const char*, int> cases[] = {
+        {"maful", 0x02},  {"fezub platform=gozip", 0x01}, {"gogos", 0x10},     {"mubarplus", 0x01},
+        {"pizagu", 0x08}, {"lubugx", 0x02},               {"mafulprime", 0x04}};
+    for (auto [platforms, platformClass] : cases) {
+        boardIs(platforms, 0x16, 0x05);
         board.events.clear();
-        EXPECT_EQ(amd::validatePlatform(), c.platformClass) << c.platforms;
+        EXPECT_EQ(amd::validatePlatform(), platformClass) << platforms;
     }
     std::vector<std::string> shells;  // of the last row: the tests up to the first match, then the window
     for (const char* p : {"gozip", "lubug", "bupul", "pizagu", "mosavo", "fezub", "goneg", "fetup", "vadeku", "gogos",
@@ -84,10 +83,9 @@ TEST_F(Amd, PlatformClassComesFromTheFirstMatchInTestOrder) {
     EXPECT_EQ(amd::validatePlatform(), 0x04);  // once detected: no shell, no window
     EXPECT_THAT(board.events, IsEmpty());
     EXPECT_EQ(board.hams.opened().size(), windows);
-}
 
-TEST_F(Amd, UnknownPlatformIsReportedBeforeTheProcessorOrDevMem) {
-    board.cmdline = "console=ttyS0 platform=zorro";
+    // An unknown platform is reported before the processor or /dev/mem.
+    boardIs("zorro", 0x16, 0x05);
     board.leaf0.eax = 0;  // would be "Unsupported family 0 model 0"
     board.devMemOpenErrno = EACCES;
     board.hams.decline("/dev/mem");
@@ -229,7 +227,7 @@ TEST_F(Amd, PadKindsChangeOnlyTheirBitsOfTheControlRegister) {
 }
 
 TEST_F(Amd, NoPinTouchesNothingAndDetectsNothing) {
-    for (SocKind kind : {SocKind::kabini, SocKind::steppeEagle, SocKind::mosavo, SocKind::r1000, SocKind::v3000}) {
+    for (SocKind kind : {SocKind::kabini, SocKind::steppeEagle, SocKind::mosavo, SocKind::r1000, SocKind::v3000})
         for (bool substituted : {false, true}) {
             const amd::Family& f = amd::family(kind, substituted);
             f.setInput(0xFF);
@@ -237,7 +235,6 @@ TEST_F(Amd, NoPinTouchesNothingAndDetectsNothing) {
             f.setBit(0xFF, true);
             EXPECT_FALSE(f.getBit(0xFF) || f.directionInput(0xFF));
         }
-    }
     EXPECT_THAT(board.events, IsEmpty());
     EXPECT_THAT(board.hams.opened(), IsEmpty());
 }
@@ -245,15 +242,13 @@ TEST_F(Amd, NoPinTouchesNothingAndDetectsNothing) {
 // ---- validation ----
 
 TEST_F(Amd, AGpioIsAcceptedThroughAnyTableThatAllowsItsClassButDrivenOnlyWithARowInTheActiveOne) {
-    struct {
-        const char* platform;
-        unsigned family, model;
-    } boards[] = {{"telub", 0x19, 0x44}, {"tabukccpu", 0x17, 0x18}, {"mosavo", 0x17, 0x01}};
-    for (auto& b : boards) {  // 116 through the V3000, R1000 and mosavo rows respectively
-        boardIs(b.platform, b.family, b.model);
+    using Soc = std::tuple<const char*, unsigned, unsigned>;  // 116 through the V3000, R1000 and mosavo rows
+    for (auto [platform, family, model] :
+         {Soc{"telub", 0x19, 0x44}, Soc{"tabukccpu", 0x17, 0x18}, Soc{"mosavo", 0x17, 0x01}}) {
+        boardIs(platform, family, model);
         amd::validateGpio(116);
         amd::setOutputFn(116);
-        EXPECT_EQ(window().log().front(), "W8 0xd74=0x1") << b.platform;
+        EXPECT_EQ(window().log().front(), "W8 0xd74=0x1") << platform;
         window().clearLog();
     }
     boardIs("gozip", 0x16, 0x05);
@@ -273,7 +268,7 @@ TEST_F(Amd, AGpioIsAcceptedThroughAnyTableThatAllowsItsClassButDrivenOnlyWithARo
 
 // ---- the interface ----
 
-TEST_F(Amd, ManagesItsNamesOnlyOnItsPlatforms) {
+TEST_F(Amd, ManagesItsNamesOnlyOnItsPlatformsAndProbesThePinOfThePlatform) {
     EkabiniGpioFactory factory;
     board.cmdline = "console=ttyS0 platform=lubug";
     EXPECT_FALSE(factory.manages("fodak"));
@@ -284,9 +279,9 @@ TEST_F(Amd, ManagesItsNamesOnlyOnItsPlatforms) {
     board.cmdline = "console=ttyS0 platform=gozip";
     EXPECT_TRUE(factory.manages("fodak") && factory.manages("tumarScd"));
     EXPECT_FALSE(factory.manages("dizufCpld") || factory.manages("mukomSwitchMain") || factory.manages("Fodak"));
-}
+    board.events.clear();
 
-TEST_F(Amd, ProbePinFollowsThePlatform) {
+    // The pin it probes follows the platform.
     const char* const greps[] = {"mosavo", "gogos", "vadeku|maful", "mafulprime",
                                  "fezub|goneg|fetup|mupene|bameb|bugil|tabukccpu"};
     struct {
@@ -323,14 +318,13 @@ TEST_F(Amd, SelectAndCleanupOnKabiniInOrder) {
     expected.rmw(0x13c, {0x0, 0x40}).rmw(0x120, {0x0, 0x0}).rmw(0x132, {0x0, 0x0});  // 60 high, 32 and 50 low
     EXPECT_THAT(window().log(), ElementsAreArray(expected));
     window().clearLog();
-    window().poke(0x13d, 0x80, 8);
-    EXPECT_TRUE(intf->tdo());
+    expectTdoFollows(window(), intf, 0x13d, 0x80, 8);
     intf->tckIs(true);
     intf->tdiIs(true);
     intf->tmsIs(true);
     intf->warningIs(true);
-    EXPECT_THAT(window().log(), ElementsAre("R8 0x13d=0x80", "R8 0x1a8=0x0", "W8 0x1a8=0x40", "R8 0x139=0x0",
-                                            "W8 0x139=0x40", "R8 0x131=0x0", "W8 0x131=0x40"));
+    EXPECT_THAT(window().log(), ElementsAre("R8 0x13d=0x80", "R8 0x13d=0x7f", "R8 0x1a8=0x0", "W8 0x1a8=0x40",
+                                            "R8 0x139=0x0", "W8 0x139=0x40", "R8 0x131=0x0", "W8 0x131=0x40"));
     window().clearLog();
     intf->cleanup("fodak");
     expected = Accesses(8);  // the same pins inputs: function 3, control byte 0x20 (driver off)
@@ -342,16 +336,14 @@ TEST_F(Amd, SelectAndCleanupOnKabiniInOrder) {
 
 // The aux levels of the names the factory takes open the simulated board's
 // multiplexers in simscan_test; "dizufCpld" is selectable but not taken.
-TEST_F(Amd, AuxLevelsOfASelectableNameTheFactoryDoesNotTake) {
+TEST_F(Amd, AuxLevelsOfASelectableNameTheFactoryDoesNotTakeAndASelectionForgetsTheAuxPinsOfTheOneBefore) {
     boardIs("mosavo", 0x17, 0x01);
     newIntf()->select("dizufCpld");
     EXPECT_EQ(level(0x1614), 0u);  // 69
     EXPECT_EQ(level(0x161C), 1u);  // 71
-}
 
-TEST_F(Amd, ASelectionForgetsTheAuxPinsOfTheOneBefore) {
     boardIs("telub", 0x19, 0x44);
-    EkabiniIntf* intf = newIntf();
+    EkabiniIntf* intf = newIntf(0x15);  // a device of its own: its own lock
     intf->select("telubSwitchMain");
     EXPECT_EQ(level(0x159C), 1u);  // 39 high
     window().clearLog();

@@ -37,7 +37,7 @@ class CedarFork : public ::testing::Test {
 
 // Asked through the registry for a name no backend serves, it prints its
 // line all the same: sim_test.sh.
-TEST_F(CedarFork, FactoryPrintsEveryNameAndTestsThePlatform) {
+TEST_F(CedarFork, FactoryPrintsEveryNameAndTestsThePlatformThenMapsWholePagesOfDevMem) {
     for (const char* name : {"disalSwitchJtagMuxSel0False", "disalSwitchJtagMuxSel0True", "kubezShimScd"})
         EXPECT_TRUE(manages(name)) << name;
     EXPECT_FALSE(manages("kubezshimscd"));
@@ -48,10 +48,10 @@ TEST_F(CedarFork, FactoryPrintsEveryNameAndTestsThePlatform) {
     }
     board.cmdline = "platform=mosavo sosepi";
     EXPECT_FALSE(manages("kubezShimScd"));
-}
 
-// Nothing before select reaches a register: pinpath_test, for every backend.
-TEST_F(CedarFork, WindowIsWholePagesOfDevMem) {
+    // Its window is whole pages of /dev/mem. Nothing before select reaches a
+    // register: pinpath_test, for every backend.
+    board.events.clear();
     Os::hooks().pageSize = [] { return 0x100000L; };
     make();
     EXPECT_THAT(board.events, ElementsAre("lock /var/lock/0_0_31_jtag", "window CedarForkGpioHam /dev/mem"));
@@ -99,10 +99,7 @@ TEST_F(CedarFork, PinOperationsChangeBit0AndTdoReadsBit1) {
     intf->tckIs(true);
     intf->tdiIs(true);
     intf->tmsIs(false);
-    regs.poke(0xC20B60, 0x2);
-    EXPECT_EQ(XilIntf_tdo(intf), 1);
-    regs.poke(0xC20B60, ~0x2u);
-    EXPECT_EQ(XilIntf_tdo(intf), 0);
+    expectTdoFollows(regs, intf, 0xC20B60, 0x2);
     Accesses expected;
     expected.rmw(0xC20B40, {0x200, 0x201}).rmw(0xC20B20, {0x200, 0x201}).rmw(0xC20B50, {0x200, 0x200});
     EXPECT_THAT(regs.log(), ElementsAreArray(expected.read(0xC20B60, 0x2).read(0xC20B60, 0xfffffffd)));

@@ -25,42 +25,35 @@ void onFullDisk() {
     std::printf("waiting to be written\n");
 }
 
-TEST(Lock, SecondInterfaceForTheSameDeviceIsRefused) {
+// With stdout on a full disk and something waiting to go there the flush
+// before each message fails, and the message still says why (the lock's
+// message alone: lock_test.sh).
+TEST(Lock, SecondInterfaceForTheSameDeviceOrAFailedCreationEndsTheRunSayingWhy) {
     FakeBoard board;
     std::vector<std::string> calls;
     new StubIntf("0_0_20_jtag", &calls);
     new StubIntf("0_0_21_jtag", &calls);  // another device: its own lock
-    EXPECT_EXIT(new StubIntf("0_0_20_jtag", &calls), ::testing::ExitedWithCode(1),
-                "^Lock file is locked by another process\\.$");
-    // The same with stdout on a full disk and something waiting to go there:
-    // the flush before the message fails, and the message still names the lock.
     EXPECT_EXIT((onFullDisk(), new StubIntf("0_0_20_jtag", &calls)), ::testing::ExitedWithCode(1),
                 "^Lock file is locked by another process\\.$");
-}
-
-TEST(Lock, CreationFailureNamesTheSystemError) {
-    FakeBoard board;
     Os::hooks().creat = [](const char*, mode_t) {
         errno = EACCES;
         return -1;
     };
-    std::vector<std::string> calls;
-    EXPECT_EXIT(new StubIntf("0_0_20_jtag", &calls), ::testing::ExitedWithCode(1),
-                "^Failed to create lock file: Permission denied\n$");
-    EXPECT_EXIT((onFullDisk(), new StubIntf("0_0_20_jtag", &calls)), ::testing::ExitedWithCode(1),
+    EXPECT_EXIT((onFullDisk(), new StubIntf("0_0_22_jtag", &calls)), ::testing::ExitedWithCode(1),
                 "^Failed to create lock file: Permission denied\n$");
 }
 
 // Test mode's lock file /tmp/xilinxTestLockFile: the PLX, SB820 and Pericom
 // factory tests.
 
-// ---- registry ----
+// ---- registry and plain-named functions ----
 
 // The order the factories are asked in shows where it matters: the SoC
 // backend ahead of the SB820 would take "fodak" on an SB820 board
 // (simscan_test, sim_test.sh), the Cedar Fork one ahead of another would
-// print its CHECKING line for that one's names (sim_test.sh).
-TEST(Registry, FirstAcceptingFactoryWinsAndLaterOnesAreNotAsked) {
+// print its CHECKING line for that one's names (sim_test.sh). Through the
+// plain-named functions on what it made, non-zero is high and TDO 0 or 1.
+TEST(Registry, FirstAcceptingFactoryWinsAndLaterOnesAreNotAskedThenPlainFunctionsPassLevels) {
     FakeBoard board;
     std::vector<std::string> calls;
     StubFactory a("alpha", &calls), b("beta", &calls), b2("beta", &calls), c("gamma", &calls);
@@ -71,18 +64,7 @@ TEST(Registry, FirstAcceptingFactoryWinsAndLaterOnesAreNotAsked) {
     XilIntf* intf = XilIntf_bySystem("beta", 0x8086, 0x1533, 0, 0x1a, 0x14, 3);
     EXPECT_EQ(intf, b.last);
     EXPECT_THAT(calls, ElementsAre("manages alpha beta", "manages beta beta", "new beta 32902 5427 0_26_20_jtag fn 3"));
-    // An unknown name asks every factory and gives null.
     calls.clear();
-    EXPECT_EQ(XilIntf_bySystem("zeta", 0, 0, 0, 0, 0, 0), nullptr);
-    EXPECT_THAT(calls, ElementsAre("manages alpha zeta", "manages beta zeta", "manages beta zeta", "manages gamma zeta"));
-}
-
-// ---- plain-named functions ----
-
-TEST(PlainFunctions, NonZeroIsHighAndTdoIsZeroOrOne) {
-    FakeBoard board;
-    std::vector<std::string> calls;
-    StubIntf* intf = new StubIntf("0_0_1_jtag", &calls);
     XilIntf_tdiIs(intf, 2);
     XilIntf_tdiIs(intf, -1);
     XilIntf_tmsIs(intf, 0);
@@ -92,8 +74,12 @@ TEST(PlainFunctions, NonZeroIsHighAndTdoIsZeroOrOne) {
     XilIntf_cleanup(intf, "y");
     EXPECT_THAT(calls, ElementsAre("tdiIs 1", "tdiIs 1", "tmsIs 0", "tckIs 1", "warningIs 1", "select x", "cleanup y"));
     EXPECT_EQ(XilIntf_tdo(intf), 1);
-    intf->tdoLevel = false;
+    b.last->tdoLevel = false;
     EXPECT_EQ(XilIntf_tdo(intf), 0);
+    // An unknown name asks every factory and gives null.
+    calls.clear();
+    EXPECT_EQ(XilIntf_bySystem("zeta", 0, 0, 0, 0, 0, 0), nullptr);
+    EXPECT_THAT(calls, ElementsAre("manages alpha zeta", "manages beta zeta", "manages beta zeta", "manages gamma zeta"));
 }
 
 // ---- bit fields ----
@@ -118,23 +104,20 @@ TEST(HalDeathTest, PreconditionsGuardTheCallersTables) {
 
 // ---- tracing ----
 
-TEST(Trace, LevelSpecifications) {
+TEST(Trace, LevelSpecificationsAndADisabledStatementEvaluatesNothing) {
     EXPECT_EQ(TraceHandle::maskFromSetting("Xilinx/0-3,5", "Xilinx"), 0x2fu);
     EXPECT_EQ(TraceHandle::maskFromSetting("Other/1 Xilinx/2", "Xilinx"), 0x4u);
     EXPECT_EQ(TraceHandle::maskFromSetting("1;3", "Xilinx"), 0xau);
     EXPECT_EQ(TraceHandle::maskFromSetting("*/*", "Xilinx"), 0xffffffffu);
     EXPECT_EQ(TraceHandle::maskFromSetting("Xilinx/x,40,2", "Xilinx"), 0x4u);  // nonsense is ignored
     EXPECT_EQ(TraceHandle::maskFromSetting(nullptr, "Xilinx"), 0u);
-}
-
-TEST(Trace, DisabledStatementEvaluatesNothing) {
+    // A statement of a level that is off evaluates nothing.
     TraceLevels levels(0x1);
     int evaluated = 0;
     auto piece = [&] { return ++evaluated; };
-    ::testing::internal::CaptureStderr();
     XTRACE(3, "tckIs " << piece());
     XTRACE(0, "tdo " << piece() << " " << true << std::hex << " 0x" << 255u << " " << _fmt("%04x", 0x14));
-    std::string err = ::testing::internal::GetCapturedStderr();
+    std::string err = levels.text();
     EXPECT_EQ(evaluated, 1);
     EXPECT_THAT(err, ::testing::MatchesRegex("Xilinx/0 xilinx/XilIntf.cpp:[0-9]+ TestBody: tdo 1 true 0xff 0014\n"));
 }
@@ -153,11 +136,12 @@ std::string fileOf(off_t bytes) {
 }
 }  // namespace
 
-TEST(Ham, MappedFileReadsAndWritesLittleEndian) {
+// Windows on files of this test's own, and on one that is not there.
+TEST(Window, MappedFileReadsAndWritesLittleEndianAndAMissingOrShortOneIsRefusedNotFaulted) {
     // The window past 2 GiB, as the Cedar Fork pads are in /dev/mem.
     std::string path = fileOf(0xFD002000);
-    Ptr<Ham> ham = new Ham("fileHam", HamType::mappedFile, nullptr, 0xFD000000, 0, path);
-    Ptr<HamImpl> impl = ham->hamImpl();
+    Ptr<Ham> big = new Ham("fileHam", HamType::mappedFile, nullptr, 0xFD000000, 0, path);
+    Ptr<HamImpl> impl = big->hamImpl();
     impl->write32(0x10, 0x11223344);
     impl->write8(0x20, 0xab);
     U8 b = 0;
@@ -173,19 +157,15 @@ TEST(Ham, MappedFileReadsAndWritesLittleEndian) {
     in.seekg(0xFD000010);
     EXPECT_EQ(in.get(), 0x44);
     ::unlink(path.c_str());
-}
 
-TEST(HamDeathTest, WindowThatCannotBeMadeEndsTheRunWithOneLine) {
     EXPECT_EXIT(new Ham("theJamHam", HamType::mappedFile, nullptr, 0, 0, "/nonexistent/resource0"),
                 ::testing::ExitedWithCode(1),
                 "^register window theJamHam: cannot open /nonexistent/resource0: No such file or directory\n$");
-}
 
-// A window on a file of this test's own: accesses past the end of the file
-// end the process with the window's line instead of SIGBUS, and an empty
-// file maps nothing and reaches nothing.
-TEST(Window, ShortFilesAreRefusedNotFaulted) {
-    std::string path = fileOf(0x10);
+    // Accesses past the end of a short file end the process with the
+    // window's line instead of SIGBUS, and an empty file maps nothing and
+    // reaches nothing.
+    path = fileOf(0x10);
     Ptr<Ham> ham = new Ham("shortHam", HamType::mappedFile, nullptr, 0, 0, path);
     EXPECT_EQ(ham->hamImpl()->extent(), 0x10u);
     ham->reaches(0x10);  // returns

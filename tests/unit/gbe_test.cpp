@@ -42,13 +42,10 @@ class Gbe : public ::testing::Test {
 }  // namespace
 
 // Its two names: simscan_test; a name near them refused at select: pinpath_test.
-TEST_F(Gbe, FactoryTakesExactlyItsTwoNames) {
+// Nothing before select reaches a register: pinpath_test, for every backend.
+TEST_F(Gbe, FactoryRefusesNamesNearItsOwnAndOpensOneMegabyteOfResource0NamedByTheLock) {
     IntelGbeControllerFactory f;
     for (const char* n : {"penet", "penetScdX", "PenetScd", "ratumiSc", ""}) EXPECT_FALSE(f.manages(n)) << n;
-}
-
-// Nothing before select reaches a register: pinpath_test, for every backend.
-TEST_F(Gbe, OpensOneMegabyteOfResource0NamedByTheLock) {
     make();
     EXPECT_THAT(board.events, ElementsAre("lock /var/lock/0_3_0_jtag", std::string("window 0_3_0_jtag ") + kResource));
     EXPECT_EQ(board.hams.opened()[0].base, 0u);
@@ -118,7 +115,6 @@ TEST_F(Gbe, CleanupMakesInputsAndRestoresTheLedFromItsDefaultWord) {
 TEST_F(Gbe, RegisterTrafficAndPinChangesAreTracedAtLevel2) {
     XilIntf* intf = selected();
     TraceLevels levels(0x4);
-    ::testing::internal::CaptureStderr();
     intf->warningIs(true);
     intf->tckIs(true);
     intf->tmsIs(false);
@@ -132,5 +128,5 @@ TEST_F(Gbe, RegisterTrafficAndPinChangesAreTracedAtLevel2) {
         "IntelGbeControllerIntf: IntelGbeControllerIntf name '1_26_2_jtag' pciVendor 0x8086 "
         "pciDevice 0x1533 pciAddr 0001:1a:02.3"};
     for (std::string& line : expected) line.insert(0, "Xilinx/2 ");
-    EXPECT_THAT(traceLines(::testing::internal::GetCapturedStderr()), ElementsAreArray(expected));
+    EXPECT_THAT(traceLines(levels.text()), ElementsAreArray(expected));
 }

@@ -70,7 +70,7 @@ TEST_F(Jtag, MovesTakeTheShortestTmsPathIdleClocksInRunTestIdleAndResetIsFiveCyc
     EXPECT_EQ(tap.state(), TapState::TestLogicReset);
 }
 
-TEST_F(Jtag, ShiftIrLoadsOnUpdateAndShiftDrReadsThroughBypass) {
+TEST_F(Jtag, ShiftIrLoadsOnUpdateShiftDrReadsThroughBypassAndReadIdcodesResetsFirst) {
     tap.reset();
     // The bits shifted first travel furthest: BYPASS for the device nearest TDO, IDCODE for the other.
     BitVector out = tap.shiftIr(BitVector::fromValue(0xff | sim::kIdcodeInstruction << 8, 14), TapState::PauseIr);
@@ -83,9 +83,8 @@ TEST_F(Jtag, ShiftIrLoadsOnUpdateAndShiftDrReadsThroughBypass) {
     EXPECT_FALSE(out[0]);  // BYPASS captures 0
     EXPECT_EQ(out.value(1, 32), 0x1b4d2093u);
     EXPECT_EQ(tap.state(), TapState::RunTestIdle);
-}
 
-TEST_F(Jtag, ReadIdcodesNearestTdoFirstAndNothingOnAStuckTdo) {
+    // The IDCODE scan, nearest TDO first, and nothing on a stuck TDO.
     tap.moveTo(TapState::ShiftIr);  // wherever it was: the scan resets first
     EXPECT_THAT(jtag::readIdcodes(tap), ElementsAre(0x0a5c7035u, 0x1b4d2093u));
     EXPECT_EQ(chain.state(), TapState::RunTestIdle);

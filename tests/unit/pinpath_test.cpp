@@ -63,9 +63,7 @@ class PinPath : public ::testing::TestWithParam<Case> {
         board.cmdline = c.cmdline;
         board.cpuIs(0x17, 0x18);
         board.fileIs("/sys/bus/pci/devices/0000:00:02.0/config", std::string(0x48, 0) + std::string("\x81\xf5\0\0", 4));
-        XilIntf* intf = XilIntf_bySystem(c.device, 0, 0, 0, 0, c.pciDevice, 0);
-        EXPECT_NE(intf, nullptr) << c.device;
-        return intf;
+        return XilIntf_bySystem(c.device, 0, 0, 0, 0, c.pciDevice, 0);
     }
     void TearDown() override { Ham::providerIs(nullptr); }
 
@@ -93,12 +91,11 @@ TEST_P(PinPath, NoAllocationNoSystemCallNoOutput) {
     size_t events = board.events.size();
     ::testing::internal::CaptureStderr();
     counting = true;
-    int tdo = 0;
     for (int i = 0; i < 64; ++i) {
         XilIntf_tmsIs(intf, i & 4);
         XilIntf_tdiIs(intf, i & 2);
         XilIntf_tckIs(intf, 0);
-        tdo += XilIntf_tdo(intf);
+        XilIntf_tdo(intf);
         XilIntf_tckIs(intf, 1);
     }
     // The vector path too.
@@ -108,13 +105,10 @@ TEST_P(PinPath, NoAllocationNoSystemCallNoOutput) {
     XilIntf_shift(intf, 255, tms, tdi, nullptr);
     for (int i = 0; i < 8; ++i) XilIntf_pinsIs(intf, i & 1, i & 2, i & 4);
     counting = false;
-    std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(allocations, 0u);
     EXPECT_EQ(board.events.size(), events);
-    EXPECT_EQ(err, "");
-    EXPECT_GE(tdo, 0);
     XilIntf_cleanup(intf, c.device);
-    Ham::providerIs(nullptr);
 }
 
 // Callers select first; a player that does not still must not reach a

@@ -53,9 +53,8 @@ TEST_F(PlxPex8600, FactoryNamesLockAndWindow) {
     PlxPex8600Factory f;
     for (const char* n : {"rotanmotub", "vopot ", "tilegScd", ""}) EXPECT_FALSE(f.manages(n)) << n;
     f.newXilIntf(0x10b5, 0x8624, 0, 3, 0, 1);
-    XilIntf_testModeIs(1);
+    XilIntf_testModeIs(1);  // until the board goes
     f.newXilIntf(0, 0, 0, 3, 0, 0);
-    XilIntf_testModeIs(0);
     EXPECT_THAT(board.events, ElementsAre("lock /var/lock/0_3_0_jtag",
                                           "window theJamHam /sys/bus/pci/devices/0000:03:00.1/resource0",
                                           "lock /tmp/xilinxTestLockFile",
@@ -83,10 +82,8 @@ TEST_F(PlxPex8600, SelectCleanupAndCachedTckAcrossGroups) {
 
     bar.clearLog();
     TraceLevels levels(0x20);
-    ::testing::internal::CaptureStderr();
     intf->cleanup("rotanSeret");
-    EXPECT_THAT(traceLines(::testing::internal::GetCapturedStderr()),
-                ElementsAre("Xilinx/5 cleanup: jtag totals: tdo 0 tdi 1 tms 1 tck 9"));
+    EXPECT_THAT(traceLines(levels.text()), ElementsAre("Xilinx/5 cleanup: jtag totals: tdo 0 tdi 1 tms 1 tck 9"));
     // Only direction bits go back to input; TDO (bits 27..26) and the output data stay.
     EXPECT_THAT(bar.log(), ElementsAreArray(Accesses()
                                                 .rmw(0x62c, {0xa2555555, 0x22555555, 0x20555555, 0x555555})
@@ -97,12 +94,9 @@ TEST_F(PlxPex8600, SelectCleanupAndCachedTckAcrossGroups) {
 TEST_F(PlxPex8600, SecondGroupOnlyAndTdo) {
     bar.poke(0x630, 0xc0);
     bar.poke(0x648, 0xff);
-    bar.poke(0x640, 0x8);
     XilIntf* intf = pex8600();
     intf->select("rotanMotub");
-    EXPECT_TRUE(intf->tdo());
-    bar.poke(0x640, ~0x8u);
-    EXPECT_FALSE(intf->tdo());
+    expectTdoFollows(bar, intf, 0x640, 0x8);
     intf->tckIs(true);
     intf->tckIs(false);
     Accesses expected;  // 21, 18, 20 outputs, 19 an input; TCK, TDI, TMS low; two tdo reads; TCK high, low
@@ -129,9 +123,8 @@ TEST_F(PlxPex8600, NoHeldLowPinForLomipuAndMubarUplink) {
 TEST_F(PlxPex8700, FactoryNamesAndWindowWithoutTestMode) {
     PlxPex8700Factory f;
     for (const char* n : {"GemufScd", "vopot", "mubarUplinkScd", ""}) EXPECT_FALSE(f.manages(n)) << n;
-    XilIntf_testModeIs(1);
+    XilIntf_testModeIs(1);  // until the board goes
     f.newXilIntf(0, 0, 0, 3, 0, 0);
-    XilIntf_testModeIs(0);
     EXPECT_THAT(board.events,
                 ElementsAre("lock /tmp/xilinxTestLockFile", std::string("window PlxPex8700Ham ") + kBar0));
 }
@@ -182,10 +175,7 @@ TEST_F(PlxPex8700, TdoOnGpio10) {
     intf->select("mubarplusUplinkScd");
     EXPECT_EQ(bar.log()[6], "W32 0x604=0x0");  // after TCK 7, TDI 9 and TMS 8, no read
     bar.clearLog();
-    bar.poke(0x61C, 0x400);
-    EXPECT_TRUE(intf->tdo());
-    bar.poke(0x61C, ~0x400u);
-    EXPECT_FALSE(intf->tdo());
+    expectTdoFollows(bar, intf, 0x61C, 0x400);
     EXPECT_THAT(bar.log(), ElementsAre("R32 0x61c=0x400", "R32 0x61c=0xfffffbff"));
 }
 

@@ -63,9 +63,8 @@ TEST_F(Sb820, FactoryTestsThePlatformBeforeTheName) {
 
 TEST_F(Sb820, LockThenWindowOnResource5OrTheTestFile) {
     XilIntf_bySystem("komefi", 0, 0, 0, 0x1a, 0x14, 3);
-    XilIntf_testModeIs(1);
+    XilIntf_testModeIs(1);  // until the board goes
     XilIntf_bySystem("fodak", 0, 0, 0, 0, 0x14, 0);
-    XilIntf_testModeIs(0);
     EXPECT_THAT(board.eventsStartingWith("lock"),
                 ElementsAre("lock /var/lock/0_26_20_jtag", "lock /tmp/xilinxTestLockFile"));
     EXPECT_THAT(board.eventsStartingWith("window"),
@@ -74,9 +73,11 @@ TEST_F(Sb820, LockThenWindowOnResource5OrTheTestFile) {
     EXPECT_TRUE(regs.log().empty());  // nothing touched before select
 }
 
-TEST_F(Sb820, SelectDrivesOutputsThenLevelsBetweenTwoWaits) {
+// After select the first call of each pin always writes, then only changes do.
+TEST_F(Sb820, SelectDrivesOutputsThenLevelsBetweenTwoWaitsThenPinsWriteOnChange) {
     regs.poke(0x13d, 0xab, 8);  // TDO pin high
-    XilIntf_bySystem("fodak", 0, 0, 0, 0, 0x14, 0)->select("komefi");
+    XilIntf* intf = XilIntf_bySystem("fodak", 0, 0, 0, 0, 0x14, 0);
+    intf->select("komefi");
     Accesses expected(8);  // drivers on: TCK, TDI, TMS, the three setup pins; TDO an input
     for (U32 control : {0x1bd, 0x1ab, 0x131, 0x13c, 0x129, 0x132}) expected.rmw(control, {0x2b, 0xb});
     expected.rmw(0x13d, {0xab, 0xab}).push_back("usleep 1000");
@@ -85,32 +86,6 @@ TEST_F(Sb820, SelectDrivesOutputsThenLevelsBetweenTwoWaits) {
     for (U32 control : {0x1bd, 0x1ab, 0x131}) expected.rmw(control, {0xb, 0xb});
     expected.push_back("usleep 1000");
     EXPECT_THAT(takeLog(), ElementsAreArray(expected));
-}
-
-// tckIs(true) three times is one write and one count but three traces; tdo
-// counts every call. Cleanup turns every driven pin into an input, TDO aside.
-TEST_F(Sb820, RepeatedLevelIsWrittenOnceTdoReadsBit7AndCleanupCounts) {
-    XilIntf* intf = selected();
-    TraceLevels levels(0x8 | 0x20);
-    ::testing::internal::CaptureStderr();
-    for (int i = 0; i < 3; ++i) intf->tckIs(true);
-    regs.poke(0x13d, 0x80, 8);
-    EXPECT_EQ(XilIntf_tdo(intf), 1);
-    regs.poke(0x13d, 0x7f, 8);
-    EXPECT_EQ(XilIntf_tdo(intf), 0);
-    EXPECT_THAT(takeLog(), ElementsAre("R8 0x1bd=0xb", "W8 0x1bd=0x4b", "R8 0x13d=0x80", "R8 0x13d=0x7f"));
-    XilIntf_cleanup(intf, "fodak");
-    Accesses expected(8);  // TCK and setup pin 60 were high
-    expected.rmw(0x1bd, {0x4b, 0x6b}).rmw(0x1ab, {0xb, 0x2b}).rmw(0x131, {0xb, 0x2b});
-    expected.rmw(0x13c, {0x4b, 0x6b}).rmw(0x129, {0xb, 0x2b}).rmw(0x132, {0xb, 0x2b});
-    EXPECT_THAT(takeLog(), ElementsAreArray(expected));
-    EXPECT_THAT(::testing::internal::GetCapturedStderr(),
-                ::testing::MatchesRegex("(Xilinx/3 [^\n]* tckIs: tckIs true\n){3}"
-                                        "Xilinx/5 [^\n]* cleanup: jtag totals: tdo 2 tdi 0 tms 0 tck 1\n"));
-}
-
-TEST_F(Sb820, FirstCallAfterSelectAlwaysWritesThenOnlyChangesDo) {
-    XilIntf* intf = selected();
     intf->tckIs(false);  // already low, still written
     intf->tckIs(false);
     intf->tdiIs(true);
@@ -119,4 +94,22 @@ TEST_F(Sb820, FirstCallAfterSelectAlwaysWritesThenOnlyChangesDo) {
     intf->tmsIs(true);
     EXPECT_THAT(takeLog(), ElementsAre("R8 0x1bd=0xb", "W8 0x1bd=0xb", "R8 0x1ab=0xb", "W8 0x1ab=0x4b",
                                        "W8 0x1ab=0xb", "R8 0x131=0xb", "W8 0x131=0x4b"));
+}
+
+// tckIs(true) three times is one write and one count but three traces; tdo
+// counts every call. Cleanup turns every driven pin into an input, TDO aside.
+TEST_F(Sb820, RepeatedLevelIsWrittenOnceTdoReadsBit7AndCleanupCounts) {
+    XilIntf* intf = selected();
+    TraceLevels levels(0x8 | 0x20);
+    for (int i = 0; i < 3; ++i) intf->tckIs(true);
+    expectTdoFollows(regs, intf, 0x13d, 0x80, 8);
+    EXPECT_THAT(takeLog(), ElementsAre("R8 0x1bd=0xb", "W8 0x1bd=0x4b", "R8 0x13d=0x80", "R8 0x13d=0x7f"));
+    XilIntf_cleanup(intf, "fodak");
+    Accesses expected(8);  // TCK and setup pin 60 were high
+    expected.rmw(0x1bd, {0x4b, 0x6b}).rmw(0x1ab, {0xb, 0x2b}).rmw(0x131, {0xb, 0x2b});
+    expected.rmw(0x13c, {0x4b, 0x6b}).rmw(0x129, {0xb, 0x2b}).rmw(0x132, {0xb, 0x2b});
+    EXPECT_THAT(takeLog(), ElementsAreArray(expected));
+    EXPECT_THAT(levels.text(),
+                ::testing::MatchesRegex("(Xilinx/3 [^\n]* tckIs: tckIs true\n){3}"
+                                        "Xilinx/5 [^\n]* cleanup: jtag totals: tdo 2 tdi 0 tms 0 tck 1\n"));
 }

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <initializer_list>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "StubBackend.h"
@@ -21,14 +22,10 @@ const char kUsage[] =
     "sets the tck,tms,tdi jtag pin, reads tdo, returns value\n"
     "EXAMPLE:  kelvorn fodak 0000:00:14.0 tck 1\n";
 
-struct ToolRun {
-    int status;
-    std::string out;
-};
-
 class Tool : public ::testing::Test {
   protected:
-    ToolRun run(std::initializer_list<const char*> args) {
+    // The status and what it printed.
+    std::pair<int, std::string> run(std::initializer_list<const char*> args) {
         std::vector<std::string> keep{"kelvorn"};
         keep.insert(keep.end(), args.begin(), args.end());
         std::vector<char*> argv;
@@ -86,10 +83,10 @@ TEST_F(Tool, StatusOutputAndCallsOfEachCommandLine) {
         calls.clear();
         board.events.clear();
         std::remove((board.lockDir + "/0_0_20_jtag").c_str());  // each run a process of its own
-        ToolRun r = run(c.args);
-        EXPECT_EQ(r.status, c.status) << r.out;
-        EXPECT_EQ(r.out, c.out);
-        EXPECT_EQ(calls, c.calls) << r.out;
-        EXPECT_EQ(board.eventsStartingWith("sleep"), std::vector<std::string>(c.holds, "sleep 10")) << r.out;
+        auto [status, out] = run(c.args);
+        EXPECT_EQ(status, c.status) << out;
+        EXPECT_EQ(out, c.out);
+        EXPECT_EQ(calls, c.calls) << out;
+        EXPECT_EQ(board.eventsStartingWith("sleep"), std::vector<std::string>(c.holds, "sleep 10")) << out;
     }
 }
