@@ -91,20 +91,19 @@ done
 # TDI undriven), status 0.
 for sig in QUIT TERM HUP; do
   serve_start --vcd "$d/quit.vcd" -- rotanMotub 0000:03:00.0 || continue
-  python3 - "$SERVE_PORT" "$E2E_DIR/client.ready" <<'EOF' &
+  python3 - "$SERVE_PORT" >"$E2E_DIR/client.out" <<'EOF' &
 import socket, sys, time
 s = socket.create_connection(("127.0.0.1", int(sys.argv[1])))
 s.sendall(b"7R")  # TCK, TMS and TDI driven high, then a read: the write is done
 s.recv(1)
-open(sys.argv[2], "w").close()
+print("ready", flush=True)
 time.sleep(30)  # the session stays open until the server stops
 EOF
   client=$!
-  for ((i = 0; i < 100; i++)); do [ -e "$E2E_DIR/client.ready" ] && break; sleep 0.1; done
+  e2e_await "$client" '/^ready$/p' "SIG$sig: the client's write is not done" "$E2E_DIR/client.out"
   kill -"$sig" "$SERVE_PID"
   serve_wait
   kill "$client" 2>/dev/null; wait "$client" 2>/dev/null
-  rm -f "$E2E_DIR/client.ready"
   expect_eq "$SERVE_STATUS|$(serve_lines | tail -n1)" "0|kelvorn-serve: stopped by SIG$sig" "SIG$sig during a session: status, last line"
   expect_eq "$(vcd_end "$d/quit.vcd" C M I)" "zC zM zI" "SIG$sig during a session: TCK, TMS and TDI released last"
 done
