@@ -35,14 +35,11 @@ def browser(profile):
 
 
 def wait(driver, condition, what):
-    start = time.monotonic()
     try:
         return WebDriverWait(driver, GIVE_UP, poll_frequency=0.05).until(lambda d: condition())
     except Exception:
         print(f'gave up waiting: {what}')
         return None
-    finally:
-        print(f'{time.monotonic() - start:.2f} s: {what}', file=sys.stderr)
 
 
 def pin(driver, position, port):
