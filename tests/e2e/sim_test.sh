@@ -93,19 +93,17 @@ tmp=$(e2e_tmp_dir)
 printf '\x21\x43\x65' >"$tmp/image.bin"
 : >"$tmp/empty.bin"
 chain=0x0a5c7035:5,0x12345679:4:mem=2x12:erase=30:program=10,0x1b4d2093:3
-expect_run 1 "" "kelvorn-vectors: /tmp/empty.bin is empty" "vectors of an empty image" \
-  kelvorn-vectors --chain "$chain" --svf /tmp/x.svf /tmp/empty.bin
-expect_run 1 "" "kelvorn-vectors: /tmp/image.bin needs 2 rows of 12 bits; the device has 1" "vectors too large" \
-  kelvorn-vectors --chain 0x12345679:4:mem=1x12 --svf /tmp/x.svf /tmp/image.bin
-expect_run 1 "" "kelvorn-vectors: cannot read /tmp/nothing.bin: No such file or directory" "vectors without image" \
-  kelvorn-vectors --chain "$chain" --xsvf /tmp/x.xsvf /tmp/nothing.bin
-expect_run 1 "" "kelvorn-vectors: cannot write /nowhere/x.xsvf: No such file or directory" "vectors unwritable" \
-  kelvorn-vectors --chain "$chain" --xsvf /nowhere/x.xsvf /tmp/image.bin
-expect_run 2 "" "At least 1 option from [--svf,--xsvf] is required
-Run with --help for more information." "vectors to no file" kelvorn-vectors --chain "$chain" /tmp/image.bin
-expect_run 2 "" "--chain: no device on the chain has memory (mem=ROWSxBITS)
-Run with --help for more information." "vectors for a chain without memory" \
-  kelvorn-vectors --chain 0x0a5c7035:5 --svf /tmp/x.svf /tmp/image.bin
+help=$'\nRun with --help for more information.'
+while IFS='|' read -r status err args; do
+  expect_run "$status" "" "${err/%+help/$help}" "kelvorn-vectors $args" kelvorn-vectors $args
+done <<EOF
+1|kelvorn-vectors: /tmp/empty.bin is empty|--chain $chain --svf /tmp/x.svf /tmp/empty.bin
+1|kelvorn-vectors: /tmp/image.bin needs 2 rows of 12 bits; the device has 1|--chain 0x12345679:4:mem=1x12 --svf /tmp/x.svf /tmp/image.bin
+1|kelvorn-vectors: cannot read /tmp/nothing.bin: No such file or directory|--chain $chain --xsvf /tmp/x.xsvf /tmp/nothing.bin
+1|kelvorn-vectors: cannot write /nowhere/x.xsvf: No such file or directory|--chain $chain --xsvf /nowhere/x.xsvf /tmp/image.bin
+2|At least 1 option from [--svf,--xsvf] is required+help|--chain $chain /tmp/image.bin
+2|--chain: no device on the chain has memory (mem=ROWSxBITS)+help|--chain 0x0a5c7035:5 --svf /tmp/x.svf /tmp/image.bin
+EOF
 expect_eq "$(ls "$(e2e_lock_dir)")" "" "no lock under /var/lock"
 
 e2e_done
