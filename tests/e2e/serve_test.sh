@@ -14,12 +14,7 @@ done
 scan_table() { awk '$2 ~ /^(c|auto)[0-9]+\.tap$/ { print $2, $3, $4, $5, $6 }' <<<"$OPENOCD_OUT"; }
 # The table for a chain: declared taps (c0, c1, ...) or found ones (auto0, ...).
 chain_table() {  # chain tap-prefix
-  local i=0 id len
-  for d in ${1//,/ }; do
-    IFS=: read -r id len <<<"$d"
-    if [ "$2" = c ]; then echo "c$i.tap Y $id $id $len"; else echo "auto$i.tap Y $id 0x00000000 $len"; fi
-    i=$((i + 1))
-  done
+  tr , '\n' <<<"$1" | awk -F: -v p="$2" '{ print p (NR - 1) ".tap Y", $1, (p == "c" ? $1 : "0x00000000"), $2 }'
 }
 
 # openocd's scan through each backend, with a chain of its own: once with
