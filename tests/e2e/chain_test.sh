@@ -204,8 +204,8 @@ expect_eq "$((toggles >= 4))|$((moves == toggles))" "1|1" "watch a wave:100 pin:
 # A BSDL file whose name is not UTF-8, given and found.
 cp "$bsdl/kv_cpld64.bsd" "$d/"$'\xff'"cpld.bsd"
 valid_json() {  # every line of stdin parses as UTF-8 JSON: prints the count, or the error
-  python3 -c 'import json, sys; print(len([json.loads(s.decode()) for s in sys.stdin.buffer.read().split(b"\n") if s]))' \
-    2>&1 | tail -n1
+  python3 -c 'import json, sys
+print(len([json.loads(s.decode()) for s in sys.stdin.buffer.read().split(b"\n") if s]))' 2>&1 | tail -n1
 }
 while IFS='|' read -r status want args; do
   e2e_run "${sim[@]}" chain --json --bsdl "0=$d/"$'\xff'"cpld.bsd" --bsdl-path "$bsdl" --hold 0 "${dev[@]}" $args

@@ -70,8 +70,8 @@ expect_eq "${unit_argv[*]:0:3}" "/bin/sh -c exec /usr/bin/kelvorn-serve \$KELVOR
 # The same shell, with kelvorn-sim serve standing for /usr/bin/kelvorn-serve.
 script=${unit_argv[2]/\/usr\/bin\/kelvorn-serve/\"\$E2E_SIM\" --chain $chain serve}
 port=$(free_port)
-E2E_SIM=$E2E_DIR/bin/kelvorn-sim activate "$port" -E E2E_SIM -E "KELVORN_SERVE_OPTIONS=--protocol xvc --max-vector 64" -- \
-  /bin/sh -c "$script" "${unit_argv[@]:3}"
+E2E_SIM=$E2E_DIR/bin/kelvorn-sim activate "$port" -E E2E_SIM \
+  -E "KELVORN_SERVE_OPTIONS=--protocol xvc --max-vector 64" -- /bin/sh -c "$script" "${unit_argv[@]:3}"
 answer=$(python3 - "$port" <<'EOF'
 import socket, sys
 s = socket.create_connection(("127.0.0.1", int(sys.argv[1])))
