@@ -96,12 +96,12 @@ expect_err 6 "kelvorn-chain: connect refused: device 0's BSDL file was found, no
 
 e2e_run "${sim[@]}" --dump-pins "$d/pins" chain --bsdl "$bsdl/kv_cpld64.bsd" --bsdl-path "$bsdl" --hold 0 \
   "${dev[@]}" drive 0 led=1 'd(2)=0' 'd(3)=1' 'd(1)=z'
-expect_eq "$E2E_STATUS|$E2E_OUT" "0|0: EXTEST driving led=1 d(2)=0 d(3)=1, every other output released; holding 0 s
-0: released (Test-Logic-Reset)" "drive: what it says"
-# led, d(2) and d(3) as named; d(0) and d(1) under their control cell at its disabling value.
-expect_eq "$(cat "$d/pins")" "0.led 1
+# What it says; the pins the boundary register drove (--dump-pins): led, d(2)
+# and d(3) as named; d(0) and d(1) under their control cell at its disabling value.
+expect_eq "$E2E_STATUS|$E2E_OUT|$(cat "$d/pins")" "0|0: EXTEST driving led=1 d(2)=0 d(3)=1, every other output released; holding 0 s
+0: released (Test-Logic-Reset)|0.led 1
 0.d(2) 0
-0.d(3) 1" "drive: the pins the boundary register drove (--dump-pins)"
+0.d(3) 1" "drive: what it says, the pins driven"
 e2e_run "${sim[@]}" --dump-pins "$d/pins" chain --i-know-the-board --bsdl-path "$bsdl" --hold 0 "${dev[@]}" drive 1 OUT0=1 BUS=z
 expect_eq "$E2E_STATUS|$(cat "$d/pins")" "0|1.OUT0 1" "drive: a two-state output and a released bidirectional pin"
 # A two-state output cannot be switched off: left unnamed, it is driven at its safe level, and said so.

@@ -28,9 +28,8 @@ tdo result is 1" "" "PEX 8700 tdo" kelvorn-sim -- nipig2Scd 0000:03:00.0 tdo
 
 # What a pin change did to the registers (the line's format: simboard_test).
 e2e_run kelvorn-sim --show-writes --platform gozip --cpu 0x16:0x05 -- fodak 0000:00:14.0 tck 1
-expect_eq "$E2E_STATUS" 1 "show-writes: status"
-expect_eq "$(grep 'TCK 0->1' <<<"$E2E_ERR")" \
-  "sim: gpioWindow W8 0x1a8: 0x00 -> 0x40  TCK 0->1  TAP Test-Logic-Reset->Run-Test/Idle" "show-writes: the TCK edge"
+expect_eq "$E2E_STATUS|$(grep 'TCK 0->1' <<<"$E2E_ERR")" \
+  "1|sim: gpioWindow W8 0x1a8: 0x00 -> 0x40  TCK 0->1  TAP Test-Logic-Reset->Run-Test/Idle" "show-writes: status, the TCK edge"
 
 # The scan.
 expect_run 0 "0x0a5c7035

@@ -51,10 +51,9 @@ expect_eq "$(awk '$2 ~ /^c[0-9]\.tap$/ { print $2, $4, $6 }' <<<"$OPENOCD_OUT")"
   "c0.tap 0x1b4d2093 6
 c1.tap 0x0a5c7035 8" "socket activation: openocd scans the chain"
 serve_stop
-expect_eq "$SERVE_STATUS" 0 "socket activation: server status"
-expect_eq "$(served_lines | head -n1)" \
-  "kelvorn-serve: listening on 127.0.0.1:$port (remote-bitbang) for rotanMotub at 0000:04:00.0" \
-  "socket activation: the server listens on the socket handed over"
+expect_eq "$SERVE_STATUS $(served_lines | head -n1)" \
+  "0 kelvorn-serve: listening on 127.0.0.1:$port (remote-bitbang) for rotanMotub at 0000:04:00.0" \
+  "socket activation: status; the server listens on the socket handed over"
 expect_eq "$(served_lines | tail -n1)" "kelvorn-serve: stopped by SIGTERM" "socket activation: stopped"
 
 # ---- the service unit's command line ----
