@@ -4,7 +4,7 @@
  *   kelvorn_chain_json BOARD FPGA ADDRESS FLAGS BSDL_PATH COMMAND...
  *
  * FLAGS: "-" or "know" (KV_I_KNOW_THE_BOARD). BSDL_PATH: kv_bsdl_path's
- * argument, or "-" for none (the default path). Each COMMAND is one
+ * argument. Each COMMAND is one
  * argument, words split on spaces: "discover", "sample DEV",
  * "usercode DEV", "drive DEV PORT=L..." (held 0 s), "hold DEV PORT=L..."
  * (until released), "connect DEV.PORT DEV.PORT", "release", "add FILE". Prints per command the JSON on one line, or
@@ -35,7 +35,7 @@ int main(int argc, char** argv) {
         kv_close(dev);
         return 1;
     }
-    if (strcmp(argv[5], "-") != 0) kv_bsdl_path(dev, argv[5]);
+    kv_bsdl_path(dev, argv[5]);
     for (i = 6; i < argc; ++i) {
         char line[4096];
         char* words[MAX_WORDS];

@@ -16,9 +16,7 @@
 #include <stdio.h>
 
 static int cancel(void* user, uint64_t done, uint64_t total, uint64_t bits) {
-    (void)done;
-    (void)total;
-    (void)bits;
+    (void)done, (void)total, (void)bits;
     ++*(int*)user;
     return 1;
 }

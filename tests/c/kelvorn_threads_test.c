@@ -83,13 +83,11 @@ static int reenter(void* user, uint64_t done, uint64_t total, uint64_t bits) {
 }
 
 static void testCallbacks(void) {
-    struct reentry r = {0};
     kv_play_result result;
     const char* json = NULL;
     kv_device* dev = openDevice("0000:03:00.0");
     kv_device* other = openDevice("0000:04:00.0"); /* its chip has no chain on its pins */
-    r.dev = dev;
-    r.other = other;
+    struct reentry r = {.dev = dev, .other = other};
     checkStatus(play(dev, kGoodSvf, reenter, &r, &result), KV_OK, dev, "a play whose callback calls on its handle");
     check(r.close == KV_E_REENTRANT && r.play == KV_E_REENTRANT && r.discover == KV_E_REENTRANT,
           "close, play and discover from the callback: KV_E_REENTRANT", NULL);
@@ -144,11 +142,11 @@ static void* closeOnceStarted(void* arg) {
 
 static void testLongScan(void) {
     struct watch w = {0, 0, 0, PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER};
-    struct closer c;
     kv_play_result r;
     pthread_t thread;
     char pins[256] = "";
     kv_device* dev = openDevice("0000:03:00.0");
+    struct closer c = {.dev = dev, .w = &w};
 
     /* Counts past what fits are refused before anything is allocated or shifted. */
     checkStatus(kv_shift_dr(dev, 1, KV_MAX_BITS + 1, NULL, NULL), KV_E_ARGUMENT, dev, "a register past KV_MAX_BITS");
@@ -171,8 +169,6 @@ static void testLongScan(void) {
      * at its next look-in, then the close returns. */
     w.calls = 0;
     w.cancel_at = 0;
-    c.dev = dev;
-    c.w = &w;
     pthread_create(&thread, NULL, closeOnceStarted, &c);
     checkStatus(play(dev, "SDR 33554432 TDI(0);", watch, &w, &r), KV_E_CLOSED, dev, "a 2^25-bit scan, closed meanwhile");
     pthread_join(thread, NULL);
@@ -300,12 +296,7 @@ static void testThreads(int handles) {
     dev[1] = handles == 2 ? openDevice("0000:04:00.0") : NULL;
     __atomic_store_n(&closing, 0, __ATOMIC_SEQ_CST);
     for (i = 0; i < THREADS; ++i) {
-        memset(&w[i], 0, sizeof w[i]);
-        w[i].t = i;
-        w[i].dev[0] = dev[0];
-        w[i].dev[1] = dev[1];
-        w[i].handles = handles;
-        w[i].closes = i == 6 ? 2 : i == 7 ? 1 : 0;
+        w[i] = (struct worker){.t = i, .dev = {dev[0], dev[1]}, .handles = handles, .closes = i == 6 ? 2 : i == 7};
         pthread_create(&w[i].thread, NULL, work, &w[i]);
     }
     for (i = 0; i < THREADS; ++i) {

@@ -47,16 +47,20 @@ expect_eq "$E2E_OUT" "0: IDCODE 0x00000cfd, IR 5 bits (detected), bank 13 code 0
 1: no IDCODE (BYPASS after reset), IR 3 bits (option)
 2 devices, IR 8 bits in all" "no IDCODE, an unknown maker, --irlen"
 
-# Two files for one IDCODE (one die, two packages): reported; --bsdl POS=FILE chooses.
+# Two files for one IDCODE (one die, two packages): reported; --bsdl POS=FILE
+# chooses. A file in the directory that cannot be read is passed over.
 mkdir -p "$d/two"
 sed 's/kv_cpld64/kv_cpld64_cs48/g; s/"TQ44"/"CS48"/' "$bsdl/kv_cpld64.bsd" >"$d/two/kv_cpld64_cs48.bsd"
 cp "$bsdl/kv_cpld64.bsd" "$d/two/"
+printf 'entity BAD is\n  attribute INSTRUCTION_LENGTH of BAD : entity is 4;\n  attribute INSTRUCTION_OPCODE of BAD : entity is "BYPASS (111)";\nend BAD;\n' >"$d/two/bad.bsd"
+passed="kelvorn-chain: passed over $d/two/bad.bsd:3: INSTRUCTION_OPCODE: BYPASS 111 has 3 bits; INSTRUCTION_LENGTH is 4"
 e2e_run "${sim[@]}" chain --bsdl-path "$d/two" "${dev[@]}"
-expect_eq "$(head -n1 <<<"$E2E_OUT")|$E2E_ERR" \
-  "0: IDCODE 0x0123402f, IR 8 bits (bsdl), Texas Instruments, kv_cpld64, version 0|kelvorn-chain: 0: IDCODE 0x0123402f is in more than one BSDL file: $d/two/kv_cpld64.bsd, $d/two/kv_cpld64_cs48.bsd; using the first (--bsdl 0=FILE chooses)" \
-  "two files for one IDCODE: reported"
+expect_eq "$E2E_STATUS|$(head -n1 <<<"$E2E_OUT")|$E2E_ERR" \
+  "0|0: IDCODE 0x0123402f, IR 8 bits (bsdl), Texas Instruments, kv_cpld64, version 0|$passed
+kelvorn-chain: 0: IDCODE 0x0123402f is in more than one BSDL file: $d/two/kv_cpld64.bsd, $d/two/kv_cpld64_cs48.bsd; using the first (--bsdl 0=FILE chooses)" \
+  "two files for one IDCODE: reported; a file that cannot be read passed over"
 e2e_run "${sim[@]}" chain --bsdl-path "$d/two" --bsdl "0=$d/two/kv_cpld64_cs48.bsd" "${dev[@]}"
-expect_eq "$(head -n1 <<<"$E2E_OUT")|$E2E_ERR" "0: IDCODE 0x0123402f, IR 8 bits (bsdl), Texas Instruments, kv_cpld64_cs48, version 0|" \
+expect_eq "$(head -n1 <<<"$E2E_OUT")|$E2E_ERR" "0: IDCODE 0x0123402f, IR 8 bits (bsdl), Texas Instruments, kv_cpld64_cs48, version 0|$passed" \
   "--bsdl 0=FILE chooses"
 
 # ---- sample, usercode ----
@@ -70,10 +74,8 @@ d(3) 0 (pin 7)" "sample: the pins set, the others pulled up, with their package 
 expect_out 0 '{"device":1,"pins":{"SW(0)":1,"SW(1)":1,"SW(2)":0,"SW(3)":1,"BUS":0},"package":"FG256","package_pins":{"SW(0)":["A1"],"SW(1)":["A2"],"SW(2)":["A3"],"SW(3)":["A4"],"BUS":["B2"]}}' \
   "sample by entity name, as JSON" "${sim[@]}" --pin '1.SW(2)=0' --pin 1.BUS=0 chain --json --bsdl-path "$bsdl" "${dev[@]}" sample KV_FPGA6
 expect_out 0 "1: USERCODE 0x12345678" "usercode" "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" usercode 1
-expect_err 5 "kelvorn-chain: device 2 (KV_DAP4) has no USERCODE instruction" "usercode: none" "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" usercode 2
 expect_err 5 "kelvorn-chain: device 2 (KV_DAP4) has no boundary register" "sample: no boundary register" "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" sample 2
 expect_err 5 "kelvorn-chain: device 0 has no BSDL file (--bsdl, --bsdl-path)" "sample: no BSDL file" "${sim[@]}" chain --bsdl-path "" "${dev[@]}" sample 0
-expect_err 2 "kelvorn-chain: no device at position 3 (the chain has 3)" "sample: no such position" "${sim[@]}" chain --bsdl-path "$bsdl" "${dev[@]}" sample 3
 
 # ---- connect ----
 
@@ -92,15 +94,14 @@ expect_err 6 "kelvorn-chain: connect refused: device 0's BSDL file was found, no
 
 # ---- drive ----
 
-e2e_run "${sim[@]}" --dump-pins "$d/pins" --vcd "$d/drive.vcd" chain --bsdl "$bsdl/kv_cpld64.bsd" --bsdl-path "$bsdl" --hold 0 \
+e2e_run "${sim[@]}" --dump-pins "$d/pins" chain --bsdl "$bsdl/kv_cpld64.bsd" --bsdl-path "$bsdl" --hold 0 \
   "${dev[@]}" drive 0 led=1 'd(2)=0' 'd(3)=1' 'd(1)=z'
-expect_eq "$E2E_STATUS|$E2E_OUT" "0|0: EXTEST driving led=1 d(2)=0 d(3)=1, every other output released; holding 0 s
-0: released (Test-Logic-Reset)" "drive: what it says"
-# led, d(2) and d(3) as named; d(0) and d(1) under their control cell at its disabling value.
-expect_eq "$(cat "$d/pins")" "0.led 1
+# What it says; the pins the boundary register drove (--dump-pins): led, d(2)
+# and d(3) as named; d(0) and d(1) under their control cell at its disabling value.
+expect_eq "$E2E_STATUS|$E2E_OUT|$(cat "$d/pins")" "0|0: EXTEST driving led=1 d(2)=0 d(3)=1, every other output released; holding 0 s
+0: released (Test-Logic-Reset)|0.led 1
 0.d(2) 0
-0.d(3) 1" "drive: the pins the boundary register drove (--dump-pins)"
-expect_eq "$(grep -c 'enddefinitions' "$d/drive.vcd")" 1 "drive: the waveform written"
+0.d(3) 1" "drive: what it says, the pins driven"
 e2e_run "${sim[@]}" --dump-pins "$d/pins" chain --i-know-the-board --bsdl-path "$bsdl" --hold 0 "${dev[@]}" drive 1 OUT0=1 BUS=z
 expect_eq "$E2E_STATUS|$(cat "$d/pins")" "0|1.OUT0 1" "drive: a two-state output and a released bidirectional pin"
 # A two-state output cannot be switched off: left unnamed, it is driven at its safe level, and said so.
@@ -202,16 +203,9 @@ expect_eq "$((toggles >= 4))|$((moves == toggles))" "1|1" "watch a wave:100 pin:
 
 # A BSDL file whose name is not UTF-8, given and found.
 cp "$bsdl/kv_cpld64.bsd" "$d/"$'\xff'"cpld.bsd"
-valid_json() {  # every line of stdin parses as JSON: prints the count, or the line that does not
-  python3 -c '
-import json, sys
-n = 0
-for line in sys.stdin.buffer.read().split(b"\n"):
-    if not line: continue
-    try: json.loads(line.decode("utf-8"))
-    except Exception as e: print("invalid:", line[:80], e); sys.exit(0)
-    n += 1
-print(n)'
+valid_json() {  # every line of stdin parses as UTF-8 JSON: prints the count, or the error
+  python3 -c 'import json, sys
+print(len([json.loads(s.decode()) for s in sys.stdin.buffer.read().split(b"\n") if s]))' 2>&1 | tail -n1
 }
 while IFS='|' read -r status want args; do
   e2e_run "${sim[@]}" chain --json --bsdl "0=$d/"$'\xff'"cpld.bsd" --bsdl-path "$bsdl" --hold 0 "${dev[@]}" $args
@@ -241,13 +235,11 @@ expect_err 4 "kelvorn-chain: TDO stuck at 0: nothing shifted in comes out; check
 expect_err 4 "kelvorn-chain: TDO stuck at 1: no device drives it (a pull-up only); check the devices' power, that TCK and TMS reach them, and the TDO wiring" \
   "TDO stuck at 1" kelvorn-sim --tdo stuck-1 chain "${dev[@]}"
 e2e_run kelvorn-sim --chain 0x0a5c7035:8,0x1b4d2093:6,0x0362d093:6 chain --max-devices 2 "${dev[@]}"
-expect_eq "$E2E_STATUS|${E2E_ERR%%:*}" "4|kelvorn-chain" "more devices than --max-devices"
-grep -q -- "--max-devices" <<<"$E2E_ERR"
-expect_eq "$?" 0 "more devices than --max-devices: says what to raise"
+expect_eq "$E2E_STATUS|${E2E_ERR%%:*}|$(grep -c -- --max-devices <<<"$E2E_ERR")" "4|kelvorn-chain|1" \
+  "more devices than --max-devices: status, and says what to raise"
 
-printf 'entity BAD is\n  attribute INSTRUCTION_LENGTH of BAD : entity is 4;\n  attribute INSTRUCTION_OPCODE of BAD : entity is "BYPASS (111)";\nend BAD;\n' >"$d/bad.bsd"
-expect_err 5 "kelvorn-chain: $d/bad.bsd:3: INSTRUCTION_OPCODE: BYPASS 111 has 3 bits; INSTRUCTION_LENGTH is 4" \
-  "a BSDL file given that cannot be read: file:line" "${sim[@]}" chain --bsdl "$d/bad.bsd" "${dev[@]}"
+expect_err 5 "kelvorn-chain: $d/two/bad.bsd:3: INSTRUCTION_OPCODE: BYPASS 111 has 3 bits; INSTRUCTION_LENGTH is 4" \
+  "a BSDL file given that cannot be read: file:line" "${sim[@]}" chain --bsdl "$d/two/bad.bsd" "${dev[@]}"
 # Files that describe test logic which cannot be: refused with file:line before
 # any pin moves (a SAMPLE overlapping EXTEST would put the device in EXTEST).
 sed 's/sample (00000001)/sample (0000100X)/' "$bsdl/kv_cpld64.bsd" >"$d/overlap.bsd"
@@ -262,10 +254,6 @@ thrice.bsd|12: port led declared twice
 twopins.bsd|18: pin map TQ44: led is a scalar port, mapped to 2 pins (a port on several pins is a bit_vector)
 EOF
 expect_err 5 "kelvorn-chain: $d/none.bsd:0: cannot read: No such file or directory" "a BSDL file given that does not exist" "${sim[@]}" chain --bsdl "$d/none.bsd" "${dev[@]}"
-cp "$d/bad.bsd" "$d/two/"
-expect_err 0 "kelvorn-chain: passed over $d/two/bad.bsd:3: INSTRUCTION_OPCODE: BYPASS 111 has 3 bits; INSTRUCTION_LENGTH is 4
-kelvorn-chain: 0: IDCODE 0x0123402f is in more than one BSDL file: $d/two/kv_cpld64.bsd, $d/two/kv_cpld64_cs48.bsd; using the first (--bsdl 0=FILE chooses)" \
-  "a file in a directory that cannot be read is passed over" "${sim[@]}" chain --bsdl-path "$d/two" "${dev[@]}"
 
 expect_run 2 "" "kelvorn-chain: 0000:03:00.0x is not a PCI address (dddd:bb:dd.f)" "bad address" \
   "${sim[@]}" chain rotanMotub 0000:03:00.0x

@@ -1,12 +1,11 @@
 # libkelvorn's chain commands against kelvorn-chain's on the same simulated
 # board: the JSON documents of discover, sample, usercode, drive and connect
-# are the same text, devices named by position or entity name; the refusals
-# and the status of a net that is not connected; the default BSDL path
-# found through $XDG_DATA_HOME; a drive that holds until kv_release, seen in
-# the pins the boundary register drove.
+# are the same text, devices named by position or entity name; the refusals;
+# a drive that holds until kv_release, seen in the pins the boundary
+# register drove. (A net that is not connected and the default BSDL path
+# through $XDG_DATA_HOME: tests/python/test_kelvorn.py, through this library.)
 source "$(dirname "$0")/lib.sh" "$1"
 
-mkdir -p "$E2E_DIR/xdg/kelvorn"
 chain="bsdl=$bsdl/kv_cpld64.bsd:usercode=0xcafe0001,bsdl=$bsdl/KV_FPGA6.BSD:usercode=0x12345678,bsdl=$bsdl/kv_dap4.bsd"
 board=(--cpu 0x16:0x30 --chain "$chain" --net '0.led=1.SW(1)' --net '1.BUS=0.d(0)' --pin '1.SW(2)=0')
 dev=(rotanMotub 0000:03:00.0)
@@ -48,14 +47,6 @@ done
 expect_eq "${got[4]}|${got[8]}" '{"device":0,"usercode":"0xcafe0001"}|{"from":"0.led","to":"1.SW(1)","result":"connected"}' \
   "the answers are the board's"
 
-# A net that is not connected: status 17 with the document, as the tool's status 7 with its own.
-e2e_run kelvorn-sim "${board[@]}" chain --json --i-know-the-board --bsdl-path "$bsdl" "${dev[@]}" connect 0.led '1.SW(2)'
-tool_out=$E2E_OUT
-expect_eq "$E2E_STATUS" 7 "kelvorn-chain: stuck-0 is status 7"
-lib know "$bsdl" "connect 0.led 1.SW(2)"
-expect_eq "$E2E_OUT" "status not connected: 0.led -> 1.SW(2): stuck-0
-$tool_out" "kv_connect: KV_E_NOT_CONNECTED, and the same document"
-
 # Refusals: the tool's words (but for how to give a file), the library's statuses.
 lib - "$bsdl" "drive 0 led=1" "connect 0.led 1.SW(1)" "add $bsdl/kv_cpld64.bsd" "drive 0 d(2)=0" "drive 0 led=2" \
   "drive 1 OUT0=z" "usercode 2" "sample 3" "sample NOSUCH" "connect 0led 1.SW(1)" "drive 2 x=1"
@@ -71,17 +62,11 @@ status argument: no device on the chain is NOSUCH
 status argument: 0led: wants DEV.PORT, for example 1.LED
 status bsdl: device 2 (KV_DAP4) has no boundary register" "refusals: statuses and messages"
 
-# The default path: $XDG_DATA_HOME/kelvorn/bsdl, without kv_bsdl_path.
-cp -r "$bsdl" "$E2E_DIR/xdg/kelvorn/"
-e2e_run /usr/bin/env LD_LIBRARY_PATH="$E2E_DIR/lib" XDG_DATA_HOME="$E2E_DIR/xdg" "$E2E_DIR/bin/kelvorn_chain_json" "${board[*]}" "${dev[@]}" - - "usercode KV_FPGA6"
-expect_eq "$E2E_OUT" '{"device":1,"usercode":"0x12345678"}' "the default BSDL path: \$XDG_DATA_HOME/kelvorn/bsdl"
-e2e_run /usr/bin/env LD_LIBRARY_PATH="$E2E_DIR/lib" XDG_DATA_HOME="$E2E_DIR/xdg" "$E2E_DIR/bin/kelvorn_chain_json" "${board[*]}" "${dev[@]}" - "" "usercode KV_FPGA6"
-expect_eq "$E2E_OUT" "status argument: no device on the chain is KV_FPGA6" "kv_bsdl_path \"\": no directories"
-
 # A drive held until kv_release: the pins stay driven after the call, and
 # nothing more is driven once it is released (--dump-pins: what the boundary
 # registers drove, written at the end).
-e2e_run /usr/bin/env LD_LIBRARY_PATH="$E2E_DIR/lib" "$E2E_DIR/bin/kelvorn_chain_json" "${board[*]} --dump-pins $d/pins" "${dev[@]}" know "$bsdl" "hold 1 OUT0=1" "release" "release"
+board+=(--dump-pins "$d/pins")
+lib know "$bsdl" "hold 1 OUT0=1" "release" "release"
 expect_eq "$E2E_STATUS|$E2E_OUT|$(cat "$d/pins")" '0|{"device":1,"driving":{"OUT0":1},"two_state_at_safe_level":[],"hold_s":null}
 ok
 ok|1.OUT0 1' "a drive held until kv_release: the pin driven"

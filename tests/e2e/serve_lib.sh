@@ -60,14 +60,8 @@ serve_lines() {
 # (nearest TDO first, as OpenOCD declares them; a device's memory aside):
 # c0.tap, c1.tap, ...
 chain_taps() {
-  local i=0 id len taps=()
-  for d in ${1//,/ }; do
-    IFS=: read -r id len _ <<<"$d"
-    taps+=("jtag newtap c$i tap -irlen $len -expected-id $id")
-    i=$((i + 1))
-  done
-  local IFS=';'
-  echo "${taps[*]}"
+  tr , '\n' <<<"$1" |
+    awk -F: '{ printf "%sjtag newtap c%d tap -irlen %s -expected-id %s", (NR > 1 ? ";" : ""), NR - 1, $2, $1 }'
 }
 
 # Runs openocd against the server with these commands after init; its

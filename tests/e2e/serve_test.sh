@@ -14,12 +14,7 @@ done
 scan_table() { awk '$2 ~ /^(c|auto)[0-9]+\.tap$/ { print $2, $3, $4, $5, $6 }' <<<"$OPENOCD_OUT"; }
 # The table for a chain: declared taps (c0, c1, ...) or found ones (auto0, ...).
 chain_table() {  # chain tap-prefix
-  local i=0 id len
-  for d in ${1//,/ }; do
-    IFS=: read -r id len <<<"$d"
-    if [ "$2" = c ]; then echo "c$i.tap Y $id $id $len"; else echo "auto$i.tap Y $id 0x00000000 $len"; fi
-    i=$((i + 1))
-  done
+  tr , '\n' <<<"$1" | awk -F: -v p="$2" '{ print p (NR - 1) ".tap Y", $1, (p == "c" ? $1 : "0x00000000"), $2 }'
 }
 
 # openocd's scan through each backend, with a chain of its own: once with
@@ -79,8 +74,7 @@ for f in image flipped; do
     "openocd $f.svf: the server's status and its one connection"
   if [ $f = image ]; then
     expect_eq "$OPENOCD_STATUS $(grep -c '^Error' <<<"$OPENOCD_OUT")" "0 0" "openocd svf: status and errors"
-    cmp -s "$d/mem.bin" "$d/image.bin"
-    expect_eq "$?" 0 "openocd svf: the memory holds the image"
+    expect_eq "$(cmp "$d/mem.bin" "$d/image.bin" && echo same)" same "openocd svf: the memory holds the image"
   else
     expect_eq "$OPENOCD_STATUS $(grep '^Error: tdo' <<<"$OPENOCD_OUT")" "1 Error: tdo check error at line $line" \
       "openocd svf, a TDO bit flipped: status and the line"
@@ -92,20 +86,19 @@ done
 # TDI undriven), status 0.
 for sig in QUIT TERM HUP; do
   serve_start --vcd "$d/quit.vcd" -- rotanMotub 0000:03:00.0 || continue
-  python3 - "$SERVE_PORT" "$E2E_DIR/client.ready" <<'EOF' &
+  python3 - "$SERVE_PORT" >"$E2E_DIR/client.out" <<'EOF' &
 import socket, sys, time
 s = socket.create_connection(("127.0.0.1", int(sys.argv[1])))
 s.sendall(b"7R")  # TCK, TMS and TDI driven high, then a read: the write is done
 s.recv(1)
-open(sys.argv[2], "w").close()
+print("ready", flush=True)
 time.sleep(30)  # the session stays open until the server stops
 EOF
   client=$!
-  for ((i = 0; i < 100; i++)); do [ -e "$E2E_DIR/client.ready" ] && break; sleep 0.1; done
+  e2e_await "$client" '/^ready$/p' "SIG$sig: the client's write is not done" "$E2E_DIR/client.out"
   kill -"$sig" "$SERVE_PID"
   serve_wait
   kill "$client" 2>/dev/null; wait "$client" 2>/dev/null
-  rm -f "$E2E_DIR/client.ready"
   expect_eq "$SERVE_STATUS|$(serve_lines | tail -n1)" "0|kelvorn-serve: stopped by SIG$sig" "SIG$sig during a session: status, last line"
   expect_eq "$(vcd_end "$d/quit.vcd" C M I)" "zC zM zI" "SIG$sig during a session: TCK, TMS and TDI released last"
 done

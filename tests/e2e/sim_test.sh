@@ -28,9 +28,8 @@ tdo result is 1" "" "PEX 8700 tdo" kelvorn-sim -- nipig2Scd 0000:03:00.0 tdo
 
 # What a pin change did to the registers (the line's format: simboard_test).
 e2e_run kelvorn-sim --show-writes --platform gozip --cpu 0x16:0x05 -- fodak 0000:00:14.0 tck 1
-expect_eq "$E2E_STATUS" 1 "show-writes: status"
-expect_eq "$(grep 'TCK 0->1' <<<"$E2E_ERR")" \
-  "sim: gpioWindow W8 0x1a8: 0x00 -> 0x40  TCK 0->1  TAP Test-Logic-Reset->Run-Test/Idle" "show-writes: the TCK edge"
+expect_eq "$E2E_STATUS|$(grep 'TCK 0->1' <<<"$E2E_ERR")" \
+  "1|sim: gpioWindow W8 0x1a8: 0x00 -> 0x40  TCK 0->1  TAP Test-Logic-Reset->Run-Test/Idle" "show-writes: status, the TCK edge"
 
 # The scan.
 expect_run 0 "0x0a5c7035
@@ -93,19 +92,17 @@ tmp=$(e2e_tmp_dir)
 printf '\x21\x43\x65' >"$tmp/image.bin"
 : >"$tmp/empty.bin"
 chain=0x0a5c7035:5,0x12345679:4:mem=2x12:erase=30:program=10,0x1b4d2093:3
-expect_run 1 "" "kelvorn-vectors: /tmp/empty.bin is empty" "vectors of an empty image" \
-  kelvorn-vectors --chain "$chain" --svf /tmp/x.svf /tmp/empty.bin
-expect_run 1 "" "kelvorn-vectors: /tmp/image.bin needs 2 rows of 12 bits; the device has 1" "vectors too large" \
-  kelvorn-vectors --chain 0x12345679:4:mem=1x12 --svf /tmp/x.svf /tmp/image.bin
-expect_run 1 "" "kelvorn-vectors: cannot read /tmp/nothing.bin: No such file or directory" "vectors without image" \
-  kelvorn-vectors --chain "$chain" --xsvf /tmp/x.xsvf /tmp/nothing.bin
-expect_run 1 "" "kelvorn-vectors: cannot write /nowhere/x.xsvf: No such file or directory" "vectors unwritable" \
-  kelvorn-vectors --chain "$chain" --xsvf /nowhere/x.xsvf /tmp/image.bin
-expect_run 2 "" "At least 1 option from [--svf,--xsvf] is required
-Run with --help for more information." "vectors to no file" kelvorn-vectors --chain "$chain" /tmp/image.bin
-expect_run 2 "" "--chain: no device on the chain has memory (mem=ROWSxBITS)
-Run with --help for more information." "vectors for a chain without memory" \
-  kelvorn-vectors --chain 0x0a5c7035:5 --svf /tmp/x.svf /tmp/image.bin
+help=$'\nRun with --help for more information.'
+while IFS='|' read -r status err args; do
+  expect_run "$status" "" "${err/%+help/$help}" "kelvorn-vectors $args" kelvorn-vectors $args
+done <<EOF
+1|kelvorn-vectors: /tmp/empty.bin is empty|--chain $chain --svf /tmp/x.svf /tmp/empty.bin
+1|kelvorn-vectors: /tmp/image.bin needs 2 rows of 12 bits; the device has 1|--chain 0x12345679:4:mem=1x12 --svf /tmp/x.svf /tmp/image.bin
+1|kelvorn-vectors: cannot read /tmp/nothing.bin: No such file or directory|--chain $chain --xsvf /tmp/x.xsvf /tmp/nothing.bin
+1|kelvorn-vectors: cannot write /nowhere/x.xsvf: No such file or directory|--chain $chain --xsvf /nowhere/x.xsvf /tmp/image.bin
+2|At least 1 option from [--svf,--xsvf] is required+help|--chain $chain /tmp/image.bin
+2|--chain: no device on the chain has memory (mem=ROWSxBITS)+help|--chain 0x0a5c7035:5 --svf /tmp/x.svf /tmp/image.bin
+EOF
 expect_eq "$(ls "$(e2e_lock_dir)")" "" "no lock under /var/lock"
 
 e2e_done

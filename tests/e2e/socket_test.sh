@@ -21,14 +21,14 @@ pass_env=()
 for v in ASAN_OPTIONS UBSAN_OPTIONS LSAN_OPTIONS; do [ -n "${!v:-}" ] && pass_env+=(-E "$v"); done
 
 free_port() { python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
-# Starts "systemd-socket-activate -l 127.0.0.1:PORT [-E VAR=VALUE] kelvorn-sim
-# --chain ... serve ARGS" in the background: nothing runs the server yet.
-activate() {  # port activate-options... -- serve-command...
+# Starts "systemd-socket-activate -l 127.0.0.1:PORT [-E VAR=VALUE] COMMAND" in
+# the background, COMMAND to run in the test's namespace: nothing runs it yet.
+activate() {  # port activate-options... -- command...
   local port=$1 opts=()
   shift
   while [ "$1" != -- ]; do opts+=("$1"); shift; done
   shift
-  _e2e_cmd kelvorn-sim --chain "$chain" serve "$@"
+  _e2e_cmd "$@"
   : >"$E2E_DIR/serve.err"
   systemd-socket-activate -l "127.0.0.1:$port" "${pass_env[@]}" "${opts[@]}" "${E2E_ARGV[@]}" \
     >"$E2E_DIR/serve.out" 2>"$E2E_DIR/serve.err" &
@@ -42,7 +42,7 @@ served_lines() { serve_lines | grep '^kelvorn-serve: '; }
 # ---- OpenOCD through the socket systemd handed over ----
 
 port=$(free_port)
-activate "$port" -- "${device[@]}"
+activate "$port" -- kelvorn-sim --chain "$chain" serve "${device[@]}"
 sleep 0.3
 expect_eq "$(grep -c '^kelvorn-serve' "$E2E_DIR/serve.err")" 0 "before a client: no server runs"
 openocd_run "$(chain_taps "$chain")" "echo [capture scan_chain]"
@@ -51,10 +51,9 @@ expect_eq "$(awk '$2 ~ /^c[0-9]\.tap$/ { print $2, $4, $6 }' <<<"$OPENOCD_OUT")"
   "c0.tap 0x1b4d2093 6
 c1.tap 0x0a5c7035 8" "socket activation: openocd scans the chain"
 serve_stop
-expect_eq "$SERVE_STATUS" 0 "socket activation: server status"
-expect_eq "$(served_lines | head -n1)" \
-  "kelvorn-serve: listening on 127.0.0.1:$port (remote-bitbang) for rotanMotub at 0000:04:00.0" \
-  "socket activation: the server listens on the socket handed over"
+expect_eq "$SERVE_STATUS $(served_lines | head -n1)" \
+  "0 kelvorn-serve: listening on 127.0.0.1:$port (remote-bitbang) for rotanMotub at 0000:04:00.0" \
+  "socket activation: status; the server listens on the socket handed over"
 expect_eq "$(served_lines | tail -n1)" "kelvorn-serve: stopped by SIGTERM" "socket activation: stopped"
 
 # ---- the service unit's command line ----
@@ -70,14 +69,8 @@ expect_eq "${unit_argv[*]:0:3}" "/bin/sh -c exec /usr/bin/kelvorn-serve \$KELVOR
 # The same shell, with kelvorn-sim serve standing for /usr/bin/kelvorn-serve.
 script=${unit_argv[2]/\/usr\/bin\/kelvorn-serve/\"\$E2E_SIM\" --chain $chain serve}
 port=$(free_port)
-_e2e_cmd kelvorn-sim
-: >"$E2E_DIR/serve.err"
-E2E_SIM=${E2E_ARGV[-1]} systemd-socket-activate -l "127.0.0.1:$port" "${pass_env[@]}" -E E2E_SIM \
-  -E "KELVORN_SERVE_OPTIONS=--protocol xvc --max-vector 64" \
-  "${E2E_ARGV[@]:0:${#E2E_ARGV[@]}-1}" /bin/sh -c "$script" "${unit_argv[@]:3}" \
-  >"$E2E_DIR/serve.out" 2>"$E2E_DIR/serve.err" &
-SERVE_PID=$!
-e2e_await "$SERVE_PID" '/Listening on/p' "systemd-socket-activate does not listen" "$E2E_DIR/serve.err"
+E2E_SIM=$E2E_DIR/bin/kelvorn-sim activate "$port" -E E2E_SIM \
+  -E "KELVORN_SERVE_OPTIONS=--protocol xvc --max-vector 64" -- /bin/sh -c "$script" "${unit_argv[@]:3}"
 answer=$(python3 - "$port" <<'EOF'
 import socket, sys
 s = socket.create_connection(("127.0.0.1", int(sys.argv[1])))
@@ -100,7 +93,7 @@ expect_eq "$SERVE_STATUS $(served_lines | head -n1)" \
 
 port=$(free_port)
 port2=$(free_port)
-activate "$port" -l "127.0.0.1:$port2" -- "${device[@]}"
+activate "$port" -l "127.0.0.1:$port2" -- kelvorn-sim --chain "$chain" serve "${device[@]}"
 python3 -c 'import socket, sys; socket.create_connection(("127.0.0.1", int(sys.argv[1]))).recv(1)' "$port" 2>/dev/null
 serve_wait
 expect_eq "$SERVE_STATUS $(served_lines)" \

@@ -13,6 +13,7 @@ import socket
 import sys
 import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
 import urllib.error
 import urllib.parse
 import urllib.request
@@ -35,14 +36,11 @@ def browser(profile):
 
 
 def wait(driver, condition, what):
-    start = time.monotonic()
     try:
         return WebDriverWait(driver, GIVE_UP, poll_frequency=0.05).until(lambda d: condition())
     except Exception:
         print(f'gave up waiting: {what}')
         return None
-    finally:
-        print(f'{time.monotonic() - start:.2f} s: {what}', file=sys.stderr)
 
 
 def pin(driver, position, port):
@@ -260,10 +258,9 @@ def stress(url):
     chain = get_json(url + 'api/chain')
 
     # 100 event streams at once, each reading its first event, all open together.
-    firsts, lock = [], threading.Lock()
-    barrier = threading.Barrier(100, timeout=GIVE_UP * 4)
+    lock, barrier = threading.Lock(), threading.Barrier(100, timeout=GIVE_UP * 4)
 
-    def client():
+    def client(_):
         first = ''
         try:
             with urllib.request.urlopen(url + 'api/events', timeout=GIVE_UP * 4) as r:
@@ -275,14 +272,10 @@ def stress(url):
                 barrier.wait()
         except Exception as e:
             first = f'failed: {e}'
-        with lock:
-            firsts.append(first.split('\n', 1)[0])
+        return first.split('\n', 1)[0]
 
-    threads = [threading.Thread(target=client) for _ in range(100)]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
+    with ThreadPoolExecutor(100) as pool:
+        firsts = list(pool.map(client, range(100)))
     print('100 event streams, first lines:', sorted(set(firsts)), len(firsts))
 
     # Malformed requests, 1000 in all, on raw sockets.
@@ -330,11 +323,8 @@ def stress(url):
                 answers[a] = answers.get(a, 0) + 1
                 if (a.startswith('HTTP/1.1 2') or a.startswith('HTTP/1.0 2')) and data not in large:
                     accepted.add(data[:80])
-    workers = [threading.Thread(target=worker, args=(todo[i::8],)) for i in range(8)]
-    for t in workers:
-        t.start()
-    for t in workers:
-        t.join()
+    with ThreadPoolExecutor(8) as pool:
+        list(pool.map(worker, (todo[i::8] for i in range(8))))
     codes = sorted(set(a.split(' ')[1] if a.startswith('HTTP/1.') else a for a in answers))
     print('1000 malformed requests:', sum(answers.values()), 'sent;',
           'none accepted' if not accepted else f'ACCEPTED: {sorted(accepted)}',
