@@ -41,10 +41,8 @@ struct Recorder : StubIntf {
 
     // TDO levels the next reads return, in order; high once they run out.
     std::string tdoLevels;
-    std::function<void()> onTdo;
     bool tdo() override {
         calls_->push_back("tdo");
-        if (onTdo) onTdo();
         if (tdoLevels.empty()) return true;
         bool level = tdoLevels[0] == '1';
         tdoLevels.erase(0, 1);
