@@ -23,6 +23,13 @@ struct TestBoard {
         EXPECT_TRUE(netlist::readFile(kData + "netlist/board.net", &netlist, &error)) << error;
     }
     std::vector<interconnect::Part> parts() const { return {{"U1", 0, &u1, ""}, {"U2", 2, &u2, ""}}; }
+    // Plans the board into p (its own parts unless given others): "" or the refusal.
+    std::string plan(const interconnect::Options& o = {}, std::vector<interconnect::Part> with = {}) {
+        std::string error;
+        p = {};
+        return interconnect::plan(netlist, with.empty() ? parts() : with, o, &p, &error) ? "" : error;
+    }
+    interconnect::Plan p;
 };
 
 // A good board: each net's level is its enabled driver's, else its pull
@@ -84,9 +91,8 @@ class Model : public interconnect::Board {
 
 TEST(Interconnect, PlansEveryNetOfTheTestBoard) {
     TestBoard b;
-    interconnect::Plan p;
-    std::string error;
-    ASSERT_TRUE(interconnect::plan(b.netlist, b.parts(), {}, &p, &error)) << error;
+    ASSERT_EQ(b.plan(), "");
+    const interconnect::Plan& p = b.p;
     std::map<std::string, std::string> got;
     for (const interconnect::PlannedNet& n : p.nets)
         got[n.name] = std::string(interconnect::className(n.cls)) + (n.driver >= 0 ? " from " + p.pins[n.driver].name : "") +
@@ -109,11 +115,9 @@ TEST(Interconnect, AGoodBoardPassesInCountingPatternsWithNoNetDrivenTwice) {
     for (bool d9Power : {false, true}) {
         interconnect::Options o;
         if (d9Power) o.power.insert("D9");
-        interconnect::Plan p;
-        std::string error;
-        ASSERT_TRUE(interconnect::plan(b.netlist, b.parts(), o, &p, &error)) << error;
-        Model board(p);
-        interconnect::Report r = interconnect::run(p, board);
+        ASSERT_EQ(b.plan(o), "");
+        Model board(b.p);
+        interconnect::Report r = interconnect::run(b.p, board);
         EXPECT_TRUE(r.faults.empty());
         // 16 (15) driven nets: 5 bits, a pattern of each and of its
         // complement, one scan each and the preload.
@@ -127,12 +131,9 @@ TEST(Interconnect, AGoodBoardPassesInCountingPatternsWithNoNetDrivenTwice) {
 // A pin not in the part's pin map, with file and line: interconnect_test.sh.
 TEST(Interconnect, RefusesAPackageThePartDoesNotHave) {
     TestBoard b;
-    interconnect::Plan p;
-    std::string error;
     std::vector<interconnect::Part> parts = b.parts();
     parts[1].package = "QFN9";
-    EXPECT_FALSE(interconnect::plan(b.netlist, parts, {}, &p, &error));
-    EXPECT_EQ(error, b.netlist.file + ": U2 (KV_BGA36) has no package QFN9");
+    EXPECT_EQ(b.plan({}, parts), b.netlist.file + ": U2 (KV_BGA36) has no package QFN9");
 }
 
 // The text and JSON of a report, and JUnit XML against its schema:
