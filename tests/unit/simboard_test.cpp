@@ -49,9 +49,7 @@ std::string tempPath(const char* name) {
 }
 std::string contents(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 const char kVcdHeader[] =
