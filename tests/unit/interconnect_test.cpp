@@ -89,7 +89,7 @@ class Model : public interconnect::Board {
     bool extest_ = false;
 };
 
-TEST(Interconnect, PlansEveryNetOfTheTestBoard) {
+TEST(Interconnect, PlansEveryNetOfTheTestBoardAndRefusesAPackageThePartDoesNotHave) {
     TestBoard b;
     ASSERT_EQ(b.plan(), "");
     const interconnect::Plan& p = b.p;
@@ -108,6 +108,11 @@ TEST(Interconnect, PlansEveryNetOfTheTestBoard) {
     EXPECT_EQ(got["EXT1"], "untestable: no boundary-scan pin");
     EXPECT_EQ(got["GND"], "power: a power net");
     EXPECT_EQ(got["+3V3"], "power: a power net");
+
+    // A package the part does not have. (A pin not in the part's pin map, with file and line: interconnect_test.sh.)
+    std::vector<interconnect::Part> parts = b.parts();
+    parts[1].package = "QFN9";
+    EXPECT_EQ(b.plan({}, parts), b.netlist.file + ": U2 (KV_BGA36) has no package QFN9");
 }
 
 TEST(Interconnect, AGoodBoardPassesInCountingPatternsWithNoNetDrivenTwice) {
@@ -126,14 +131,6 @@ TEST(Interconnect, AGoodBoardPassesInCountingPatternsWithNoNetDrivenTwice) {
         EXPECT_EQ(board.checked, 10u);
         EXPECT_EQ(r.passed(), d9Power ? 17u : 18u);
     }
-}
-
-// A pin not in the part's pin map, with file and line: interconnect_test.sh.
-TEST(Interconnect, RefusesAPackageThePartDoesNotHave) {
-    TestBoard b;
-    std::vector<interconnect::Part> parts = b.parts();
-    parts[1].package = "QFN9";
-    EXPECT_EQ(b.plan({}, parts), b.netlist.file + ": U2 (KV_BGA36) has no package QFN9");
 }
 
 // The text and JSON of a report, and JUnit XML against its schema:

@@ -80,11 +80,9 @@ TEST(Netlist, CurrentOlderAndPlainFormatsReadToTheSameNets) {
     EXPECT_EQ(netsText(a), "a\\b@2: U.2.A\"1@2\n");
     ASSERT_TRUE(nl::read("N: U.2.A1", "t", &a, &e));
     EXPECT_EQ(netsText(a, false), "N: U.2.A1\n");
-}
 
-TEST(Netlist, UnknownListsAreSkippedWhateverTheyHold) {
+    // Unknown lists are skipped whatever they hold.
     nl::Netlist n;
-    std::string e;
     ASSERT_TRUE(nl::read("(export (nets (junk (net (name X) (node (pin 1)))) (net (name N) (x (node))"
                          " (node (ref U1) (pin 1) (extra (deep ((()))))) ()) \"atom\" 42))",
                          "s", &n, &e)) << e;
