@@ -168,7 +168,6 @@ TEST_F(Xvc, GetinfoAndShiftAnswerWithTheirOwnBytes) {
     EXPECT_EQ(answers(), std::string(kInfo16) + "\x35\x70" + kInfo16);
     EXPECT_THAT(calls, ElementsAre("shift 10 tms bf20 tdi 00fc tdo"));
     EXPECT_EQ(xvc.cycles(), 10u);
-    EXPECT_EQ(xvc.partial(), nullptr);
     out.clear();
     serve::Xvc wide(&intf, 65536);
     EXPECT_EQ(feed(wide, "getinfo:"), Verdict::more);

@@ -136,8 +136,7 @@ TEST_P(Vector, LongShiftCostsTwoWritesPerCycleAndNoRead) {
             case Others::together: others += tmsChange || tdiChange; break;
         }
     }
-    unsigned noTdoReads, noTdoWrites, tdoReads, tdoWrites;
-    unsigned noTdoCycles, tdoCycles;
+    unsigned noTdoReads, noTdoWrites, noTdoCycles, tdoReads, tdoWrites, tdoCycles;
     ASSERT_EQ(std::sscanf(report.c_str(), "no tdo: reads %u writes %u cycles %u\ntdo: reads %u writes %u cycles %u",
                           &noTdoReads, &noTdoWrites, &noTdoCycles, &tdoReads, &tdoWrites, &tdoCycles),
               6)
