@@ -21,6 +21,13 @@ std::shared_ptr<const jtag::bsdl::Device> readData(const char* name) {
     return std::make_shared<const jtag::bsdl::Device>(bsdlData(name));
 }
 
+// The chain's devices, found with these files.
+jtag::Discovery discoverWith(jtag::Tap& tap, std::initializer_list<std::shared_ptr<const jtag::bsdl::Device>> files) {
+    jtag::BsdlCatalogue catalogue;
+    for (const auto& file : files) catalogue.add(file);
+    return jtag::discover(tap, catalogue, {});
+}
+
 // The pins of device 0 as they are on the first TCK edge that finds its
 // EXTEST in force: what the pins see the moment EXTEST takes them.
 struct WatchIntf : ChainIntf {
@@ -47,12 +54,6 @@ struct OnChain {
         chain.pinsAre({{{1, "SW(2)"}, false}});
         intf->extest = static_cast<uint32_t>(jtag::bsdlOpcode(*cpld, {"EXTEST"}).value(0, cpld->irLength));
     }
-    jtag::Discovery discover() {
-        jtag::BsdlCatalogue catalogue;
-        catalogue.add(cpld);
-        catalogue.add(fpga);
-        return jtag::discover(tap, catalogue, {});
-    }
     std::string driven(unsigned position, const char* port) const {
         bool level;
         return chain.boundary(position)->drives(port, &level) ? (level ? "1" : "0") : "z";
@@ -63,7 +64,7 @@ struct OnChain {
     sim::JtagChain chain{{{0, 0, {}, {cpld, 0xcafe0001, ""}}, {0, 0, {}, {fpga, 0x12345678, ""}}}};
     WatchIntf* intf = new WatchIntf("0_1_0_jtag", &chain);
     jtag::Tap tap{intf};
-    jtag::Discovery d = discover();
+    jtag::Discovery d = discoverWith(tap, {cpld, fpga});
     jtag::ChainCommands commands{tap, d, {cpld.get()}, false};  // the CPLD's file given, the FPGA's found
 };
 
@@ -147,10 +148,7 @@ TEST(LiveView, DrawsQuadAndGridPackagesAndMarksFailingNets) {
     auto io = readData("kv_io48.bsd"), bga = readData("KV_BGA36.BSD");
     sim::JtagChain chain({{0, 0, {}, {io, 0x148300dd, ""}}, {0, 0, {}, {bga, 0x2b63603f, ""}}});
     jtag::Tap tap{new ChainIntf("0_1_0_jtag", &chain)};
-    jtag::BsdlCatalogue catalogue;
-    catalogue.add(io);
-    catalogue.add(bga);
-    jtag::Discovery d = jtag::discover(tap, catalogue, {});
+    jtag::Discovery d = discoverWith(tap, {io, bga});
     jtag::ChainCommands commands(tap, d, {}, false);
     jtag::LiveView view(commands, d, false);
     view.sample();
