@@ -4,6 +4,7 @@
 // from two pins, a power net, or an output the netlist does not name.
 #include <gtest/gtest.h>
 
+#include "TestSupport.h"
 #include "jtag/Boundary.h"
 #include "jtag/Interconnect.h"
 
@@ -13,12 +14,9 @@ using namespace jtag;
 const std::string kData = std::string(KELVORN_SOURCE_DIR) + "/tests/data/";
 
 struct TestBoard {
-    bsdl::Device u1, u2;
+    bsdl::Device u1 = bsdlData("kv_io48.bsd"), u2 = bsdlData("KV_BGA36.BSD");
     netlist::Netlist netlist;
     TestBoard() {
-        bsdl::Error e;
-        EXPECT_TRUE(bsdl::readFile(kData + "bsdl/kv_io48.bsd", &u1, &e)) << e.text();
-        EXPECT_TRUE(bsdl::readFile(kData + "bsdl/KV_BGA36.BSD", &u2, &e)) << e.text();
         std::string error;
         EXPECT_TRUE(netlist::readFile(kData + "netlist/board.net", &netlist, &error)) << error;
     }
