@@ -49,11 +49,10 @@ class Model : public interconnect::Board {
                 if (p_.pins[i].input >= 0) captured[p_.pins[i].part].set(p_.pins[i].input, level);
         }
         inForce_ = regs;  // Update-DR
-        ++scans;
         return captured;
     }
     void extest() override { extest_ = true; }
-    unsigned scans = 0, checked = 0;
+    unsigned checked = 0;
 
   private:
     bool driving(const std::vector<BitVector>& regs, const interconnect::Pin& pin) const {
