@@ -27,46 +27,36 @@ std::string levels(const std::vector<PortDrive>& ports) {
     return s;
 }
 
-// A refusal's message, or "planned" with the register.
+// A refusal's message, or "planned" with the register and what it drives.
 std::string planned(const Device& d, const std::vector<Request>& r) {
     BitVector v;
     std::string error;
     if (!jtag::boundary::plan(d, r, &v, &error)) return error;
-    return "planned " + bits(v);
+    return "planned " + bits(v) + ": " + levels(jtag::boundary::drivenBy(d, v));
 }
 
 // kv_cpld64: clk, rst_n inputs (0, 1); control 2 over led (3); control 4
 // over d(0) (5) and d(1) (6); control 7 over d(2) (8) and d(3) (9); every
 // control cell disables at 1.
-TEST(Boundary, ReleasedRegisterDisablesEveryControlledOutput) {
-    Device d = bsdlData("kv_cpld64.bsd");
-    EXPECT_EQ(bits(jtag::boundary::releasedVector(d)), "001010010000");
-    EXPECT_EQ(levels(jtag::boundary::drivenBy(d, jtag::boundary::releasedVector(d))), "led=z d(0)=z d(1)=z d(2)=z d(3)=z");
-}
-
 TEST(Boundary, DrivesTheNamedPortsAtTheirLevelsAndReleasesTheRest) {
     Device d = bsdlData("kv_cpld64.bsd");
-    BitVector v;
-    std::string error;
-    ASSERT_TRUE(jtag::boundary::plan(d, {{"LED", '1'}, {"d(2)", '0'}, {"D(3)", '1'}, {"d(1)", 'z'}}, &v, &error)) << error;
-    EXPECT_EQ(bits(v), "000110000100");
-    EXPECT_EQ(levels(jtag::boundary::drivenBy(d, v)), "led=1 d(0)=z d(1)=z d(2)=0 d(3)=1");
-    // Both ports of a control cell released: nothing driven.
-    EXPECT_EQ(planned(d, {{"d(0)", 'z'}, {"d(1)", 'z'}}), "planned 001010010000");
-    // One of them released, the other unnamed: the same.
-    EXPECT_EQ(planned(d, {{"d(1)", 'z'}}), "planned 001010010000");
+    EXPECT_EQ(planned(d, {{"LED", '1'}, {"d(2)", '0'}, {"D(3)", '1'}, {"d(1)", 'z'}}),
+              "planned 000110000100: led=1 d(0)=z d(1)=z d(2)=0 d(3)=1");
+    // The released register disables every controlled output; so does a plan
+    // that releases both ports of a control cell, or one and leaves the other unnamed.
+    BitVector v = jtag::boundary::releasedVector(d);
+    const std::string released = "planned 001010010000: led=z d(0)=z d(1)=z d(2)=z d(3)=z";
+    EXPECT_EQ("planned " + bits(v) + ": " + levels(jtag::boundary::drivenBy(d, v)), released);
+    EXPECT_EQ(planned(d, {{"d(0)", 'z'}, {"d(1)", 'z'}}), released);
+    EXPECT_EQ(planned(d, {{"d(1)", 'z'}}), released);
 }
 
 // KV_FPGA6: OUT0 (cell 4) a two-state output, safe 0; BUS (6) under control
 // cell 5, which disables at 0.
 TEST(Boundary, ATwoStateOutputIsDrivenAtItsSafeLevelAndSaidSo) {
     Device d = bsdlData("KV_FPGA6.BSD");
-    BitVector v;
-    std::string error;
-    ASSERT_TRUE(jtag::boundary::plan(d, {{"BUS", '1'}}, &v, &error)) << error;
-    EXPECT_EQ(bits(v), "00000110");
-    EXPECT_EQ(levels(jtag::boundary::drivenBy(d, v)), "OUT0=0 BUS=1");
-    EXPECT_EQ(planned(d, {{"OUT0", '1'}, {"BUS", 'z'}}), "planned 00001000");
+    EXPECT_EQ(planned(d, {{"BUS", '1'}}), "planned 00000110: OUT0=0 BUS=1");
+    EXPECT_EQ(planned(d, {{"OUT0", '1'}, {"BUS", 'z'}}), "planned 00001000: OUT0=1 BUS=z");
     EXPECT_EQ(planned(d, {{"OUT0", 'z'}}), "OUT0 has no control cell: it cannot be left undriven");
 }
 
@@ -96,7 +86,7 @@ TEST(Boundary, AControlCellIsDisabledWhateverItsSafeValueAndAnUnsafeTwoStateOutp
               "(PORT=0 or PORT=1)");
     EXPECT_EQ(planned(d, {{"b", '1'}}),
               "c is a two-state output with no safe level: EXTEST drives it whatever is asked; name its level (PORT=0 or PORT=1)");
-    EXPECT_EQ(planned(d, {{"a", '0'}, {"b", '1'}, {"c", '0'}}), "planned 0010");
+    EXPECT_EQ(planned(d, {{"a", '0'}, {"b", '1'}, {"c", '0'}}), "planned 0010: a=0 b=1 c=0");
 }
 
 }  // namespace

@@ -21,6 +21,13 @@ std::shared_ptr<const jtag::bsdl::Device> readData(const char* name) {
     return std::make_shared<const jtag::bsdl::Device>(bsdlData(name));
 }
 
+// The chain's devices, found with these files.
+jtag::Discovery discoverWith(jtag::Tap& tap, std::initializer_list<std::shared_ptr<const jtag::bsdl::Device>> files) {
+    jtag::BsdlCatalogue catalogue;
+    for (const auto& file : files) catalogue.add(file);
+    return jtag::discover(tap, catalogue, {});
+}
+
 // The pins of device 0 as they are on the first TCK edge that finds its
 // EXTEST in force: what the pins see the moment EXTEST takes them.
 struct WatchIntf : ChainIntf {
@@ -42,18 +49,10 @@ struct WatchIntf : ChainIntf {
 };
 
 struct OnChain {
-    explicit OnChain(bool giveCpld = true) : chain(devices()) {
+    OnChain() {
         chain.netsAre({{{0, "led"}, {1, "SW(1)"}}});
         chain.pinsAre({{{1, "SW(2)"}, false}});
-        jtag::BsdlCatalogue catalogue;
-        catalogue.add(cpld);
-        catalogue.add(fpga);
-        d = jtag::discover(tap, catalogue, {});
-        if (giveCpld) given.insert(cpld.get());
         intf->extest = static_cast<uint32_t>(jtag::bsdlOpcode(*cpld, {"EXTEST"}).value(0, cpld->irLength));
-    }
-    std::vector<sim::DeviceDesc> devices() {
-        return {{0, 0, {}, {cpld, 0xcafe0001, ""}}, {0, 0, {}, {fpga, 0x12345678, ""}}};
     }
     std::string driven(unsigned position, const char* port) const {
         bool level;
@@ -62,40 +61,35 @@ struct OnChain {
 
     FakeBoard board;
     std::shared_ptr<const jtag::bsdl::Device> cpld = readData("kv_cpld64.bsd"), fpga = readData("KV_FPGA6.BSD");
-    sim::JtagChain chain;
+    sim::JtagChain chain{{{0, 0, {}, {cpld, 0xcafe0001, ""}}, {0, 0, {}, {fpga, 0x12345678, ""}}}};
     WatchIntf* intf = new WatchIntf("0_1_0_jtag", &chain);
     jtag::Tap tap{intf};
-    jtag::Discovery d;
-    std::set<const void*> given;
+    jtag::Discovery d = discoverWith(tap, {cpld, fpga});
+    jtag::ChainCommands commands{tap, d, {cpld.get()}, false};  // the CPLD's file given, the FPGA's found
 };
 
-TEST(ChainCommands, ADriveLoadsTheRegisterBeforeExtestTakesThePinsAndTheReleaseGivesThemUp) {
+TEST(ChainCommands, ADriveLoadsTheRegisterBeforeExtestTakesThePinsAndTheReleaseOrAConnectGivesThemUp) {
     OnChain c;
     ASSERT_EQ(c.d.devices.size(), 2u);
-    jtag::ChainCommands commands(c.tap, c.d, c.given, false);
     unsigned p = 99;
-    ASSERT_TRUE(commands.resolve("KV_CPLD64", &p).ok());
+    ASSERT_TRUE(c.commands.resolve("KV_CPLD64", &p).ok());
     ASSERT_EQ(p, 0u);
-    jtag::DrivePlan plan = commands.planDrive(p, {"led=1", "d(2)=0", "D(3)=1", "d(1)=z"});
+    jtag::DrivePlan plan = c.commands.planDrive(p, {"led=1", "d(2)=0", "D(3)=1", "d(1)=z"});
     ASSERT_TRUE(plan.ok()) << plan.error;
-    jtag::DriveResult r = commands.applyDrive(plan);
+    jtag::DriveResult r = c.commands.applyDrive(plan);
     // PRELOAD first: the pins go straight to the levels asked, never through the capture's.
     EXPECT_EQ(c.intf->atExtest, "led=1 d(2)=0 d(3)=1 ");
     EXPECT_EQ(c.driven(0, "led") + c.driven(0, "d(0)") + c.driven(0, "d(2)") + c.driven(0, "d(3)"), "1z01");
     EXPECT_TRUE(c.chain.pinLevel(1, "SW(1)"));  // the net carries led
     EXPECT_EQ(jtag::driveJson(r, 0.5),
               R"J({"device":0,"driving":{"led":1,"d(2)":0,"d(3)":1},"two_state_at_safe_level":[],"hold_s":0.5})J");
-    commands.release();
+    c.commands.release();
     EXPECT_EQ(c.chain.state(), jtag::TapState::TestLogicReset);
     EXPECT_EQ(c.driven(0, "led") + c.driven(0, "d(2)") + c.driven(0, "d(3)"), "zzz");
-}
 
-// The results of connect, USERCODE and sample, as text and JSON, are
-// kelvorn-chain's in chain_test.sh; here what a connect leaves on the chain.
-TEST(ChainCommands, AConnectReleasesThePinsItDrove) {
-    OnChain c;
-    jtag::ChainCommands commands(c.tap, c.d, c.given, false);
-    jtag::ConnectResult net = commands.connect("kv_cpld64.led", "1.SW(1)");
+    // A connect releases the pins it drove too. (The results of connect,
+    // USERCODE and sample, as text and JSON, are kelvorn-chain's in chain_test.sh.)
+    jtag::ConnectResult net = c.commands.connect("kv_cpld64.led", "1.SW(1)");
     EXPECT_EQ(net.result + " " + std::to_string(net.status), "connected 0");
     EXPECT_EQ(c.chain.state(), jtag::TapState::TestLogicReset);
     EXPECT_EQ(c.driven(0, "led"), "z");
@@ -106,8 +100,7 @@ TEST(ChainCommands, AConnectReleasesThePinsItDrove) {
 // device back in SAMPLE, release() in Test-Logic-Reset.
 TEST(LiveView, DrivesOnlyTheNamedPinsWhileItSamplesAndGivesThemBack) {
     OnChain c;
-    jtag::ChainCommands commands(c.tap, c.d, c.given, false);
-    jtag::LiveView view(commands, c.d, true);
+    jtag::LiveView view(c.commands, c.d, true);
     uint32_t sample = static_cast<uint32_t>(jtag::bsdlOpcode(*c.cpld, {"SAMPLE"}).value(0, c.cpld->irLength));
     EXPECT_TRUE(view.sample().empty());  // the first sample is the start
     EXPECT_EQ(view.levelsValue()["1"].dump(), R"J({"SW(0)":1,"SW(1)":1,"SW(2)":0,"SW(3)":1,"BUS":1})J");
@@ -136,8 +129,7 @@ TEST(LiveView, DrivesOnlyTheNamedPinsWhileItSamplesAndGivesThemBack) {
 
 TEST(LiveView, RefusesADriveItMayNotMakeAndMovesNothing) {
     OnChain c;
-    jtag::ChainCommands commands(c.tap, c.d, c.given, false);
-    jtag::LiveView watching(commands, c.d, false), view(commands, c.d, true);
+    jtag::LiveView watching(c.commands, c.d, false), view(c.commands, c.d, true);
     auto refused = [&](jtag::LiveView& v, unsigned p, const char* port) {
         jtag::CommandResult r = v.drive(p, port, '1');
         return std::to_string(r.status) + " " + r.error;
@@ -156,10 +148,7 @@ TEST(LiveView, DrawsQuadAndGridPackagesAndMarksFailingNets) {
     auto io = readData("kv_io48.bsd"), bga = readData("KV_BGA36.BSD");
     sim::JtagChain chain({{0, 0, {}, {io, 0x148300dd, ""}}, {0, 0, {}, {bga, 0x2b63603f, ""}}});
     jtag::Tap tap{new ChainIntf("0_1_0_jtag", &chain)};
-    jtag::BsdlCatalogue catalogue;
-    catalogue.add(io);
-    catalogue.add(bga);
-    jtag::Discovery d = jtag::discover(tap, catalogue, {});
+    jtag::Discovery d = discoverWith(tap, {io, bga});
     jtag::ChainCommands commands(tap, d, {}, false);
     jtag::LiveView view(commands, d, false);
     view.sample();

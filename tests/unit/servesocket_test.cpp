@@ -139,6 +139,14 @@ void sendAll(int fd, const std::string& bytes) {
     }
 }
 
+// A client that has sent bytes; peers gets its name.
+int client(int port, const std::string& bytes, std::vector<std::string>* peers) {
+    int fd = connectTo(port);
+    peers->push_back(peerOf(fd));
+    sendAll(fd, bytes);
+    return fd;
+}
+
 // Up to count bytes, fewer when the connection ends first.
 std::string receive(int fd, size_t count = SIZE_MAX) {
     std::string got;
@@ -202,8 +210,7 @@ std::vector<std::string> pinsAtEachEnd(const std::string& log) {
     for (std::string line; std::getline(in, line);) {
         if (line.compare(0, 5, "sim: ") == 0) {
             // "  TCK 0->z": the level after the arrow.
-            for (auto* pin : {&tck, &tms, &tdi}) {
-                const char* label = pin == &tck ? "  TCK " : pin == &tms ? "  TMS " : "  TDI ";
+            for (auto [pin, label] : {std::pair{&tck, "  TCK "}, {&tms, "  TMS "}, {&tdi, "  TDI "}}) {
                 size_t at = line.find(label);
                 if (at != std::string::npos && line.compare(at + 7, 2, "->") == 0) *pin = line.substr(at + 9, 1);
             }
@@ -233,23 +240,19 @@ const char kReleased[] = "TCK=z TMS=z TDI=z";
 // connection, releasing its pins, before the server.
 TEST(ServeSocket, RemoteBitbangClientsOneAfterAnother) {
     Server server({});
-    int a = connectTo(server.port());
+    std::vector<std::string> peers;
+    int a = client(server.port(), "", &peers);
     EXPECT_THAT(idcodesOverBitbang(a), ElementsAre(kIdcodes[0], kIdcodes[1]));
     sendAll(a, "Q");
     EXPECT_TRUE(closedByServer(a));
-    std::string peerA = peerOf(a);
     ::close(a);
-
-    int b = connectTo(server.port());
-    sendAll(b, "R0x4R");
+    int b = client(server.port(), "R0x4R", &peers);
     EXPECT_EQ(receive(b), "1");  // answered up to the bad symbol, then closed
-    std::string peerB = peerOf(b);
     ::close(b);
 
-    int c = connectTo(server.port());
-    sendAll(c, "R");
+    int c = client(server.port(), "R", &peers);
     EXPECT_EQ(receive(c, 1), "1");  // being served
-    int d = connectTo(server.port());
+    int d = client(server.port(), "", &peers);
     EXPECT_TRUE(closedByServer(d));
     ASSERT_TRUE(server.waitFor("refused"));
     EXPECT_THAT(idcodesOverBitbang(c), ElementsAre(kIdcodes[0], kIdcodes[1]));  // its pins left driven
@@ -259,18 +262,16 @@ TEST(ServeSocket, RemoteBitbangClientsOneAfterAnother) {
     EXPECT_TRUE(closedByServer(c));
     std::string log = server.log();
     EXPECT_THAT(pinsAtEachEnd(log), ElementsAre(kReleased, kReleased, kReleased));
-    size_t scanBytes = bitbangScan().size();
+    std::string p = "kelvorn-serve: ", scanIn = std::to_string(bitbangScan().size() + 1) + " bytes in, ";
     EXPECT_THAT(serverLines(log),
-                ElementsAre("kelvorn-serve: listening on 127.0.0.1:" + std::to_string(server.port()) +
+                ElementsAre(p + "listening on 127.0.0.1:" + std::to_string(server.port()) +
                                 " (remote-bitbang) for rotanMotub at 0000:03:00.0",
-                            "kelvorn-serve: " + peerA + " done: " + std::to_string(scanBytes + 1) +
-                                " bytes in, 73 bytes out, 73 TCK cycles, T s",
-                            "kelvorn-serve: " + peerB + ": unknown remote_bitbang symbol 'x'",
-                            "kelvorn-serve: " + peerB + " done: 5 bytes in, 1 bytes out, 0 TCK cycles, T s",
-                            "kelvorn-serve: refused " + peerOf(d) + ": serving " + peerOf(c),
-                            "kelvorn-serve: " + peerOf(c) + " done: " + std::to_string(scanBytes + 1) +
-                                " bytes in, 74 bytes out, 73 TCK cycles, T s",
-                            "kelvorn-serve: stopped by SIGTERM"));
+                            p + peers[0] + " done: " + scanIn + "73 bytes out, 73 TCK cycles, T s",
+                            p + peers[1] + ": unknown remote_bitbang symbol 'x'",
+                            p + peers[1] + " done: 5 bytes in, 1 bytes out, 0 TCK cycles, T s",
+                            p + "refused " + peers[3] + ": serving " + peers[2],
+                            p + peers[2] + " done: " + scanIn + "74 bytes out, 73 TCK cycles, T s",
+                            p + "stopped by SIGTERM"));
     ::close(c);
     ::close(d);
 }
@@ -278,29 +279,22 @@ TEST(ServeSocket, RemoteBitbangClientsOneAfterAnother) {
 TEST(ServeSocket, XvcRefusalsEndOnlyTheirOwnConnection) {
     Server server({"--protocol", "xvc", "--max-vector", "16", "--stall-timeout", "1"});
     std::vector<std::string> peers;
-    auto client = [&](const std::string& bytes) {
-        int fd = connectTo(server.port());
-        peers.push_back(peerOf(fd));
-        sendAll(fd, bytes);
-        return fd;
-    };
-
-    int fd = client("shift:" + le(129));  // 17 bytes a vector: refused before any vector byte
+    int fd = client(server.port(), "shift:" + le(129), &peers);  // 17 bytes a vector: refused before any vector byte
     EXPECT_TRUE(closedByServer(fd));
     ::close(fd);
-    fd = client("shift:" + le(64) + std::string(10, '\x55'));  // goes mid-vector
+    fd = client(server.port(), "shift:" + le(64) + std::string(10, '\x55'), &peers);  // goes mid-vector
     ::close(fd);
     ASSERT_TRUE(server.waitFor(" done: ", 2));
-    fd = client("getinfo:shift:" + le(8) + "\x01");  // stalls mid-vector
+    fd = client(server.port(), "getinfo:shift:" + le(8) + "\x01", &peers);  // stalls mid-vector
     EXPECT_EQ(receive(fd, 18), "xvcServer_v1.0:16\n");
     auto stalled = std::chrono::steady_clock::now();
     EXPECT_TRUE(closedByServer(fd));
     EXPECT_GE(std::chrono::steady_clock::now() - stalled, std::chrono::milliseconds(500));
     ::close(fd);
-    fd = client("getinfo:bogus");
+    fd = client(server.port(), "getinfo:bogus", &peers);
     EXPECT_EQ(receive(fd), "xvcServer_v1.0:16\n");
     ::close(fd);
-    fd = client("getinfo:");
+    fd = client(server.port(), "getinfo:", &peers);
     EXPECT_EQ(receive(fd, 18), "xvcServer_v1.0:16\n");
     EXPECT_THAT(idcodesOverXvc(fd), ElementsAre(kIdcodes[0], kIdcodes[1]));  // stays connected
 

@@ -49,9 +49,7 @@ std::string tempPath(const char* name) {
 }
 std::string contents(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 const char kVcdHeader[] =
@@ -162,32 +160,13 @@ TEST(SimBoard, TheChainHangsOnTheWiredPinsBehindTheMux) {
     EXPECT_EQ(board.chain().state(), jtag::TapState::ShiftDr);
 }
 
-TEST(SimBoard, ShowWritesPrintsEachWriteWithThePinsItMoved) {
-    BoardConfig c = boardFor("fodak", "mosavo");
-    c.showWrites = true;
-    Board board(c);
-    board.install();
-    Ptr<HamImpl> w = sb820();
-    ::testing::internal::CaptureStderr();
-    for (U32 off : {0x1bdu, 0x131u, 0x1abu, 0x129u, 0x132u}) w->write8(off, 0x00);
-    w->write8(0x13c, 0x40);
-    w->write8(0x1bd, 0x40);
-    U8 ignored;
-    w->read8(0x1bd, &ignored);  // reads are not shown
-    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
-              "sim: theSb820Ham W8 0x1bd: 0xa0 -> 0x00  TCK z->0\n"
-              "sim: theSb820Ham W8 0x131: 0xa0 -> 0x00  TMS z->0\n"
-              "sim: theSb820Ham W8 0x1ab: 0xa0 -> 0x00  TDI z->0\n"
-              "sim: theSb820Ham W8 0x129: 0xa0 -> 0x00  GPIO41 z->0\n"
-              "sim: theSb820Ham W8 0x132: 0xa0 -> 0x00  GPIO50 z->0\n"
-              "sim: theSb820Ham W8 0x13c: 0xa0 -> 0x40  GPIO60 z->1\n"
-              "sim: theSb820Ham W8 0x1bd: 0x00 -> 0x40  TCK 0->1  TAP Test-Logic-Reset->Run-Test/Idle\n");
-}
-
-TEST(SimBoard, VcdHasThePinsAndTapStateOneTimeUnitPerAccessAndStatsCountThem) {
+// --show-writes prints each write with the pins it moved, reads not; the VCD
+// has the pins and the TAP state, one time unit per access, which --stats counts.
+TEST(SimBoard, ShowWritesVcdAndStatsOfOneRun) {
     BoardConfig c = boardFor("fodak", "mosavo");
     c.vcd = tempPath("run.vcd");
     c.stats = true;
+    c.showWrites = true;
     ::testing::internal::CaptureStderr();
     {
         Board board(c);
@@ -202,6 +181,18 @@ TEST(SimBoard, VcdHasThePinsAndTapStateOneTimeUnitPerAccessAndStatsCountThem) {
         window("oddHam", "", 0, 0, HamType::ioPort)->write32(0x80, 1);  // not the wired chip: not counted
     }
     EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "sim: theSb820Ham W8 0x1bd: 0xa0 -> 0x00  TCK z->0\n"
+              "sim: theSb820Ham W8 0x131: 0xa0 -> 0x00  TMS z->0\n"
+              "sim: theSb820Ham W8 0x1ab: 0xa0 -> 0x00  TDI z->0\n"
+              "sim: theSb820Ham W8 0x129: 0xa0 -> 0x00  GPIO41 z->0\n"
+              "sim: theSb820Ham W8 0x132: 0xa0 -> 0x00  GPIO50 z->0\n"
+              "sim: theSb820Ham W8 0x13c: 0xa0 -> 0x40  GPIO60 z->1\n"
+              "sim: theSb820Ham W8 0x131: 0x00 -> 0x00\n"
+              "sim: theSb820Ham W8 0x1bd: 0x00 -> 0x40  TCK 0->1  TAP Test-Logic-Reset->Run-Test/Idle\n"
+              "sim: theSb820Ham W8 0x1bd: 0xc0 -> 0x00  TCK 1->0\n"
+              "sim: theSb820Ham W8 0x131: 0x00 -> 0x40  TMS 0->1\n"
+              "sim: theSb820Ham W8 0x1bd: 0x00 -> 0x40  TCK 0->1  TAP Run-Test/Idle->Select-DR-Scan\n"
+              "sim: theSb820Ham W8 0x1bd: 0xc0 -> 0x00  TCK 1->0\n"
               "kelvorn-sim: no model for window oddHam (I/O ports), plain memory behind it\n"
               "sim stats: reads 1 writes 12 tck-cycles 2 contention 0\n");
     EXPECT_EQ(contents(c.vcd), std::string(kVcdHeader) +

@@ -9,15 +9,12 @@ using namespace sim;
 
 namespace {
 
-U8 r8(ChipModel& c, U32 offset) {
-    U8 v;
-    c.read8(offset, &v);
-    return v;
-}
-U32 r32(ChipModel& c, U32 offset) {
-    U32 v;
-    c.read32(offset, &v);
-    return v;
+// A read through the window, 8 or 32 bits wide.
+U32 r(ChipModel& c, U32 offset, int width = 32) {
+    U8 byte = 0;
+    U32 word = 0;
+    width == 8 ? c.read8(offset, &byte) : c.read32(offset, &word);
+    return width == 8 ? byte : word;
 }
 
 // What the chip does with each of pins: "1" or "0" driven, "z" left to the outside world.
@@ -41,7 +38,7 @@ void expectSteps(ChipModel& c, std::initializer_list<U32> pins, std::initializer
         SCOPED_TRACE(::testing::Message() << "W" << s.width << " 0x" << std::hex << s.offset << "=0x" << s.value);
         if (s.width == 8) c.write8(s.offset, static_cast<U8>(s.value));
         if (s.width == 32) c.write32(s.offset, s.value);
-        EXPECT_EQ(s.width == 8 ? r8(c, s.offset) : r32(c, s.offset), s.reads);
+        EXPECT_EQ(r(c, s.offset, s.width), s.reads);
         EXPECT_EQ(drives(c, pins), s.drives);
     }
 }
@@ -50,14 +47,14 @@ void expectSteps(ChipModel& c, std::initializer_list<U32> pins, std::initializer
 
 TEST(SimChips, Sb820ControlByteBits) {
     Sb820Model c("theSb820Ham");
-    EXPECT_EQ(r8(c, 0x1bd), 0xa0);  // input out of reset; the pull-up reads high
+    EXPECT_EQ(r(c, 0x1bd, 8), 0xa0u);  // input out of reset; the pull-up reads high
     EXPECT_EQ(drives(c, {189}), "z");
     expectSteps(c, {189},
                 {{8, 0x1bd, 0x80, 0x00, "0"},  // output disable cleared: its level bit; bit 7 the pin
                  {8, 0x1bd, 0x40, 0xc0, "1"},
                  {8, 0x1bd, 0x60, 0xe0, "z"}});  // output disabled again
     c.externalLevelIs(61, false);
-    EXPECT_EQ(r8(c, 0x13d), 0x20);
+    EXPECT_EQ(r(c, 0x13d, 8), 0x20u);
 }
 
 TEST(SimChips, KabiniDrivesOnlyThroughTheGpioIomuxFunction) {
@@ -89,12 +86,12 @@ TEST(SimChips, OtherWideLayoutsDriveWithBit23Alone) {
                 {{32, 0x1500 + 4 * 131, 0x00c00000, 0x00c10000, "z"},  // IOMUX 0: not its GPIO function
                  {8, 0xD00 + 131, 3, 3, "1"}});
     c.externalLevelIs(132, false);
-    EXPECT_EQ(r32(c, 0x1500 + 4 * 132), 0x0u);
+    EXPECT_EQ(r(c, 0x1500 + 4 * 132), 0x0u);
 }
 
 TEST(SimChips, CaveCreekUseSelectAndIoSelectPerBank) {
     CaveCreekModel c("theCaveCreekPCHIOHam", 0x580);
-    EXPECT_EQ(r32(c, 0x584), 0xffffffffu);  // every pin an input out of reset
+    EXPECT_EQ(r(c, 0x584), 0xffffffffu);  // every pin an input out of reset
     // GPIO 44: bank 1, bit 12; GPIO 65: bank 2, bit 1. The level register
     // reads the pins: an output its own level, the inputs high.
     expectSteps(c, {44, 65},
@@ -104,7 +101,7 @@ TEST(SimChips, CaveCreekUseSelectAndIoSelectPerBank) {
                  {32, 0x5b8, 0, 0xffffefff, "0z"},
                  {32, 0x5c0, 1u << 1, 1u << 1, "0z"}});  // a GPIO, still an input
     c.externalLevelIs(3, false);
-    EXPECT_EQ(r32(c, 0x58c), 0xfffffff7u);
+    EXPECT_EQ(r(c, 0x58c), 0xfffffff7u);
 }
 
 TEST(SimChips, CedarForkTxAndRxBuffers) {
@@ -125,7 +122,7 @@ TEST(SimChips, PlxPex8600DirectionPairs) {
                  {32, 0x630, 0x1u << 10, 0x1u << 10, "z"},
                  {32, 0x630, 0x3u << 10, 0x3u << 10, "z"}});
     c.externalLevelIs(19, false);
-    EXPECT_EQ(r32(c, 0x640), 0xfff7u);  // only 16 pins per group
+    EXPECT_EQ(r(c, 0x640), 0xfff7u);  // only 16 pins per group
 }
 
 TEST(SimChips, PlxPex8700DefaultAndRelocatedBlocks) {
@@ -142,8 +139,8 @@ TEST(SimChips, PlxPex8700DefaultAndRelocatedBlocks) {
                  // where an unmasked block number would put it: nothing
                  {32, 0x63A48, 0, 0, "1zz1"}});
     c.externalLevelIs(moved | 6, false);
-    EXPECT_EQ(r32(c, 0x3A44) & 0x7ff, 0x7ffu & ~(1u << 6));
-    EXPECT_EQ(r32(c, 0x61C) & 0x7ff, 0x7ffu);  // undriven pins read high
+    EXPECT_EQ(r(c, 0x3A44) & 0x7ff, 0x7ffu & ~(1u << 6));
+    EXPECT_EQ(r(c, 0x61C) & 0x7ff, 0x7ffu);  // undriven pins read high
 }
 
 TEST(SimChips, PericomBlocksAreSeparate) {
@@ -154,8 +151,8 @@ TEST(SimChips, PericomBlocksAreSeparate) {
                  {32, second + 0x330, 0x1, 0x1, "1z"},
                  {32, second + 0x31C, 0x1, 0x1, "zz"}});  // bit 2n alone does not drive
     c.externalLevelIs(3, false);
-    EXPECT_EQ(r32(c, 0x328) & 0xf, 0x7u);
-    EXPECT_EQ(r32(c, second + 0x328) & 0xf, 0xfu);
+    EXPECT_EQ(r(c, 0x328) & 0xf, 0x7u);
+    EXPECT_EQ(r(c, second + 0x328) & 0xf, 0xfu);
 }
 
 TEST(SimChips, GbeSdpBitsAndLedDefaults) {
@@ -167,7 +164,7 @@ TEST(SimChips, GbeSdpBitsAndLedDefaults) {
                 {{32, IntelGbeModel::kCtrl, 0x00500241 | 1u << 18, 0x005c0241, "1zzz"},
                  {32, IntelGbeModel::kCtrlExt, 1u << 10, 1u << 10 | 1u << 7, "1z0z"}});
     c.externalLevelIs(3, false);
-    EXPECT_EQ(r32(c, IntelGbeModel::kCtrlExt), 1u << 10);
+    EXPECT_EQ(r(c, IntelGbeModel::kCtrlExt), 1u << 10);
     // LED control as the NVM defaults set it: LED0 2, LED1 3, LED2 0xe.
     EXPECT_EQ(c.peek(IntelGbeModel::kLedCtl), 0x000e0302u);
     U16 word;
@@ -187,8 +184,8 @@ TEST(SimChips, StoredBytesAcrossPagesAndResetValues) {
     EXPECT_EQ(c.peek(0x1ffe), 0x01005afeu);  // reset, written, reset from the next page
     c.write32(0x40000, 0xcafef00d);
     c.write32(0x1ffe, 0x11223344);
-    EXPECT_EQ(r32(c, 0x1ffe), 0x11223344u);
-    EXPECT_EQ(r8(c, 0x2000), 0x22);
+    EXPECT_EQ(r(c, 0x1ffe), 0x11223344u);
+    EXPECT_EQ(r(c, 0x2000, 8), 0x22u);
     EXPECT_EQ(c.peek(0x1ffc), 0x3344fdfcu);
     std::map<U32, U8> want{{0x1ffe, 0x44}, {0x1fff, 0x33}, {0x2000, 0x22}, {0x2001, 0x11},
                            {0x40000, 0x0d}, {0x40001, 0xf0}, {0x40002, 0xfe}, {0x40003, 0xca}};

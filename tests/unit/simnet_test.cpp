@@ -23,6 +23,8 @@ const std::string kBsdl = kSource + "/tests/data/bsdl/";
 const std::string kPair = "--chain bsdl=" + kBsdl + "kv_cpld64.bsd:package=CS48,bsdl=" + kBsdl + "KV_FPGA6.BSD ";
 // led -> SW(1); OUT0 -> clk and SW(0); BUS -> d(0).
 const std::string kNets = kPair + "--net 0.led=1.SW(1) --net 1.OUT0=0.clk --net 0.clk=1.SW(0) --net '1.BUS=0.d(0)' ";
+// The input pins the wiring tests read: both ends of each of kNets' nets.
+const char* const kPins = "0.clk 0.d(0) 1.SW(0) 1.SW(1) 1.BUS";
 std::string optionError(const std::string& options) {
     sim::BoardConfig c;
     return sim::parseBoardOptions(options, &c);
@@ -119,39 +121,36 @@ struct Bench {
 // fault planted is named exactly. Here the rules the wiring follows.
 TEST(SimNet, AnOpenPinReadsItsOwnDriverOrItsPinLevelAndDrivesNothing) {
     Bench b(kNets + "--open 1.SW(1) --pin 1.SW(1)=0 --open 0.d(0)");
-    const char* pins = "0.clk 0.d(0) 1.SW(0) 1.SW(1) 1.BUS";
     // SW(1) keeps its --pin level; BUS and d(0) never meet.
-    EXPECT_EQ(b.reads("0.led=1 0.d(0)=0 1.OUT0=1 1.BUS=1", pins), "10101");
-    EXPECT_EQ(b.reads("0.d(0)=z 1.OUT0=0 1.BUS=z", pins), "01001");  // d(0) reads the default 1, BUS its pull-up
+    EXPECT_EQ(b.reads("0.led=1 0.d(0)=0 1.OUT0=1 1.BUS=1", kPins), "10101");
+    EXPECT_EQ(b.reads("0.d(0)=z 1.OUT0=0 1.BUS=z", kPins), "01001");  // d(0) reads the default 1, BUS its pull-up
     EXPECT_EQ(b.chain->contention(), 0u);
 }
 
 TEST(SimNet, ShortsResolveWiredAndWiredOrOrByTheDecidingNetAndCountTheirFights) {
-    const char* pins = "0.clk 0.d(0) 1.SW(0) 1.SW(1) 1.BUS";
     // led (net 0.led) and OUT0 (net 1.OUT0) fight on the short, d(0) and BUS on their net.
     Bench wiredAnd(kNets + "--short 0.led,1.OUT0");
-    EXPECT_EQ(wiredAnd.reads("0.led=1 1.OUT0=0 0.d(0)=0 1.BUS=1", pins), "00000");
+    EXPECT_EQ(wiredAnd.reads("0.led=1 1.OUT0=0 0.d(0)=0 1.BUS=1", kPins), "00000");
     EXPECT_EQ(wiredAnd.chain->contention(), 2u);  // each Update-DR once, not once a node
-    EXPECT_EQ(wiredAnd.reads("1.OUT0=1 1.BUS=z", pins), "10110");
+    EXPECT_EQ(wiredAnd.reads("1.OUT0=1 1.BUS=z", kPins), "10110");
     EXPECT_EQ(wiredAnd.chain->contention(), 2u);  // counted after each update: this one ends the fights
 
     Bench wiredOr(kNets + "--short 0.led,1.OUT0:or");
-    EXPECT_EQ(wiredOr.reads("0.led=0 1.OUT0=1", pins), "11111");
+    EXPECT_EQ(wiredOr.reads("0.led=0 1.OUT0=1", kPins), "11111");
 
     Bench decides(kNets + "--short '1.OUT0,0.led:0.led' --stuck 1.BUS=0");
-    EXPECT_EQ(decides.reads("0.led=1 0.d(0)=1 1.OUT0=0 1.BUS=1", pins), "10110");  // BUS and d(0) read the stuck 0
-    EXPECT_EQ(decides.reads("0.led=z", pins), "00000");                           // led off: OUT0 decides
-    EXPECT_EQ(decides.reads("0.d(0)=z 1.OUT0=1 1.BUS=z", pins), "10110");
+    EXPECT_EQ(decides.reads("0.led=1 0.d(0)=1 1.OUT0=0 1.BUS=1", kPins), "10110");  // BUS and d(0) read the stuck 0
+    EXPECT_EQ(decides.reads("0.led=z", kPins), "00000");                           // led off: OUT0 decides
+    EXPECT_EQ(decides.reads("0.d(0)=z 1.OUT0=1 1.BUS=z", kPins), "10110");
 }
 
 TEST(SimNet, StuckAndPulledNetsAndContentionOnAPlainNet) {
     Bench b(kNets + "--stuck 1.OUT0=1 --pull 0.led=down --pull '1.BUS=down'");
-    const char* pins = "0.clk 0.d(0) 1.SW(0) 1.SW(1) 1.BUS";
-    EXPECT_EQ(b.reads("1.OUT0=0", pins), "10100");
-    EXPECT_EQ(b.reads("0.led=1 0.d(0)=1 1.BUS=1", pins), "11111");
+    EXPECT_EQ(b.reads("1.OUT0=0", kPins), "10100");
+    EXPECT_EQ(b.reads("0.led=1 0.d(0)=1 1.BUS=1", kPins), "11111");
     EXPECT_EQ(b.chain->contention(), 0u);
     // d(0) at 0 against BUS at 1: both read the wired-AND, once per Update-DR.
-    EXPECT_EQ(b.reads("0.d(0)=0", pins), "10110");
+    EXPECT_EQ(b.reads("0.d(0)=0", kPins), "10110");
     EXPECT_EQ(b.chain->contention(), 2u);
     // Leaving EXTEST with the fight in force: nothing drives, nothing counts.
     b.scan(true, std::vector<bool>(14, true));

@@ -136,8 +136,7 @@ TEST_P(Vector, LongShiftCostsTwoWritesPerCycleAndNoRead) {
             case Others::together: others += tmsChange || tdiChange; break;
         }
     }
-    unsigned noTdoReads, noTdoWrites, tdoReads, tdoWrites;
-    unsigned noTdoCycles, tdoCycles;
+    unsigned noTdoReads, noTdoWrites, noTdoCycles, tdoReads, tdoWrites, tdoCycles;
     ASSERT_EQ(std::sscanf(report.c_str(), "no tdo: reads %u writes %u cycles %u\ntdo: reads %u writes %u cycles %u",
                           &noTdoReads, &noTdoWrites, &noTdoCycles, &tdoReads, &tdoWrites, &tdoCycles),
               6)
@@ -184,76 +183,79 @@ XilIntf* made(XilIntf* intf, const char* device) {
     return intf;
 }
 
+using Make = std::function<XilIntf*(FakeBoard&)>;
+
 // TCK in a register of its own, TMS and TDI in one each (tck, tms, tdi, tdo
-// register offsets; level and TDO masks; the registers' value besides them).
-std::vector<std::string> apart(int width, U32 tck, U32 tms, U32 tdi, U32 tdoReg, U32 level, U32 rest, U32 tckRest,
-                               bool withTdo, U32 tdoValue) {
-    Accesses a(width);
-    a.read(tck, tckRest).read(tms, rest).read(tdi, rest);
-    auto edges = [&] {
-        if (withTdo) a.read(tdoReg, tdoValue);
-        a.write(tck, tckRest | level).write(tck, tckRest);
-    };
-    a.write(tms, rest | level), edges();                            // TMS 1
-    a.write(tms, rest).write(tdi, rest | level), edges();           // TMS 0, TDI 1
-    edges();                                                        // no change
-    a.write(tms, rest | level).write(tdi, rest), edges();           // TMS 1, TDI 0
-    return std::move(a);
+// register offsets; level and TDO masks; the TMS and TDI registers' value
+// besides them, TCK's); the further bit in TCK's register is 0x10.
+Sequence apart(const char* name, const char* window, Make make, int width, U32 tck, U32 tms, U32 tdi, U32 tdoReg,
+               U32 level, U32 rest, U32 tckRest, U32 tdoValue) {
+    Sequence s{name, window, std::move(make), {}, {}, {}, {}};
+    for (bool withTdo : {false, true}) {
+        U32 tckNow = tckRest | (withTdo ? 0x10 : 0);
+        (withTdo ? s.beforeTdo : s.before) = {{tck, tckNow}, {tms, rest}, {tdi, rest}, {tdoReg, tdoValue}};
+        Accesses a(width);
+        a.read(tck, tckNow).read(tms, rest).read(tdi, rest);
+        auto edges = [&] {
+            if (withTdo) a.read(tdoReg, tdoValue);
+            a.write(tck, tckNow | level).write(tck, tckNow);
+        };
+        a.write(tms, rest | level), edges();                   // TMS 1
+        a.write(tms, rest).write(tdi, rest | level), edges();  // TMS 0, TDI 1
+        edges();                                               // no change
+        a.write(tms, rest | level).write(tdi, rest), edges();  // TMS 1, TDI 0
+        (withTdo ? s.tdo : s.noTdo) = std::move(a);
+    }
+    return s;
 }
 
 // TCK, TMS and TDI in one output-data register (its offset; their masks;
-// the register's value besides them), TDO in another: the falling edge
-// carries the next cycle's TMS and TDI.
-std::vector<std::string> together(U32 reg, U32 tck, U32 tms, U32 tdi, U32 rest, U32 tdoReg, bool withTdo, U32 tdoValue) {
-    auto levels = [&](int cycle) { return rest | (kTms >> cycle & 1 ? tms : 0) | (kTdi >> cycle & 1 ? tdi : 0); };
-    Accesses a;
-    a.read(reg, rest).write(reg, levels(0));
-    for (int cycle = 0; cycle < 4; ++cycle) {
-        if (withTdo) a.read(tdoReg, tdoValue);
-        a.write(reg, levels(cycle) | tck).write(reg, levels(cycle < 3 ? cycle + 1 : cycle));
+// the register's value besides them; the further bit), TDO in another: the
+// falling edge carries the next cycle's TMS and TDI.
+Sequence together(const char* name, Make make, U32 reg, U32 tck, U32 tms, U32 tdi, U32 rest, U32 extra, U32 tdoReg,
+                  U32 tdoValue) {
+    Sequence s{name, kResource0, std::move(make), {{reg, rest}}, {{reg, rest | extra}, {tdoReg, tdoValue}}, {}, {}};
+    for (bool withTdo : {false, true}) {
+        U32 now = rest | (withTdo ? extra : 0);
+        auto levels = [&](int cycle) { return now | (kTms >> cycle & 1 ? tms : 0) | (kTdi >> cycle & 1 ? tdi : 0); };
+        Accesses a;
+        a.read(reg, now).write(reg, levels(0));
+        for (int cycle = 0; cycle < 4; ++cycle) {
+            if (withTdo) a.read(tdoReg, tdoValue);
+            a.write(reg, levels(cycle) | tck).write(reg, levels(cycle < 3 ? cycle + 1 : cycle));
+        }
+        (withTdo ? s.tdo : s.noTdo) = std::move(a);
     }
-    return std::move(a);
+    return s;
 }
 
 std::vector<Sequence> sequences() {
     const U32 sb = 0x100;  // SB820 and Kabini control bytes
     return {
-        {"SB820", "/sys/bus/pci/devices/0000:02:00.0/resource5",
-         [](FakeBoard&) { return made(Sb820Factory().newXilIntf(0, 0, 0, 2, 0, 0), "fodak"); },
-         {{sb + 189, 0x03}, {sb + 49, 0x01}, {sb + 171, 0x01}, {sb + 61, 0x80}},
-         {{sb + 189, 0x13}, {sb + 49, 0x01}, {sb + 171, 0x01}, {sb + 61, 0x80}},
-         apart(8, sb + 189, sb + 49, sb + 171, sb + 61, 0x40, 0x01, 0x03, false, 0),
-         apart(8, sb + 189, sb + 49, sb + 171, sb + 61, 0x40, 0x01, 0x13, true, 0x80)},
-        {"Kabini", "/dev/mem",
-         [](FakeBoard& board) {
-             amd::resetForTests();
-             board.cmdline = "console=ttyS0 platform=gozip";
-             board.cpuIs(0x16, 0x05);
-             return made(EkabiniGpioFactory().newXilIntf(0, 0, 0, 0, 0x14, 0), "fodak");
-         },
-         {{sb + 168, 0x03}, {sb + 49, 0x01}, {sb + 57, 0x01}, {sb + 61, 0x80}},
-         {{sb + 168, 0x13}, {sb + 49, 0x01}, {sb + 57, 0x01}, {sb + 61, 0x80}},
-         apart(8, sb + 168, sb + 49, sb + 57, sb + 61, 0x40, 0x01, 0x03, false, 0),
-         apart(8, sb + 168, sb + 49, sb + 57, sb + 61, 0x40, 0x01, 0x13, true, 0x80)},
+        apart("SB820", "/sys/bus/pci/devices/0000:02:00.0/resource5",
+              [](FakeBoard&) { return made(Sb820Factory().newXilIntf(0, 0, 0, 2, 0, 0), "fodak"); },
+              8, sb + 189, sb + 49, sb + 171, sb + 61, 0x40, 0x01, 0x03, 0x80),
+        apart("Kabini", "/dev/mem",
+              [](FakeBoard& board) {
+                  amd::resetForTests();
+                  board.cmdline = "console=ttyS0 platform=gozip";
+                  board.cpuIs(0x16, 0x05);
+                  return made(EkabiniGpioFactory().newXilIntf(0, 0, 0, 0, 0x14, 0), "fodak");
+              },
+              8, sb + 168, sb + 49, sb + 57, sb + 61, 0x40, 0x01, 0x03, 0x80),
         // Pads 116 (TCK), 132 (TMS), 115 (TDI), 131 (TDO): control words at 0x1500 + 4 x pad.
-        {"R1000", "/dev/mem",
-         [](FakeBoard& board) {
-             amd::resetForTests();
-             board.cmdline = "console=ttyS0 platform=tabukccpu";
-             board.cpuIs(0x17, 0x10);
-             return made(EkabiniGpioFactory().newXilIntf(0, 0, 0, 0, 0x14, 0), "tabukccpuSwitchScd");
-         },
-         {{0x16D0, 0x800001}, {0x1710, 0x800001}, {0x16CC, 0x800001}, {0x170C, 0x10000}},
-         {{0x16D0, 0x800011}, {0x1710, 0x800001}, {0x16CC, 0x800001}, {0x170C, 0x10000}},
-         apart(32, 0x16D0, 0x1710, 0x16CC, 0x170C, 0x400000, 0x800001, 0x800001, false, 0),
-         apart(32, 0x16D0, 0x1710, 0x16CC, 0x170C, 0x400000, 0x800001, 0x800011, true, 0x10000)},
+        apart("R1000", "/dev/mem",
+              [](FakeBoard& board) {
+                  amd::resetForTests();
+                  board.cmdline = "console=ttyS0 platform=tabukccpu";
+                  board.cpuIs(0x17, 0x10);
+                  return made(EkabiniGpioFactory().newXilIntf(0, 0, 0, 0, 0x14, 0), "tabukccpuSwitchScd");
+              },
+              32, 0x16D0, 0x1710, 0x16CC, 0x170C, 0x400000, 0x800001, 0x800001, 0x10000),
         // Pad DW0 registers: TCK 0xC20B40, TMS 0xC20B50, TDI 0xC20B20, TDO 0xC20B60 (RX state, bit 1).
-        {"CedarFork", "/dev/mem",
-         [](FakeBoard&) { return made(CedarForkPCHFactory().newXilIntf(0, 0, 0, 0, 0x1f, 0), "kubezShimScd"); },
-         {{0xC20B40, 0x40000200}, {0xC20B50, 0x40000200}, {0xC20B20, 0x40000200}, {0xC20B60, 0x102}},
-         {{0xC20B40, 0x40000210}, {0xC20B50, 0x40000200}, {0xC20B20, 0x40000200}, {0xC20B60, 0x102}},
-         apart(32, 0xC20B40, 0xC20B50, 0xC20B20, 0xC20B60, 0x1, 0x40000200, 0x40000200, false, 0),
-         apart(32, 0xC20B40, 0xC20B50, 0xC20B20, 0xC20B60, 0x1, 0x40000200, 0x40000210, true, 0x102)},
+        apart("CedarFork", "/dev/mem",
+              [](FakeBoard&) { return made(CedarForkPCHFactory().newXilIntf(0, 0, 0, 0, 0x1f, 0), "kubezShimScd"); },
+              32, 0xC20B40, 0xC20B50, 0xC20B20, 0xC20B60, 0x1, 0x40000200, 0x40000200, 0x102),
         // Level registers: TCK (GPIO 12) in bank 0 at 0xf58c, TMS (45) and TDI (44) in bank 1 at 0xf5b8: one
         // write when either changes; TDO (22) in bank 0.
         {"CaveCreek", "theCaveCreekPCHIOHam",
@@ -280,26 +282,16 @@ std::vector<Sequence> sequences() {
              .write(0xf5b8, 0x2001).read(0xf58c, 0x80400010).write(0xf58c, 0x80401010).write(0xf58c, 0x80400010)},
         // One output-data register (0x644): TCK GPIO 15, TMS 14, TDI 12; the falling edge carries the next
         // TMS and TDI. TDO GPIO 13 in the input-data register 0x63c.
-        {"Pex8600", kResource0,
-         [](FakeBoard&) { return made(PlxPex8600Factory().newXilIntf(0, 0, 0, 2, 0, 0), "rotanSeret"); },
-         {{0x644, 0x10001}},
-         {{0x644, 0x10003}, {0x63C, 0x2000}},
-         together(0x644, 0x8000, 0x4000, 0x1000, 0x10001, 0x63C, false, 0),
-         together(0x644, 0x8000, 0x4000, 0x1000, 0x10003, 0x63C, true, 0x2000)},
+        together("Pex8600",
+                 [](FakeBoard&) { return made(PlxPex8600Factory().newXilIntf(0, 0, 0, 2, 0, 0), "rotanSeret"); },
+                 0x644, 0x8000, 0x4000, 0x1000, 0x10001, 0x2, 0x63C, 0x2000),
         // One output-data register (0x624): TCK GPIO 9, TMS 8, TDI 7; TDO 6 at 0x61c. GPIO 10 held high.
-        {"Pex8700", kResource0,
-         [](FakeBoard&) { return made(PlxPex8700Factory().newXilIntf(0, 0, 0, 2, 0, 0), "tilegScd"); },
-         {{0x624, 0x80000400}},
-         {{0x624, 0x80000401}, {0x61C, 0x40}},
-         together(0x624, 0x200, 0x100, 0x80, 0x80000400, 0x61C, false, 0),
-         together(0x624, 0x200, 0x100, 0x80, 0x80000401, 0x61C, true, 0x40)},
+        together("Pex8700",
+                 [](FakeBoard&) { return made(PlxPex8700Factory().newXilIntf(0, 0, 0, 2, 0, 0), "tilegScd"); },
+                 0x624, 0x200, 0x100, 0x80, 0x80000400, 0x1, 0x61C, 0x40),
         // Block 0x10000: output data at 0x10330 (TCK GPIO 0, TMS 1, TDI 2), TDO GPIO 3 at 0x10328.
-        {"Pericom", kResource0,
-         [](FakeBoard&) { return made(PericomGen3Factory().newXilIntf(0, 0, 0, 2, 0, 0), "togif"); },
-         {{0x10330, 0xA0}},
-         {{0x10330, 0xA0 | 0x100}, {0x10328, 0x8}},
-         together(0x10330, 0x1, 0x2, 0x4, 0xA0, 0x10328, false, 0),
-         together(0x10330, 0x1, 0x2, 0x4, 0x1A0, 0x10328, true, 0x8)},
+        together("Pericom", [](FakeBoard&) { return made(PericomGen3Factory().newXilIntf(0, 0, 0, 2, 0, 0), "togif"); },
+                 0x10330, 0x1, 0x2, 0x4, 0xA0, 0x100, 0x10328, 0x8),
         // CTRL: TCK SDP0 (bit 18), TDI SDP1 (bit 19); CTRL_EXT: TMS SDP2 (bit 6), TDO SDP3 (bit 7).
         {"Gbe", kResource0,
          [](FakeBoard&) { return made(IntelGbeControllerFactory().newXilIntf(0, 0, 0, 2, 0, 0), "penetScd"); },

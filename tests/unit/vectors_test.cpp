@@ -3,7 +3,7 @@
 // offset), the number of statements, or the error, its place and its kind.
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <sstream>
 #include <string>
 
 #include "TestSupport.h"
@@ -28,15 +28,10 @@ std::string describe(const Action& a) {
             if (a.stepwise) s += " stepwise";
             break;
         case Action::runTest: {
-            char t[128];
-            std::snprintf(t, sizeof t, " %s %llu TCK %g s", jtag::svfStateName(a.runState),
-                          static_cast<unsigned long long>(a.cycles), a.minSeconds);
-            s += t;
-            if (a.maxSeconds) {
-                std::snprintf(t, sizeof t, " max %g s", a.maxSeconds);
-                s += t;
-            }
-            s += std::string(" end ") + jtag::svfStateName(a.end);
+            std::ostringstream t;  // times as %g writes them
+            t << " " << jtag::svfStateName(a.runState) << " " << a.cycles << " TCK " << a.minSeconds << " s";
+            if (a.maxSeconds) t << " max " << a.maxSeconds << " s";
+            s += t.str() + " end " + jtag::svfStateName(a.end);
             break;
         }
         case Action::frequency:
