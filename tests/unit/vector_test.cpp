@@ -229,29 +229,25 @@ Sequence together(const char* name, Make make, U32 reg, U32 tck, U32 tms, U32 td
     return s;
 }
 
+// The SoC GPIO backend's interface on a board with this platform word and processor.
+Make soc(const char* platform, unsigned family, unsigned model, const char* device) {
+    return [=](FakeBoard& board) {
+        amd::resetForTests();
+        board.cmdline = std::string("console=ttyS0 platform=") + platform;
+        board.cpuIs(family, model);
+        return made(EkabiniGpioFactory().newXilIntf(0, 0, 0, 0, 0x14, 0), device);
+    };
+}
+
 std::vector<Sequence> sequences() {
     const U32 sb = 0x100;  // SB820 and Kabini control bytes
     return {
         apart("SB820", "/sys/bus/pci/devices/0000:02:00.0/resource5",
               [](FakeBoard&) { return made(Sb820Factory().newXilIntf(0, 0, 0, 2, 0, 0), "fodak"); },
               8, sb + 189, sb + 49, sb + 171, sb + 61, 0x40, 0x01, 0x03, 0x80),
-        apart("Kabini", "/dev/mem",
-              [](FakeBoard& board) {
-                  amd::resetForTests();
-                  board.cmdline = "console=ttyS0 platform=gozip";
-                  board.cpuIs(0x16, 0x05);
-                  return made(EkabiniGpioFactory().newXilIntf(0, 0, 0, 0, 0x14, 0), "fodak");
-              },
-              8, sb + 168, sb + 49, sb + 57, sb + 61, 0x40, 0x01, 0x03, 0x80),
+        apart("Kabini", "/dev/mem", soc("gozip", 0x16, 0x05, "fodak"), 8, sb + 168, sb + 49, sb + 57, sb + 61, 0x40, 0x01, 0x03, 0x80),
         // Pads 116 (TCK), 132 (TMS), 115 (TDI), 131 (TDO): control words at 0x1500 + 4 x pad.
-        apart("R1000", "/dev/mem",
-              [](FakeBoard& board) {
-                  amd::resetForTests();
-                  board.cmdline = "console=ttyS0 platform=tabukccpu";
-                  board.cpuIs(0x17, 0x10);
-                  return made(EkabiniGpioFactory().newXilIntf(0, 0, 0, 0, 0x14, 0), "tabukccpuSwitchScd");
-              },
-              32, 0x16D0, 0x1710, 0x16CC, 0x170C, 0x400000, 0x800001, 0x800001, 0x10000),
+        apart("R1000", "/dev/mem", soc("tabukccpu", 0x17, 0x10, "tabukccpuSwitchScd"), 32, 0x16D0, 0x1710, 0x16CC, 0x170C, 0x400000, 0x800001, 0x800001, 0x10000),
         // Pad DW0 registers: TCK 0xC20B40, TMS 0xC20B50, TDI 0xC20B20, TDO 0xC20B60 (RX state, bit 1).
         apart("CedarFork", "/dev/mem",
               [](FakeBoard&) { return made(CedarForkPCHFactory().newXilIntf(0, 0, 0, 0, 0x1f, 0), "kubezShimScd"); },
